@@ -1,0 +1,55 @@
+#include "ostrel/platform/files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace ostrel::platform {
+
+namespace {
+
+class RealFiles final : public Files {
+  public:
+    std::optional<std::string> read(const std::string &path) const override {
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            return std::nullopt;
+        }
+        std::string contents;
+        char chunk[65536];
+        for (;;) {
+            ssize_t n = ::read(fd, chunk, sizeof chunk);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n < 0) {
+                ::close(fd);
+                return std::nullopt;
+            }
+            if (n == 0) {
+                break;
+            }
+            contents.append(chunk, static_cast<std::size_t>(n));
+        }
+        ::close(fd);
+        return contents;
+    }
+};
+
+}  // namespace
+
+const Files &realFiles() {
+    static const RealFiles files;
+    return files;
+}
+
+std::optional<std::string> FakeFiles::read(const std::string &path) const {
+    auto it = files_.find(path);
+    if (it == files_.end()) {
+        return std::nullopt;
+    }
+    return it->second;
+}
+
+}  // namespace ostrel::platform
