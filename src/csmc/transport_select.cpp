@@ -1,0 +1,31 @@
+// Picks the transport that OSTREL_SMC names.
+
+#include <string>
+
+#include "csmc/transport.h"
+#include "ostrel/vsmc/memory_transport.h"
+
+namespace csmc {
+
+OpenedTransport openTransport(std::string_view selector) {
+    constexpr std::string_view kMemory = "memory:";
+    if (selector.starts_with(kMemory)) {
+        std::string_view profile = selector.substr(kMemory.size());
+        if (profile.empty()) {
+            return {SMC_ENOSERVICE, nullptr,
+                    "OSTREL_SMC=memory: needs a profile name or file, e.g. "
+                    "memory:macbookpro10-1"};
+        }
+        return ostrel::vsmc::openSharedMachine(profile);
+    }
+    if (selector.empty()) {
+        return {SMC_ENOSERVICE, nullptr,
+                "no SMC found; set OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or "
+                "applesmc[:DIR]"};
+    }
+    return {SMC_ENOSERVICE, nullptr,
+            "unknown transport in OSTREL_SMC='" + std::string(selector) +
+                "' (expected memory:PROFILE, vsmc:SOCKET or applesmc[:DIR])"};
+}
+
+}  // namespace csmc
