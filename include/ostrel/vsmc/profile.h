@@ -1,0 +1,78 @@
+// Machine profiles: the text files that describe a virtual Mac's SMC key table.
+//
+// The format is documented in docs/vsmc-profiles.md. In short, one directive per line:
+//
+//     # a comment
+//     model MacBookPro10,1
+//     key TC0P sp78 2 0xc0 63.4
+//     key FS!  ui16 2 0xc0 0
+//     key F0ID {fds 16 0x80 <00 00 0c 00> "Left side"
+//
+// Parsing is pure (text in, Profile out); loading by name or path reads a file.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ostrel/platform/files.h"
+
+namespace ostrel::vsmc {
+
+// One key of an SMC key table.
+struct KeyEntry {
+    std::uint32_t key = 0;
+    std::uint32_t type = 0;
+    std::uint32_t size = 0;  // may exceed 32 only in hand-built tables (tests)
+    std::uint8_t attributes = 0;
+    std::array<std::uint8_t, 32> bytes{};
+
+    bool operator==(const KeyEntry &) const = default;
+};
+
+struct Profile {
+    std::string source;          // where it came from: a file path or "builtin:NAME"
+    std::string model;           // the model identifier, e.g. "MacBookPro10,1"
+    std::vector<KeyEntry> keys;  // in file order
+};
+
+// A profile that cannot be used; what() reads "SOURCE:LINE: message" (or "SOURCE: message"
+// when no line is to blame).
+// `missing()` tells a profile that does not exist from one that does not parse.
+class ProfileError : public std::runtime_error {
+  public:
+    explicit ProfileError(const std::string &message, bool missing = false)
+        : std::runtime_error(message), missing_(missing) {}
+    bool missing() const { return missing_; }
+
+  private:
+    bool missing_;
+};
+
+// Parses profile text. `source` names it in error messages. Throws ProfileError.
+Profile parseProfile(std::string_view text, const std::string &source);
+
+// Writes a profile in the text format; parseProfile of the result gives the same model and
+// keys. Values are written as numbers where that is exact, otherwise as bytes or text.
+std::string formatProfile(const Profile &profile);
+
+// The names of the profiles built into the binaries, sorted.
+std::vector<std::string> builtinProfileNames();
+
+// The text of a built-in profile, or nothing.
+std::optional<std::string_view> builtinProfileText(std::string_view name);
+
+// A built-in profile by name, or else the file at that path. Throws ProfileError when
+// neither exists or the text does not parse.
+Profile loadProfile(const std::string &nameOrPath,
+                    const platform::Files &files = platform::realFiles());
+
+// A code as profile text: the bare characters when they are printable and need no
+// quoting (trailing blanks dropped, so 'FS! ' is FS!), otherwise a quoted form.
+std::string codeToken(std::uint32_t code);
+
+}  // namespace ostrel::vsmc

@@ -1,0 +1,408 @@
+#include "ostrel/vsmc/profile.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <map>
+
+#include "csmc/smc.h"
+#include "ostrel/platform/embedded.h"
+
+namespace ostrel::embedded {
+extern const EmbeddedFile builtinProfiles[];
+extern const std::size_t builtinProfilesCount;
+}  // namespace ostrel::embedded
+
+namespace ostrel::vsmc {
+
+namespace {
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r';
+}
+bool isPrintable(unsigned char c) {
+    return c >= 32 && c <= 126;
+}
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+struct Token {
+    enum Kind { Bare, Quoted, Bytes } kind = Bare;
+    std::string text;  // Bare: the characters; Quoted and Bytes: the decoded bytes
+};
+
+// Reports errors against one line of one source.
+struct LineContext {
+    const std::string &source;
+    std::size_t line;
+
+    [[noreturn]] void fail(const std::string &message) const {
+        throw ProfileError(fmt::format("{}:{}: {}", source, line, message));
+    }
+};
+
+std::vector<Token> tokenize(std::string_view text, const LineContext &at) {
+    std::vector<Token> tokens;
+    std::size_t i = 0;
+    while (true) {
+        while (i < text.size() && isBlank(text[i])) {
+            ++i;
+        }
+        if (i >= text.size()) {
+            return tokens;
+        }
+        Token token;
+        if (text[i] == '"') {
+            token.kind = Token::Quoted;
+            ++i;
+            bool closed = false;
+            while (i < text.size()) {
+                char c = text[i++];
+                if (c == '"') {
+                    closed = true;
+                    break;
+                }
+                if (c != '\\') {
+                    token.text.push_back(c);
+                    continue;
+                }
+                if (i >= text.size()) {
+                    break;
+                }
+                char e = text[i++];
+                if (e == '\\' || e == '"') {
+                    token.text.push_back(e);
+                } else if (e == 'x' && i + 1 < text.size() && hexValue(text[i]) >= 0 &&
+                           hexValue(text[i + 1]) >= 0) {
+                    token.text.push_back(
+                        static_cast<char>(hexValue(text[i]) * 16 + hexValue(text[i + 1])));
+                    i += 2;
+                } else {
+                    at.fail(fmt::format(
+                        "unknown escape '\\{}' in quoted text (use \\\\, \\\" or \\xNN)", e));
+                }
+            }
+            if (!closed) {
+                at.fail("quoted text is not closed");
+            }
+        } else if (text[i] == '<') {
+            token.kind = Token::Bytes;
+            ++i;
+            std::string digits;
+            bool closed = false;
+            while (i < text.size()) {
+                char c = text[i++];
+                if (c == '>') {
+                    closed = true;
+                    break;
+                }
+                if (isBlank(c)) {
+                    continue;
+                }
+                if (hexValue(c) < 0) {
+                    at.fail(fmt::format("'{}' is not a hexadecimal digit in a byte list", c));
+                }
+                digits.push_back(c);
+            }
+            if (!closed) {
+                at.fail("byte list is not closed with '>'");
+            }
+            if (digits.size() % 2 != 0) {
+                at.fail("byte list has an odd number of hexadecimal digits");
+            }
+            for (std::size_t d = 0; d < digits.size(); d += 2) {
+                token.text.push_back(
+                    static_cast<char>(hexValue(digits[d]) * 16 + hexValue(digits[d + 1])));
+            }
+        } else {
+            while (i < text.size() && !isBlank(text[i])) {
+                token.text.push_back(text[i++]);
+            }
+        }
+        tokens.push_back(std::move(token));
+    }
+}
+
+// A key or type code: 1 to 4 characters, padded with blanks like every four-character code.
+std::uint32_t parseCode(const Token &token, const char *what, const LineContext &at) {
+    if (token.kind == Token::Bytes) {
+        at.fail(fmt::format("{} must be text, not a byte list", what));
+    }
+    if (token.text.empty() || token.text.size() > 4) {
+        at.fail(fmt::format("{} '{}' must be 1 to 4 characters", what, token.text));
+    }
+    std::uint32_t code = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        unsigned char c = i < token.text.size() ? static_cast<unsigned char>(token.text[i]) : ' ';
+        code = (code << 8) | c;
+    }
+    return code;
+}
+
+template <typename T>
+bool parseUnsigned(const std::string &text, T &out) {
+    int base = 10;
+    std::string_view digits = text;
+    if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) {
+        base = 16;
+        digits.remove_prefix(2);
+    }
+    auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), out, base);
+    return ec == std::errc() && end == digits.data() + digits.size() && !digits.empty();
+}
+
+std::optional<double> parseNumber(const std::string &text) {
+    double value = 0;
+    const char *begin = text.data();
+    if (!text.empty() && text[0] == '+') {
+        ++begin;
+    }
+    auto [end, ec] = std::from_chars(begin, text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+KeyEntry parseKeyRow(const std::vector<Token> &tokens, const LineContext &at) {
+    if (tokens.size() < 5) {
+        at.fail("a key row needs: key KEY TYPE SIZE ATTRIBUTES [VALUE]");
+    }
+    KeyEntry entry;
+    entry.key = parseCode(tokens[1], "key", at);
+    entry.type = parseCode(tokens[2], "type", at);
+    if (tokens[3].kind != Token::Bare || !parseUnsigned(tokens[3].text, entry.size) ||
+        entry.size > SMC_MAX_DATA) {
+        at.fail(fmt::format("size '{}' must be a number from 0 to 32", tokens[3].text));
+    }
+    if (tokens[4].kind != Token::Bare || !parseUnsigned(tokens[4].text, entry.attributes)) {
+        at.fail(fmt::format("attributes '{}' must be a byte (0x00 to 0xff)", tokens[4].text));
+    }
+    if (tokens.size() == 6 && tokens[5].kind == Token::Bare) {
+        auto number = parseNumber(tokens[5].text);
+        if (!number) {
+            at.fail(
+                fmt::format("value '{}' is not a number (text goes in double quotes, "
+                            "bytes in <...>)",
+                            tokens[5].text));
+        }
+        if (!smc_encode_double(entry.type, entry.size, entry.bytes.data(), *number)) {
+            at.fail(fmt::format("value {} cannot be encoded as type '{}' in {} bytes",
+                                tokens[5].text, codeToken(entry.type), entry.size));
+        }
+        return entry;
+    }
+    std::string bytes;
+    for (std::size_t i = 5; i < tokens.size(); ++i) {
+        if (tokens[i].kind == Token::Bare) {
+            at.fail(
+                fmt::format("'{}': a number must be the whole value; text goes in double "
+                            "quotes, bytes in <...>",
+                            tokens[i].text));
+        }
+        bytes += tokens[i].text;
+    }
+    if (bytes.size() > entry.size) {
+        at.fail(
+            fmt::format("value has {} bytes but the key's size is {}", bytes.size(), entry.size));
+    }
+    std::copy(bytes.begin(), bytes.end(), entry.bytes.begin());
+    return entry;
+}
+
+std::string quoted(std::string_view bytes) {
+    std::string out = "\"";
+    for (char ch : bytes) {
+        auto c = static_cast<unsigned char>(ch);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += ch;
+        } else if (isPrintable(c)) {
+            out += ch;
+        } else {
+            out += fmt::format("\\x{:02x}", c);
+        }
+    }
+    return out + "\"";
+}
+
+std::string byteList(const std::uint8_t *bytes, std::size_t count) {
+    std::string out = "<";
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i > 0) {
+            out += ' ';
+        }
+        out += fmt::format("{:02x}", bytes[i]);
+    }
+    return out + ">";
+}
+
+// The value as the format's most readable exact text.
+std::string formatValue(const KeyEntry &entry) {
+    std::size_t size = std::min<std::size_t>(entry.size, SMC_MAX_DATA);
+    const std::uint8_t *bytes = entry.bytes.data();
+    double number = 0;
+    if (smc_decode_double(entry.type, bytes, static_cast<std::uint32_t>(size), &number)) {
+        std::string text = fmt::format("{}", number);
+        std::array<std::uint8_t, 32> again{};
+        auto reread = parseNumber(text);
+        if (reread &&
+            smc_encode_double(entry.type, static_cast<std::uint32_t>(size), again.data(),
+                              *reread) &&
+            std::equal(bytes, bytes + size, again.begin())) {
+            return text;
+        }
+    }
+    std::size_t used = size;
+    while (used > 0 && bytes[used - 1] == 0) {
+        --used;
+    }
+    if (used == 0) {
+        return size == 0 ? "" : "<>";
+    }
+    // A printable tail of at least two characters reads better as text, with whatever
+    // precedes it (the header of a fan description, say) as bytes.
+    std::size_t start = used;
+    while (start > 0 && isPrintable(bytes[start - 1])) {
+        --start;
+    }
+    if (used - start < 2) {
+        return byteList(bytes, used);
+    }
+    std::string text = quoted({reinterpret_cast<const char *>(bytes + start), used - start});
+    return start == 0 ? text : byteList(bytes, start) + " " + text;
+}
+
+}  // namespace
+
+std::string codeToken(std::uint32_t code) {
+    std::string chars;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        chars.push_back(static_cast<char>((code >> shift) & 0xFF));
+    }
+    std::string trimmed = chars;
+    while (!trimmed.empty() && trimmed.back() == ' ') {
+        trimmed.pop_back();
+    }
+    bool bare = !trimmed.empty() && std::all_of(trimmed.begin(), trimmed.end(), [](char c) {
+        auto u = static_cast<unsigned char>(c);
+        return isPrintable(u) && c != ' ' && c != '"' && c != '<';
+    });
+    return bare ? trimmed : quoted(chars);
+}
+
+Profile parseProfile(std::string_view text, const std::string &source) {
+    Profile profile;
+    profile.source = source;
+    std::map<std::uint32_t, std::size_t> seenOn;
+    bool haveModel = false;
+    std::size_t lineNo = 0;
+    while (!text.empty()) {
+        ++lineNo;
+        std::size_t eol = text.find('\n');
+        std::string_view line = text.substr(0, eol);
+        text = eol == std::string_view::npos ? std::string_view{} : text.substr(eol + 1);
+
+        LineContext at{source, lineNo};
+        std::size_t first = 0;
+        while (first < line.size() && isBlank(line[first])) {
+            ++first;
+        }
+        if (first == line.size() || line[first] == '#') {
+            continue;
+        }
+        std::vector<Token> tokens = tokenize(line, at);
+        const Token &directive = tokens[0];
+        if (directive.kind == Token::Bare && directive.text == "model") {
+            std::size_t start = line.find("model") + 5;
+            std::string_view rest = line.substr(start);
+            while (!rest.empty() && isBlank(rest.front())) {
+                rest.remove_prefix(1);
+            }
+            while (!rest.empty() && isBlank(rest.back())) {
+                rest.remove_suffix(1);
+            }
+            if (rest.empty()) {
+                at.fail("'model' needs a model identifier, e.g. model MacBookPro10,1");
+            }
+            profile.model = std::string(rest);
+            haveModel = true;
+        } else if (directive.kind == Token::Bare && directive.text == "key") {
+            KeyEntry entry = parseKeyRow(tokens, at);
+            auto [it, inserted] = seenOn.emplace(entry.key, lineNo);
+            if (!inserted) {
+                at.fail(fmt::format("key {} appears twice (first on line {})", codeToken(entry.key),
+                                    it->second));
+            }
+            profile.keys.push_back(entry);
+        } else {
+            at.fail(
+                fmt::format("unknown directive '{}' (expected 'model' or 'key')", directive.text));
+        }
+    }
+    if (!haveModel) {
+        throw ProfileError(fmt::format("{}: no 'model' line", source));
+    }
+    return profile;
+}
+
+std::string formatProfile(const Profile &profile) {
+    std::string out = fmt::format("model {}\n", profile.model);
+    for (const KeyEntry &entry : profile.keys) {
+        std::string value = formatValue(entry);
+        out += fmt::format("key {:<6} {:<6} {:>2} 0x{:02x}{}{}\n", codeToken(entry.key),
+                           codeToken(entry.type), entry.size, entry.attributes,
+                           value.empty() ? "" : " ", value);
+    }
+    return out;
+}
+
+std::vector<std::string> builtinProfileNames() {
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < embedded::builtinProfilesCount; ++i) {
+        names.emplace_back(embedded::builtinProfiles[i].name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::optional<std::string_view> builtinProfileText(std::string_view name) {
+    for (std::size_t i = 0; i < embedded::builtinProfilesCount; ++i) {
+        if (name == embedded::builtinProfiles[i].name) {
+            return embedded::builtinProfiles[i].text();
+        }
+    }
+    return std::nullopt;
+}
+
+Profile loadProfile(const std::string &nameOrPath, const platform::Files &files) {
+    if (auto text = builtinProfileText(nameOrPath)) {
+        return parseProfile(*text, "builtin:" + nameOrPath);
+    }
+    auto text = files.read(nameOrPath);
+    if (!text) {
+        std::string known;
+        for (const std::string &name : builtinProfileNames()) {
+            known += (known.empty() ? "" : ", ") + name;
+        }
+        throw ProfileError(
+            fmt::format("no profile '{}': not a built-in profile ({}) nor a readable file",
+                        nameOrPath, known),
+            true);
+    }
+    return parseProfile(*text, nameOrPath);
+}
+
+}  // namespace ostrel::vsmc
