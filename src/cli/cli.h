@@ -1,0 +1,26 @@
+// The `ostrel` command-line program, as a library so that tests can run it in-process.
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <memory>
+
+#include "ostrel/smc.h"
+
+namespace ostrel::cli {
+
+// What a run of the program talks to. The defaults are the real ones.
+struct Context {
+    std::ostream *out;
+    std::ostream *err;
+    // Opens the SMC connection; throws SMCError.
+    std::function<std::shared_ptr<SMC>()> openSmc;
+};
+
+Context defaultContext();
+
+// Runs the program; returns the exit status: 0 success, 1 failure (the message is on
+// `err`), 2 usage error.
+int run(int argc, const char *const *argv, Context &context);
+
+}  // namespace ostrel::cli
