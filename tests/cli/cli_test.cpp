@@ -1,0 +1,65 @@
+// The command-line program run in-process against a virtual Mac.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "cli.h"
+#include "support/test_machine.h"
+
+namespace {
+
+using namespace ostrel;
+using testing::HasSubstr;
+
+class CliTest : public testing::Test {
+  protected:
+    vsmc::Machine machine = test::machineFromRows(
+        "key F0Ac fpe2 2 0x90 2982\n"
+        "key RPlt ch8* 8 0x80 \"j31\"\n");
+    std::ostringstream out, err;
+
+    int run(std::vector<const char *> args) {
+        args.insert(args.begin(), "ostrel");
+        cli::Context context{
+            &out, &err, [this] {
+                return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
+            }};
+        return cli::run(static_cast<int>(args.size()), args.data(), context);
+    }
+};
+
+TEST_F(CliTest, SmcReadPrintsTypeBytesAndValue) {
+    EXPECT_EQ(run({"smc", "read", "F0Ac"}), 0);
+    EXPECT_EQ(out.str(), "F0Ac  fpe2  2 bytes  attributes 0x90  [2e 98]  2982\n");
+}
+
+TEST_F(CliTest, SmcReadJson) {
+    EXPECT_EQ(run({"smc", "read", "F0Ac", "--json"}), 0);
+    EXPECT_EQ(Json::parse(out.str()),
+              Json::parse(R"({"key":"F0Ac","type":"fpe2","size":2,"attributes":144,
+                              "bytes":"2e 98","display":"2982","value":2982.0})"));
+}
+
+TEST_F(CliTest, SmcKeysListsTheWholeTable) {
+    EXPECT_EQ(run({"smc", "keys"}), 0);
+    EXPECT_THAT(out.str(), HasSubstr("    2  RPlt  ch8*     8  0x80  \"j31\"\n"));
+    out.str("");
+    EXPECT_EQ(run({"smc", "keys", "--json"}), 0);
+    Json rows = Json::parse(out.str());
+    ASSERT_EQ(rows.size(), 3u);
+    EXPECT_EQ(rows[0]["key"], "#KEY");
+    EXPECT_EQ(rows[0]["value"], 3);
+}
+
+TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
+    EXPECT_EQ(run({"smc", "read", "NOPE"}), 1);
+    EXPECT_EQ(err.str(), "ostrel: SMC key 'NOPE' not found\n");
+    err.str("");
+    EXPECT_EQ(run({"smc", "read"}), 2);
+    EXPECT_THAT(err.str(), HasSubstr("KEY is required"));
+    EXPECT_EQ(run({"frobnicate"}), 2);
+}
+
+}  // namespace

@@ -1,0 +1,179 @@
+// The kit's SMC layer: codes, values, errors and the connection's operations.
+
+#include <gtest/gtest.h>
+
+#include "ostrel/smc.h"
+#include "support/test_machine.h"
+
+namespace {
+
+using namespace ostrel;
+using vsmc::Machine;
+
+SMCValue value(const char *type, std::vector<std::uint8_t> bytes) {
+    return {FourCC("TEST"), FourCC(type), std::move(bytes)};
+}
+
+TEST(FourCCTest, TextIsPaddedCutAndShownPrintable) {
+    EXPECT_EQ(FourCC("flt").rawValue, 0x666C7420u);
+    EXPECT_EQ(FourCC("").rawValue, 0x20202020u);
+    EXPECT_EQ(FourCC("ABCDE"), FourCC("ABCD"));
+    EXPECT_EQ(FourCC("ab").description(), "ab  ");
+    EXPECT_EQ(FourCC(0x7F414243u).description(), "?ABC");
+    EXPECT_EQ(FourCC(0x00000041u).description(), "???A");
+    EXPECT_EQ(FourCC("TC0P").rawValue, 0x54433050u);
+    EXPECT_EQ(Json(FourCC("FS!")).get<std::string>(), "FS! ");
+    EXPECT_EQ(Json("ui8").get<FourCC>(), FourCC("ui8 "));
+}
+
+TEST(SMCKeyInfoTest, JsonHasTheFourMembersInOrderAndReadsBack) {
+    SMCKeyInfo info{"TC0P", "sp78", 2, 0xC0};
+    Json json = info;
+    EXPECT_EQ(json.dump(), R"({"key":"TC0P","type":"sp78","size":2,"attributes":192})");
+    EXPECT_EQ(json.get<SMCKeyInfo>(), info);
+    EXPECT_NE(std::hash<SMCKeyInfo>{}(info),
+              std::hash<SMCKeyInfo>{}(SMCKeyInfo{"TC0P", "sp78", 2, 0x80}));
+}
+
+TEST(SMCValueTest, DisplayPicksNumberTextOrBytes) {
+    EXPECT_EQ(value("ui8 ", {0x2A}).display(), "42");
+    EXPECT_EQ(value("si8 ", {0xFD}).display(), "-3");
+    EXPECT_EQ(value("flt ", {0x00, 0x00, 0x35, 0x42}).display(), "45.250");
+    EXPECT_EQ(value("ch8*", {'M', '1', 0, 0}).display(), "\"M1\"");
+    EXPECT_EQ(value("ch8*", {0, 0, 0, 0}).display(), "[00 00 00 00]");
+    EXPECT_EQ(value("{fds", {'A', 0x01, 'B', 0}).display(), "\"AB\"");
+    EXPECT_EQ(value("zzzz", {0x01, 0x02}).display(), "[01 02]");
+    EXPECT_EQ(value("zzzz", {}).display(), "[]");
+    EXPECT_EQ(value("zzzz", {0x00, 0x1F, 0xA0}).hex(), "00 1f a0");
+    // 1e15 is whole but too large for integer text.
+    EXPECT_EQ(value("ui64", {0x00, 0x03, 0x8D, 0x7E, 0xA4, 0xC6, 0x80, 0x00}).display(),
+              "1000000000000000.000");
+}
+
+TEST(SMCCodecTest, EncodeReturnsExactlySizeBytesOrThrowsUnsupportedType) {
+    EXPECT_EQ(SMCCodec::encode(2000, "fpe2", 2), (std::vector<std::uint8_t>{0x1F, 0x40}));
+    EXPECT_EQ(SMCCodec::decode(std::vector<std::uint8_t>{0x1F, 0x40}, "fpe2"), 2000);
+    EXPECT_EQ(SMCCodec::decode(std::vector<std::uint8_t>{0x1F}, "fpe2"), std::nullopt);
+    for (auto [type, size] :
+         {std::pair<const char *, std::size_t>{"ui8 ", 0}, {"ui8 ", 33}, {"ioft", 8}}) {
+        try {
+            SMCCodec::encode(1, type, size);
+            ADD_FAILURE() << type << " " << size;
+        } catch (const SMCError &e) {
+            EXPECT_EQ(e, SMCError::unsupportedType(FourCC::unknown, type));
+        }
+    }
+}
+
+TEST(SMCErrorTest, MessagesAreWordedForUsers) {
+    EXPECT_STREQ(SMCError::fromStatus(-1, "X", "Y").what(), "AppleSMC service not found");
+    EXPECT_STREQ(SMCError::fromStatus(-2, "X", "Y").what(), "cannot open AppleSMC");
+    EXPECT_STREQ(SMCError::fromStatus(-3, "XXXX", "Y").what(), "SMC key 'XXXX' not found");
+    EXPECT_STREQ(SMCError::fromStatus(-4, "F0Tg", "Y").what(), "SMC key 'F0Tg': size mismatch");
+    EXPECT_STREQ(SMCError::fromStatus(-5, "RPlt", "ch8*").what(),
+                 "SMC key 'RPlt': unsupported type 'ch8*'");
+    EXPECT_STREQ(SMCError::fromStatus(-6, "X", "Y").what(),
+                 "SMC write requires root (install the helper: ostrel helper install)");
+    EXPECT_STREQ(SMCError::fromStatus(-7, FourCC(0x46300A67u), "Y").what(),
+                 "SMC rejected request for 'F0?g'");
+    EXPECT_STREQ(SMCError::fromStatus(-8, "X", "Y").what(), "out of memory");
+    SMCError kernel = SMCError::fromStatus(static_cast<std::int32_t>(0xE00002C2u), "X", "Y");
+    EXPECT_EQ(kernel.kind(), SMCError::Kind::kernel);
+    EXPECT_STREQ(kernel.what(), "IOKit error 0xe00002c2");
+    EXPECT_EQ(SMCError::fromStatus(-3, "A", "B"), SMCError::keyNotFound("A"));
+    EXPECT_FALSE(SMCError::keyNotFound("A") == SMCError::keyNotFound("B"));
+}
+
+class SMCTest : public testing::Test {
+  protected:
+    Machine machine = test::machineFromRows(
+        "key F0Tg fpe2 2 0xd0 2000\n"
+        "key F0Mx fpe2 2 0x80 6000\n"
+        "key RPlt ch8* 8 0x80 \"j31\"\n"
+        "key CLKH {clh 8 0xc0 <00 01>\n"
+        "key LOCK ioft 8 0xc0\n"
+        "key TC0P sp78 2 0xc0 45.5\n");
+    SMC smc{std::make_unique<vsmc::MemoryTransport>(machine)};
+
+    template <typename F>
+    SMCError errorOf(F &&f) {
+        try {
+            f();
+        } catch (const SMCError &e) {
+            return e;
+        }
+        ADD_FAILURE() << "no error";
+        return SMCError::outOfMemory();
+    }
+};
+
+TEST_F(SMCTest, ReadsKeysValuesAndNumbers) {
+    EXPECT_EQ(smc.keyCount(), 7u);
+    EXPECT_EQ(smc.key(0), FourCC("#KEY"));
+    EXPECT_EQ(smc.allKeys().size(), 7u);
+    EXPECT_EQ(smc.info("TC0P"), (SMCKeyInfo{"TC0P", "sp78", 2, 0xC0}));
+    SMCValue v = smc.read("RPlt");
+    EXPECT_EQ(v.type, FourCC("ch8*"));
+    EXPECT_EQ(v.bytes.size(), 8u);
+    EXPECT_EQ(v.display(), "\"j31\"");
+    EXPECT_EQ(smc.readDouble("TC0P"), 45.5);
+}
+
+TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
+    EXPECT_EQ(errorOf([&] { smc.read("NOPE"); }), SMCError::keyNotFound("NOPE"));
+    EXPECT_STREQ(errorOf([&] { smc.read("NOPE"); }).what(), "SMC key 'NOPE' not found");
+    EXPECT_EQ(errorOf([&] { smc.readDouble("RPlt"); }), SMCError::unsupportedType("RPlt", "ch8*"));
+    EXPECT_EQ(errorOf([&] { smc.readDouble("NOPE"); }), SMCError::keyNotFound("NOPE"));
+    EXPECT_EQ(errorOf([&] { smc.write("LOCK", 1.0); }),
+              SMCError::unsupportedType(FourCC::unknown, "ioft"));
+    std::vector<std::uint8_t> tooLong{0, 0, 0};
+    EXPECT_EQ(errorOf([&] { smc.write("F0Tg", tooLong); }), SMCError::sizeMismatch("F0Tg"));
+    EXPECT_EQ(errorOf([&] { smc.write("F0Mx", 5000.0); }), SMCError::firmware("F0Mx"));
+}
+
+TEST_F(SMCTest, WritesNumbersInTheKeysOwnEncoding) {
+    smc.write("F0Tg", 3000.0);
+    EXPECT_EQ(machine.journal().back().bytes, (std::vector<std::uint8_t>{0x2E, 0xE0}));
+    EXPECT_EQ(smc.readDouble("F0Tg"), 3000);
+}
+
+TEST_F(SMCTest, HasIsFalseForUnknownKeysAndAsksOnlyOnce) {
+    EXPECT_TRUE(smc.has("TC0P"));
+    EXPECT_FALSE(smc.has("NOPE"));
+    std::uint64_t before = machine.totalExchanges();
+    EXPECT_FALSE(smc.has("NOPE"));
+    EXPECT_EQ(machine.totalExchanges(), before);
+}
+
+TEST_F(SMCTest, SeedingSparesTheInformationExchange) {
+    smc.seed({"TC0P", "sp78", 2, 0xC0});
+    EXPECT_EQ(smc.readDouble("TC0P"), 45.5);
+    EXPECT_EQ(machine.count(SMC_CMD_KEY_INFO), 0u);
+}
+
+TEST_F(SMCTest, AllKeysSkipsIndexesThatFail) {
+    machine.injectFault({std::nullopt, SMC_CMD_KEY_AT_INDEX, 2, SMC_KERN_IO_ERROR, 0});
+    std::vector<FourCC> keys = smc.allKeys();
+    ASSERT_EQ(keys.size(), 5u);
+    EXPECT_EQ(keys.front(), FourCC("F0Mx")) << "#KEY and CLKH were the failing indexes";
+}
+
+TEST_F(SMCTest, KeyCountFailureIsReportedAgainstKEY) {
+    machine.injectFault({FourCC("#KEY").rawValue, SMC_CMD_READ, 1, 0, 0x85});
+    EXPECT_EQ(errorOf([&] { smc.keyCount(); }), SMCError::firmware("#KEY"));
+    EXPECT_EQ(errorOf([&] { smc.key(99); }), SMCError::firmware(FourCC::unknown));
+}
+
+TEST(SMCOpen, WithoutAServiceTheUserIsToldWhatToSet) {
+    unsetenv("OSTREL_SMC");
+    try {
+        SMC smc;
+        FAIL();
+    } catch (const SMCError &e) {
+        EXPECT_EQ(e, SMCError::noService());
+        EXPECT_STREQ(e.what(), "AppleSMC service not found");
+        EXPECT_NE(SMC::openDetail().find("OSTREL_SMC"), std::string::npos);
+    }
+}
+
+}  // namespace

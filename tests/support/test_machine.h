@@ -1,0 +1,38 @@
+// Test helpers: virtual machines from inline profile text, and channel connections on them.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "csmc/smc.h"
+#include "csmc/transport.h"
+#include "ostrel/vsmc/machine.h"
+#include "ostrel/vsmc/memory_transport.h"
+
+namespace ostrel::test {
+
+// A machine from key rows (the model line is added).
+inline vsmc::Machine machineFromRows(const std::string &rows, const std::string &model = "Test,1") {
+    return vsmc::Machine(vsmc::parseProfile("model " + model + "\n" + rows, "test"));
+}
+
+inline vsmc::Machine builtinMachine(const std::string &name) {
+    return vsmc::Machine(vsmc::loadProfile(name));
+}
+
+// A channel connection on a machine owned by the test; closed with the object.
+class Connection {
+  public:
+    explicit Connection(vsmc::Machine &machine, vsmc::Caller caller = {}) {
+        csmc::openConnection(&conn_, std::make_unique<vsmc::MemoryTransport>(machine, caller));
+    }
+    ~Connection() { smc_close(conn_); }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+    smc_conn *get() const { return conn_; }
+
+  private:
+    smc_conn *conn_ = nullptr;
+};
+
+}  // namespace ostrel::test

@@ -1,0 +1,157 @@
+// Machine profiles: the text format, its errors, and the built-in machines.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "csmc/smc.h"
+#include "ostrel/vsmc/machine.h"
+#include "ostrel/vsmc/profile.h"
+
+namespace {
+
+using namespace ostrel::vsmc;
+using testing::HasSubstr;
+
+std::string errorOf(const std::string &text) {
+    try {
+        parseProfile(text, "fans.profile");
+    } catch (const ProfileError &e) {
+        return e.what();
+    }
+    return "(parsed)";
+}
+
+const KeyEntry &keyOf(const Profile &p, const char *key) {
+    for (const KeyEntry &e : p.keys) {
+        if (e.key == smc_fourcc(key)) {
+            return e;
+        }
+    }
+    throw std::runtime_error(std::string("no key ") + key);
+}
+
+TEST(ProfileText, ParsesNumbersBytesTextAndPaddedCodes) {
+    Profile p = parseProfile(
+        "# comment\n"
+        "\n"
+        "model  MacBookPro10,1 \n"
+        "key FS! ui16 2 0xc0 3\n"
+        "key \"F0ID\" {fds 16 0x80 <00 00 0c 00> \"Left side\"\n"
+        "key TC0P sp78 2 192 -0.5\n"
+        "key RPlt ch8* 8 0x80 \"a\\\"b\\x01\"\n"
+        "key Zero flag 1 0x80\n",
+        "x.profile");
+    EXPECT_EQ(p.model, "MacBookPro10,1");
+    ASSERT_EQ(p.keys.size(), 5u);
+    const KeyEntry &mask = keyOf(p, "FS! ");
+    EXPECT_EQ(mask.type, smc_fourcc("ui16"));
+    EXPECT_EQ(mask.bytes[1], 3);
+    const KeyEntry &fan = keyOf(p, "F0ID");
+    EXPECT_EQ(fan.size, 16u);
+    EXPECT_EQ(fan.bytes[2], 0x0c);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(&fan.bytes[4]), 9), "Left side");
+    EXPECT_EQ(fan.bytes[13], 0);
+    EXPECT_EQ(keyOf(p, "TC0P").attributes, 192);
+    EXPECT_EQ(keyOf(p, "TC0P").bytes[0], 0xFF);
+    const KeyEntry &text = keyOf(p, "RPlt");
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(text.bytes.data()), 4), "a\"b\x01");
+    EXPECT_EQ(keyOf(p, "Zero").bytes[0], 0);
+}
+
+TEST(ProfileText, ErrorsNameTheFileAndLine) {
+    const std::string model = "model M,1\n";
+    EXPECT_EQ(errorOf(model + "key TC0P sp78 2 0xc0 300\n"),
+              "fans.profile:2: value 300 cannot be encoded as type 'sp78' in 2 bytes");
+    EXPECT_EQ(errorOf(model + "\nkey TC0P sp78 2\n"),
+              "fans.profile:3: a key row needs: key KEY TYPE SIZE ATTRIBUTES [VALUE]");
+    EXPECT_THAT(errorOf(model + "key TC0PX sp78 2 0xc0 1\n"), HasSubstr(":2: key 'TC0PX'"));
+    EXPECT_THAT(errorOf(model + "key TC0P sp78 33 0xc0\n"), HasSubstr(":2: size '33'"));
+    EXPECT_THAT(errorOf(model + "key TC0P sp78 2 0x100 1\n"), HasSubstr(":2: attributes"));
+    EXPECT_THAT(errorOf(model + "key TC0P sp78 2 0xc0 warm\n"), HasSubstr("is not a number"));
+    EXPECT_THAT(errorOf(model + "key TC0P sp78 2 0xc0 1 2\n"),
+                HasSubstr("must be the whole value"));
+    EXPECT_THAT(errorOf(model + "key RPlt ch8* 2 0x80 \"abc\"\n"),
+                HasSubstr(":2: value has 3 bytes but the key's size is 2"));
+    EXPECT_THAT(errorOf(model + "key RPlt ch8* 8 0x80 \"abc\n"), HasSubstr("not closed"));
+    EXPECT_THAT(errorOf(model + "key RPlt ch8* 8 0x80 <0a 1>\n"), HasSubstr("odd number"));
+    EXPECT_THAT(errorOf(model + "key RPlt ch8* 8 0x80 <0g>\n"), HasSubstr("'g' is not"));
+    EXPECT_THAT(errorOf(model + "key A ui8 1 0x80 1\nkey A ui8 1 0x80 2\n"),
+                HasSubstr(":3: key A appears twice (first on line 2)"));
+    EXPECT_THAT(errorOf(model + "fan 0\n"), HasSubstr(":2: unknown directive 'fan'"));
+    EXPECT_EQ(errorOf("key A ui8 1 0x80 1\n"), "fans.profile: no 'model' line");
+    EXPECT_THAT(errorOf("model\n"), HasSubstr(":1: 'model' needs"));
+}
+
+TEST(ProfileText, HostileInputNeverCrashes) {
+    // Truncated escapes, stray brackets, NUL bytes and very long tokens all give errors.
+    for (std::string text :
+         {std::string("model M\nkey A ui8 1 0x80 \"\\"),
+          std::string("model M\nkey A ui8 1 0x80 \"\\x4\""),
+          std::string("model M\nkey \0\0 ui8 1 1 1", 26),
+          std::string("model M\nkey ") + std::string(5000, 'x'),
+          std::string("model M\nkey A ui8 1 -1 1"), std::string("model M\nkey A ui8 1 0x80 <")}) {
+        try {
+            parseProfile(text, "h");
+        } catch (const ProfileError &) {
+        }
+    }
+}
+
+TEST(ProfileText, LoadingAMissingProfileSaysSoAndListsTheBuiltIns) {
+    ostrel::platform::FakeFiles files;
+    try {
+        loadProfile("nosuch", files);
+        FAIL();
+    } catch (const ProfileError &e) {
+        EXPECT_TRUE(e.missing());
+        EXPECT_THAT(e.what(), HasSubstr("macbookpro10-1"));
+    }
+    files.put("/p/mine.profile", "model Mine,1\nkey TC0P sp78 2 0xc0 50\n");
+    EXPECT_EQ(loadProfile("/p/mine.profile", files).model, "Mine,1");
+    files.put("/p/bad.profile", "model Mine,1\nkey TC0P\n");
+    try {
+        loadProfile("/p/bad.profile", files);
+        FAIL();
+    } catch (const ProfileError &e) {
+        EXPECT_FALSE(e.missing());
+        EXPECT_THAT(e.what(), HasSubstr("/p/bad.profile:2:"));
+    }
+}
+
+class BuiltinProfile : public testing::TestWithParam<std::string> {};
+
+TEST_P(BuiltinProfile, FormatsAndParsesBackToTheSameTable) {
+    Profile original = loadProfile(GetParam());
+    Profile again = parseProfile(formatProfile(original), "again");
+    EXPECT_EQ(again.model, original.model);
+    EXPECT_EQ(again.keys, original.keys);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, BuiltinProfile, testing::ValuesIn(builtinProfileNames()));
+
+TEST(BuiltinProfiles, CoverTheThreeWriteSemantics) {
+    auto has = [](const Machine &m, const char *key) {
+        return m.keys().find(smc_fourcc(key)) != nullptr;
+    };
+    Machine forceMask(loadProfile("macbookpro10-1"));
+    EXPECT_TRUE(has(forceMask, "FS! "));
+    EXPECT_FALSE(has(forceMask, "F0Md"));
+    EXPECT_EQ(forceMask.keys().find(smc_fourcc("F0Ac"))->type, smc_fourcc("fpe2"));
+    EXPECT_TRUE(has(forceMask, "F1ID"));
+
+    Machine t2(loadProfile("macbookpro16-1"));
+    EXPECT_TRUE(has(t2, "F1Md"));
+    EXPECT_FALSE(has(t2, "FS! "));
+    EXPECT_FALSE(has(t2, "Ftst"));
+    EXPECT_EQ(t2.keys().find(smc_fourcc("F0Tg"))->type, smc_fourcc("flt "));
+
+    Machine silicon(loadProfile("macbookpro18-2"));
+    EXPECT_TRUE(has(silicon, "Ftst"));
+    EXPECT_TRUE(has(silicon, "F0Md"));
+    EXPECT_EQ(silicon.keys().find(smc_fourcc("Tp01"))->type, smc_fourcc("flt "));
+    for (const Machine *m : {&forceMask, &t2, &silicon}) {
+        EXPECT_GT(m->keys().size(), 100u) << m->model();
+    }
+}
+
+}  // namespace
