@@ -7,8 +7,11 @@
 #include <cstring>
 
 #include "csmc/smc.h"
+#include "ostrel/platform/text.h"
 
 namespace {
+
+using ostrel::text::hexDigitValue;
 
 constexpr std::uint32_t code(const char (&t)[5]) {
     return (std::uint32_t{static_cast<unsigned char>(t[0])} << 24) |
@@ -55,19 +58,6 @@ std::int64_t signExtend(std::uint64_t v, std::uint32_t bytes) {
     return static_cast<std::int64_t>(v << shift) >> shift;
 }
 
-int hexDigit(unsigned char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 // "fpXY" / "spXY" with X and Y hexadecimal digits. Y is the number of fraction bits; X
 // (the integer bits) must be a digit but takes no part in the arithmetic.
 struct FixedPoint {
@@ -81,10 +71,11 @@ FixedPoint fixedPoint(std::uint32_t type) {
     unsigned char c2 = static_cast<unsigned char>(type >> 16);
     unsigned char c3 = static_cast<unsigned char>(type >> 8);
     unsigned char c4 = static_cast<unsigned char>(type);
-    if ((c1 != 'f' && c1 != 's') || c2 != 'p' || hexDigit(c3) < 0 || hexDigit(c4) < 0) {
+    if ((c1 != 'f' && c1 != 's') || c2 != 'p' || hexDigitValue(static_cast<char>(c3)) < 0 ||
+        hexDigitValue(static_cast<char>(c4)) < 0) {
         return {};
     }
-    return {true, c1 == 's', hexDigit(c4)};
+    return {true, c1 == 's', hexDigitValue(static_cast<char>(c4))};
 }
 
 bool isUnsignedInteger(std::uint32_t t) {

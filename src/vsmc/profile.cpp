@@ -8,6 +8,7 @@
 
 #include "csmc/smc.h"
 #include "ostrel/platform/embedded.h"
+#include "ostrel/platform/text.h"
 
 namespace ostrel::embedded {
 extern const EmbeddedFile builtinProfiles[];
@@ -18,24 +19,13 @@ namespace ostrel::vsmc {
 
 namespace {
 
+using text::hexDigitValue;
+
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r';
 }
 bool isPrintable(unsigned char c) {
     return c >= 32 && c <= 126;
-}
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
 }
 
 struct Token {
@@ -84,10 +74,10 @@ std::vector<Token> tokenize(std::string_view text, const LineContext &at) {
                 char e = text[i++];
                 if (e == '\\' || e == '"') {
                     token.text.push_back(e);
-                } else if (e == 'x' && i + 1 < text.size() && hexValue(text[i]) >= 0 &&
-                           hexValue(text[i + 1]) >= 0) {
-                    token.text.push_back(
-                        static_cast<char>(hexValue(text[i]) * 16 + hexValue(text[i + 1])));
+                } else if (e == 'x' && i + 1 < text.size() && hexDigitValue(text[i]) >= 0 &&
+                           hexDigitValue(text[i + 1]) >= 0) {
+                    token.text.push_back(static_cast<char>(hexDigitValue(text[i]) * 16 +
+                                                           hexDigitValue(text[i + 1])));
                     i += 2;
                 } else {
                     at.fail(fmt::format(
@@ -111,7 +101,7 @@ std::vector<Token> tokenize(std::string_view text, const LineContext &at) {
                 if (isBlank(c)) {
                     continue;
                 }
-                if (hexValue(c) < 0) {
+                if (hexDigitValue(c) < 0) {
                     at.fail(fmt::format("'{}' is not a hexadecimal digit in a byte list", c));
                 }
                 digits.push_back(c);
@@ -123,8 +113,8 @@ std::vector<Token> tokenize(std::string_view text, const LineContext &at) {
                 at.fail("byte list has an odd number of hexadecimal digits");
             }
             for (std::size_t d = 0; d < digits.size(); d += 2) {
-                token.text.push_back(
-                    static_cast<char>(hexValue(digits[d]) * 16 + hexValue(digits[d + 1])));
+                token.text.push_back(static_cast<char>(hexDigitValue(digits[d]) * 16 +
+                                                       hexDigitValue(digits[d + 1])));
             }
         } else {
             while (i < text.size() && !isBlank(text[i])) {
