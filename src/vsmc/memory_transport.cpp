@@ -13,6 +13,24 @@ std::uint32_t MemoryTransport::exchange(const smc_param &in, smc_param &out) {
     return machine_.exchange(in, out, caller_);
 }
 
+std::optional<std::string> MemoryTransport::modelIdentifier() {
+    std::unique_lock<std::mutex> lock;
+    if (guard_ != nullptr) {
+        lock = std::unique_lock(*guard_);
+    }
+    return machine_.model();
+}
+
+// The machine model has no sensor services or battery yet: it answers as a machine
+// without them.
+std::optional<std::vector<csmc::TemperatureSensor>> MemoryTransport::temperatureSensors() {
+    return std::vector<csmc::TemperatureSensor>{};
+}
+
+std::optional<nlohmann::json> MemoryTransport::batteryProperties() {
+    return nlohmann::json();
+}
+
 namespace {
 
 struct SharedMachine {

@@ -20,6 +20,9 @@ class MemoryTransport final : public csmc::Transport {
         : machine_(machine), caller_(caller), guard_(guard) {}
 
     std::uint32_t exchange(const smc_param &in, smc_param &out) override;
+    std::optional<std::string> modelIdentifier() override;
+    std::optional<std::vector<csmc::TemperatureSensor>> temperatureSensors() override;
+    std::optional<nlohmann::json> batteryProperties() override;
 
   private:
     Machine &machine_;
