@@ -162,6 +162,37 @@ bool smc_decode_double(uint32_t type, const uint8_t *bytes, uint32_t count, doub
  * type, count or value cannot be encoded. */
 bool smc_encode_double(uint32_t type, uint32_t count, uint8_t *out, double value);
 
+/*
+ * Temperature-sensor services: sensors a machine publishes outside the SMC's key table.
+ * On Linux these are the hwmon temperature inputs of every chip but applesmc's own, named
+ * "<chip word> <label>" ("CPU Core 0", "SSD Composite"); on a virtual Mac (OSTREL_SMC
+ * naming one) they are its sensor list. The set of services and their names are fixed when
+ * the handle opens. A handle is read by one thread at a time.
+ */
+
+/* One reading: a NUL-terminated UTF-8 name and a temperature in degrees Celsius. */
+typedef struct smc_hid_reading {
+    char name[64];
+    double celsius;
+} smc_hid_reading;
+
+typedef struct smc_hid smc_hid;
+
+/* Finds the services once. NULL when there are none or they cannot be reached. */
+smc_hid *smc_hid_open(void);
+
+/* The number of services; 0 for NULL. */
+int32_t smc_hid_count(const smc_hid *hid);
+
+/* Reads every service's current temperature into `out` (at most `capacity` records),
+ * skipping services without a reading or with a value outside 0 < t <= 150. The output is
+ * packed: only a record's name says which service it came from. Returns the number of
+ * records written. */
+int32_t smc_hid_read(smc_hid *hid, smc_hid_reading *out, int32_t capacity);
+
+/* Releases the handle; NULL is accepted and ignored. */
+void smc_hid_close(smc_hid *hid);
+
 #ifdef __cplusplus
 }
 #endif

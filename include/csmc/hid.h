@@ -1,0 +1,46 @@
+// Where temperature-sensor services come from, behind smc_hid_open.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "csmc/smc.h"
+#include "csmc/transport.h"
+#include "ostrel/platform/environment.h"
+#include "ostrel/platform/files.h"
+
+namespace csmc {
+
+// A fixed list of temperature sensors.
+class TemperatureServices {
+  public:
+    virtual ~TemperatureServices() = default;
+    // The services' display names, in their fixed order. Called once, at opening; an
+    // empty name stands for a service without one.
+    virtual std::vector<std::string> names() = 0;
+    // The current readings, index for index with names(); nothing for a service that has
+    // no reading now.
+    virtual std::vector<std::optional<double>> read() = 0;
+};
+
+// The hwmon temperature inputs under `sysfs`/class/hwmon, every chip but applesmc.
+std::unique_ptr<TemperatureServices> hwmonServices(const std::string &sysfs,
+                                                   const ostrel::platform::Files &files);
+
+// A virtual Mac's sensor list through a transport; null when the transport has none.
+std::unique_ptr<TemperatureServices> transportServices(std::unique_ptr<Transport> transport);
+
+// The services OSTREL_SMC implies: a virtual Mac's list, otherwise hwmon.
+std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,
+                                                     const ostrel::platform::Files &files);
+
+// A handle on the given services; null when `services` is null or has none.
+smc_hid *openHid(std::unique_ptr<TemperatureServices> services);
+
+// The display word for an hwmon chip name: coretemp -> "CPU", nvme -> "SSD", ...; unknown
+// chips keep their own name.
+std::string hwmonChipWord(const std::string &chip);
+
+}  // namespace csmc

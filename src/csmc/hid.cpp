@@ -1,0 +1,295 @@
+// Temperature-sensor services: hwmon on Linux, or a virtual Mac's sensor list.
+
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <new>
+
+#include "csmc/hid.h"
+#include "ostrel/platform/paths.h"
+
+struct smc_hid {
+    std::unique_ptr<csmc::TemperatureServices> services;
+    std::int32_t count = 0;
+    std::vector<std::array<char, 64>> names;
+};
+
+namespace csmc {
+
+namespace {
+
+// A reading is plausible above 0 and up to 150 degrees Celsius.
+bool plausible(double celsius) {
+    return celsius > 0.0 && celsius <= 150.0;
+}
+
+std::string trimmed(std::string text) {
+    auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
+    while (!text.empty() && blank(text.back())) {
+        text.pop_back();
+    }
+    std::size_t start = 0;
+    while (start < text.size() && blank(text[start])) {
+        ++start;
+    }
+    return text.substr(start);
+}
+
+// The number in a "hwmonN" or "tempN_input" name, for numeric ordering.
+std::optional<unsigned> numberIn(const std::string &name, std::size_t from, std::size_t to) {
+    unsigned n = 0;
+    auto [end, ec] = std::from_chars(name.data() + from, name.data() + to, n);
+    if (ec != std::errc() || end != name.data() + to || from == to) {
+        return std::nullopt;
+    }
+    return n;
+}
+
+// Writes `name` into a 64-byte buffer. A name that does not fit is cut at a character
+// boundary so the buffer always holds valid UTF-8.
+void storeName(std::array<char, 64> &buffer, const std::string &name) {
+    std::size_t length = std::min<std::size_t>(name.size(), buffer.size() - 1);
+    while (length > 0 && length < name.size() &&
+           (static_cast<unsigned char>(name[length]) & 0xC0) == 0x80) {
+        --length;  // do not split a multi-byte character
+    }
+    buffer.fill('\0');
+    std::memcpy(buffer.data(), name.data(), length);
+}
+
+class HwmonServices final : public TemperatureServices {
+  public:
+    HwmonServices(const std::string &sysfs, const ostrel::platform::Files &files) : files_(files) {
+        std::string classDir = sysfs + "/class/hwmon";
+        auto chips = files.list(classDir);
+        if (!chips) {
+            return;
+        }
+        std::map<unsigned, std::string> ordered;  // hwmon10 after hwmon9
+        for (const std::string &chip : *chips) {
+            if (chip.starts_with("hwmon")) {
+                if (auto n = numberIn(chip, 5, chip.size())) {
+                    ordered.emplace(*n, classDir + "/" + chip);
+                }
+            }
+        }
+        for (const auto &[n, dir] : ordered) {
+            addChip(dir);
+        }
+    }
+
+    std::vector<std::string> names() override { return names_; }
+
+    std::vector<std::optional<double>> read() override {
+        std::vector<std::optional<double>> values;
+        values.reserve(inputs_.size());
+        for (const std::string &input : inputs_) {
+            std::optional<double> value;
+            if (auto text = files_.read(input)) {
+                std::string number = trimmed(*text);
+                long long millis = 0;
+                auto [end, ec] =
+                    std::from_chars(number.data(), number.data() + number.size(), millis);
+                if (ec == std::errc() && end == number.data() + number.size() && !number.empty()) {
+                    value = static_cast<double>(millis) / 1000.0;
+                }
+            }
+            values.push_back(value);
+        }
+        return values;
+    }
+
+  private:
+    void addChip(const std::string &dir) {
+        auto chip = files_.read(dir + "/name");
+        if (!chip) {
+            return;
+        }
+        std::string chipName = trimmed(*chip);
+        if (chipName == "applesmc") {
+            return;  // the SMC's own keys are read through the channel
+        }
+        auto entries = files_.list(dir);
+        if (!entries) {
+            return;
+        }
+        std::map<unsigned, std::string> inputs;  // temp10 after temp9
+        for (const std::string &entry : *entries) {
+            constexpr std::string_view kSuffix = "_input";
+            if (entry.starts_with("temp") && entry.ends_with(kSuffix)) {
+                if (auto n = numberIn(entry, 4, entry.size() - kSuffix.size())) {
+                    inputs.emplace(*n, entry);
+                }
+            }
+        }
+        std::string word = hwmonChipWord(chipName);
+        for (const auto &[n, entry] : inputs) {
+            auto label = files_.read(dir + "/temp" + std::to_string(n) + "_label");
+            std::string text = label ? trimmed(*label) : "";
+            names_.push_back(word + " " + (text.empty() ? "temp" + std::to_string(n) : text));
+            inputs_.push_back(dir + "/" + entry);
+        }
+    }
+
+    const ostrel::platform::Files &files_;
+    std::vector<std::string> names_;
+    std::vector<std::string> inputs_;
+};
+
+class VirtualServices final : public TemperatureServices {
+  public:
+    VirtualServices(std::unique_ptr<Transport> transport, std::vector<TemperatureSensor> sensors)
+        : transport_(std::move(transport)) {
+        for (TemperatureSensor &sensor : sensors) {
+            names_.push_back(std::move(sensor.name));
+        }
+    }
+
+    std::vector<std::string> names() override { return names_; }
+
+    // The list is matched to the names fixed at opening by position while it has the same
+    // length, and by name otherwise (a sensor that came or went since).
+    std::vector<std::optional<double>> read() override {
+        std::vector<std::optional<double>> values(names_.size());
+        auto sensors = transport_->temperatureSensors();
+        if (!sensors) {
+            return values;
+        }
+        bool aligned = sensors->size() == names_.size();
+        for (std::size_t i = 0; aligned && i < names_.size(); ++i) {
+            aligned = (*sensors)[i].name == names_[i];
+        }
+        for (std::size_t i = 0; i < names_.size(); ++i) {
+            if (aligned) {
+                values[i] = (*sensors)[i].celsius;
+                continue;
+            }
+            for (const TemperatureSensor &sensor : *sensors) {
+                if (sensor.name == names_[i]) {
+                    values[i] = sensor.celsius;
+                    break;
+                }
+            }
+        }
+        return values;
+    }
+
+  private:
+    std::unique_ptr<Transport> transport_;
+    std::vector<std::string> names_;
+};
+
+}  // namespace
+
+std::string hwmonChipWord(const std::string &chip) {
+    static const std::map<std::string, std::string, std::less<>> kWords = {
+        {"coretemp", "CPU"},  {"k10temp", "CPU"},     {"k8temp", "CPU"},
+        {"zenpower", "CPU"},  {"via_cputemp", "CPU"}, {"amdgpu", "GPU"},
+        {"radeon", "GPU"},    {"nouveau", "GPU"},     {"nvme", "SSD"},
+        {"drivetemp", "SSD"}, {"acpitz", "ACPI"},     {"macsmc_hwmon", "SMC"},
+        {"iwlwifi", "Wi-Fi"}, {"iwlwifi_1", "Wi-Fi"}, {"battery", "Battery"},
+    };
+    auto it = kWords.find(chip);
+    if (it != kWords.end()) {
+        return it->second;
+    }
+    if (chip.starts_with("pch_")) {
+        return "PCH";
+    }
+    if (chip.starts_with("BAT")) {
+        return "Battery";
+    }
+    return chip;
+}
+
+std::unique_ptr<TemperatureServices> hwmonServices(const std::string &sysfs,
+                                                   const ostrel::platform::Files &files) {
+    return std::make_unique<HwmonServices>(sysfs, files);
+}
+
+std::unique_ptr<TemperatureServices> transportServices(std::unique_ptr<Transport> transport) {
+    auto sensors = transport->temperatureSensors();
+    if (!sensors) {
+        return nullptr;
+    }
+    return std::make_unique<VirtualServices>(std::move(transport), std::move(*sensors));
+}
+
+std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,
+                                                     const ostrel::platform::Files &files) {
+    std::string selector = env.get("OSTREL_SMC").value_or("");
+    if (!selector.empty()) {
+        OpenedTransport opened = openTransport(selector);
+        if (opened.status != SMC_OK) {
+            return nullptr;
+        }
+        // A transport without a sensor list is real hardware: fall through to hwmon.
+        if (opened.transport->temperatureSensors()) {
+            return transportServices(std::move(opened.transport));
+        }
+    }
+    return hwmonServices(ostrel::platform::Paths(env).sysfs(), files);
+}
+
+smc_hid *openHid(std::unique_ptr<TemperatureServices> services) {
+    if (!services) {
+        return nullptr;
+    }
+    std::vector<std::string> names = services->names();
+    if (names.empty()) {
+        return nullptr;
+    }
+    auto *hid = new (std::nothrow) smc_hid();
+    if (hid == nullptr) {
+        return nullptr;
+    }
+    hid->services = std::move(services);
+    hid->count = static_cast<std::int32_t>(names.size());
+    hid->names.resize(names.size());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        std::string name = names[i];
+        if (name.empty()) {
+            name = "HID sensor " + std::to_string(i);
+        }
+        storeName(hid->names[i], name);
+    }
+    return hid;
+}
+
+}  // namespace csmc
+
+extern "C" {
+
+smc_hid *smc_hid_open(void) {
+    return csmc::openHid(csmc::defaultServices(ostrel::platform::processEnvironment(),
+                                               ostrel::platform::realFiles()));
+}
+
+int32_t smc_hid_count(const smc_hid *hid) {
+    return hid == nullptr ? 0 : hid->count;
+}
+
+int32_t smc_hid_read(smc_hid *hid, smc_hid_reading *out, int32_t capacity) {
+    if (hid == nullptr || hid->count < 1 || capacity < 1) {
+        return 0;
+    }
+    std::vector<std::optional<double>> values = hid->services->read();
+    std::int32_t written = 0;
+    for (std::size_t i = 0; i < hid->names.size() && written < capacity; ++i) {
+        if (i >= values.size() || !values[i] || !csmc::plausible(*values[i])) {
+            continue;
+        }
+        std::memcpy(out[written].name, hid->names[i].data(), sizeof out[written].name);
+        out[written].celsius = *values[i];
+        ++written;
+    }
+    return written;
+}
+
+void smc_hid_close(smc_hid *hid) {
+    delete hid;
+}
+
+}  // extern "C"
