@@ -1,0 +1,84 @@
+// The battery dictionary built from power-supply trees in a temporary directory.
+
+#include <gtest/gtest.h>
+
+#include "ostrel/battery_sysfs.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using ostrel::batteryPropertiesFromSysfs;
+using ostrel::test::TempDir;
+
+class PowerSupplyTree : public testing::Test {
+  protected:
+    TempDir root;
+
+    void supply(const std::string &name, std::map<std::string, std::string> files) {
+        for (auto &[file, contents] : files) {
+            root.write("sys/class/power_supply/" + name + "/" + file, contents + "\n");
+        }
+    }
+    std::optional<nlohmann::json> read() {
+        return batteryPropertiesFromSysfs(root.path() + "/sys", ostrel::platform::realFiles());
+    }
+};
+
+TEST_F(PowerSupplyTree, ChargeCountingBatteryOnMains) {
+    supply("AC", {{"type", "Mains"}, {"online", "1"}});
+    supply("BAT0", {{"type", "Battery"},
+                    {"present", "1"},
+                    {"status", "Charging"},
+                    {"capacity", "81"},
+                    {"charge_now", "5120000"},
+                    {"charge_full", "6300000"},
+                    {"charge_full_design", "7000000"},
+                    {"voltage_now", "12603000"},
+                    {"current_now", "1234567"},
+                    {"cycle_count", "312"},
+                    {"temp", "305"}});
+    auto dict = read();
+    ASSERT_TRUE(dict);
+    EXPECT_EQ(*dict, nlohmann::json::parse(R"({
+        "CurrentCapacity": 81, "MaxCapacity": 100, "FullChargeCapacity": 6300,
+        "DesignCapacity": 7000, "Voltage": 12603, "Amperage": 1235, "Temperature": 3050,
+        "CycleCount": 312, "IsCharging": true, "ExternalConnected": true})"));
+}
+
+TEST_F(PowerSupplyTree, EnergyCountingBatteryDischargingWithUnsignedPower) {
+    supply("ADP1", {{"type", "Mains"}, {"online", "0"}});
+    supply("BAT1", {{"type", "Battery"},
+                    {"status", "Discharging"},
+                    {"energy_now", "40000000"},
+                    {"energy_full", "50000000"},
+                    {"energy_full_design", "57000000"},
+                    {"voltage_now", "11400000"},
+                    {"power_now", "11400000"},
+                    {"cycle_count", "0"}});
+    auto dict = read();
+    ASSERT_TRUE(dict);
+    EXPECT_EQ((*dict)["CurrentCapacity"], 40000);
+    EXPECT_EQ((*dict)["MaxCapacity"], 50000);
+    EXPECT_EQ((*dict)["Amperage"], -1000) << "11.4 W at 11.4 V is 1 A drawn";
+    EXPECT_FALSE(dict->contains("CycleCount")) << "0 cycles means unknown";
+    EXPECT_FALSE(dict->contains("Temperature"));
+    EXPECT_EQ((*dict)["ExternalConnected"], false);
+    EXPECT_EQ((*dict)["IsCharging"], false);
+}
+
+TEST_F(PowerSupplyTree, AbsentBatteriesAndGarbageFiles) {
+    EXPECT_FALSE(read()) << "no power_supply directory";
+    supply("AC", {{"type", "Mains"}, {"online", "1"}});
+    supply("BAT0", {{"type", "Battery"}, {"present", "0"}});
+    EXPECT_FALSE(read()) << "a battery bay without a battery";
+    supply("BAT1", {{"type", "Battery"},
+                    {"status", "Full"},
+                    {"voltage_now", "12.6V"},
+                    {"current_now", "-500000"}});
+    auto dict = read();
+    ASSERT_TRUE(dict);
+    EXPECT_FALSE(dict->contains("Voltage")) << "unparsable numbers are left out";
+    EXPECT_EQ((*dict)["Amperage"], -500) << "a full battery keeps the driver's sign";
+}
+
+}  // namespace
