@@ -6,6 +6,9 @@
 
 #include <iostream>
 
+#include "ostrel/machine_model.h"
+#include "ostrel/vsmc/profile.h"
+
 namespace ostrel::cli {
 
 namespace {
@@ -74,6 +77,55 @@ void smcRead(SMC &smc, const std::string &keyText, bool json, std::ostream &out)
                info.type.description(), info.size, info.attributes, value.hex(), value.display());
 }
 
+// `ostrel smc dump`: the key table in the virtual Mac's profile format, so that a real
+// machine's dump can be loaded as a profile (and attached to bug reports).
+void smcDump(SMC &smc, bool json, std::ostream &out) {
+    std::string model = machineModel(&smc);
+    std::uint32_t count = smc.keyCount();
+    Json rows = Json::array();
+    if (!json) {
+        fmt::print(out,
+                   "# SMC key table of {} ({} keys), written by 'ostrel smc dump'.\n"
+                   "# Load it with OSTREL_SMC=memory:FILE or 'ostrel-vsmc --profile FILE'.\n"
+                   "model {}\n",
+                   model.empty() ? "an unknown model" : model, count,
+                   model.empty() ? "Unknown" : model);
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {
+        FourCC key;
+        SMCKeyInfo info;
+        try {
+            key = smc.key(i);
+            info = smc.info(key);
+        } catch (const SMCError &e) {
+            if (!json) {
+                fmt::print(out, "# index {} skipped: {}\n", i, e.what());
+            }
+            continue;
+        }
+        vsmc::KeyEntry entry{info.key.rawValue, info.type.rawValue, info.size, info.attributes, {}};
+        std::optional<SMCValue> value;
+        try {
+            value = smc.read(key);
+            std::copy_n(value->bytes.begin(), std::min<std::size_t>(value->bytes.size(), 32),
+                        entry.bytes.begin());
+        } catch (const SMCError &e) {
+            if (!json) {
+                fmt::print(out, "# {} could not be read ({}); its value is left zero\n",
+                           vsmc::codeToken(info.key.rawValue), e.what());
+            }
+        }
+        if (json) {
+            rows.push_back(keyJson(i, info, value));
+        } else {
+            out << vsmc::formatKeyRow(entry);
+        }
+    }
+    if (json) {
+        out << Json{{"model", model}, {"keys", rows}}.dump(2) << '\n';
+    }
+}
+
 }  // namespace
 
 Context defaultContext() {
@@ -96,6 +148,9 @@ int run(int argc, const char *const *argv, Context &context) {
     std::string keyText;
     read->add_option("KEY", keyText, "The four-character key, e.g. TC0P")->required();
     read->add_flag("--json", json, "Print JSON");
+    CLI::App *dump = smcCommand->add_subcommand(
+        "dump", "Write the whole key table as a virtual Mac profile (for bug reports)");
+    dump->add_flag("--json", json, "Print JSON instead of the profile format");
 
     try {
         app.parse(argc, argv);
@@ -113,6 +168,8 @@ int run(int argc, const char *const *argv, Context &context) {
             smcKeys(*smc, json, out);
         } else if (read->parsed()) {
             smcRead(*smc, keyText, json, out);
+        } else if (dump->parsed()) {
+            smcDump(*smc, json, out);
         }
     } catch (const SMCError &e) {
         err << "ostrel: " << e.what() << '\n';

@@ -348,13 +348,17 @@ Profile parseProfile(std::string_view text, const std::string &source) {
     return profile;
 }
 
+std::string formatKeyRow(const KeyEntry &entry) {
+    std::string value = formatValue(entry);
+    return fmt::format("key {:<6} {:<6} {:>2} 0x{:02x}{}{}\n", codeToken(entry.key),
+                       codeToken(entry.type), entry.size, entry.attributes,
+                       value.empty() ? "" : " ", value);
+}
+
 std::string formatProfile(const Profile &profile) {
     std::string out = fmt::format("model {}\n", profile.model);
     for (const KeyEntry &entry : profile.keys) {
-        std::string value = formatValue(entry);
-        out += fmt::format("key {:<6} {:<6} {:>2} 0x{:02x}{}{}\n", codeToken(entry.key),
-                           codeToken(entry.type), entry.size, entry.attributes,
-                           value.empty() ? "" : " ", value);
+        out += formatKeyRow(entry);
     }
     return out;
 }

@@ -62,4 +62,28 @@ TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
     EXPECT_EQ(run({"frobnicate"}), 2);
 }
 
+TEST(CliDump, EveryBuiltInMachineDumpsToAProfileThatLoadsAsTheSameTable) {
+    for (const std::string &name : vsmc::builtinProfileNames()) {
+        vsmc::Machine machine = test::builtinMachine(name);
+        std::ostringstream out, err;
+        cli::Context context{
+            &out, &err, [&] {
+                return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
+            }};
+        const char *args[] = {"ostrel", "smc", "dump"};
+        ASSERT_EQ(cli::run(3, args, context), 0) << err.str();
+        vsmc::Machine reloaded(vsmc::parseProfile(out.str(), "dump"));
+        EXPECT_EQ(reloaded.model(), machine.model());
+        EXPECT_EQ(reloaded.keys().entries(), machine.keys().entries()) << name;
+    }
+}
+
+TEST_F(CliTest, DumpNotesKeysItCannotRead) {
+    machine.injectFault({FourCC("RPlt").rawValue, SMC_CMD_READ, 1, 0, 0x85});
+    EXPECT_EQ(run({"smc", "dump"}), 0);
+    EXPECT_THAT(out.str(), HasSubstr("model Test,1\n"));
+    EXPECT_THAT(out.str(), HasSubstr("# RPlt could not be read (SMC rejected request for "
+                                     "'RPlt'); its value is left zero\nkey RPlt   ch8*"));
+}
+
 }  // namespace

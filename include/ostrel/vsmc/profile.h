@@ -60,6 +60,9 @@ Profile parseProfile(std::string_view text, const std::string &source);
 // keys. Values are written as numbers where that is exact, otherwise as bytes or text.
 std::string formatProfile(const Profile &profile);
 
+// One "key ..." line of the format, with its line feed.
+std::string formatKeyRow(const KeyEntry &entry);
+
 // The names of the profiles built into the binaries, sorted.
 std::vector<std::string> builtinProfileNames();
 
