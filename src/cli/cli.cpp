@@ -4,9 +4,13 @@
 #include <fmt/ostream.h>
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <iostream>
 
+#include "ostrel/fan_policy.h"
 #include "ostrel/machine_model.h"
+#include "ostrel/number_text.h"
+#include "ostrel/policy_coding.h"
 #include "ostrel/vsmc/profile.h"
 
 namespace ostrel::cli {
@@ -126,6 +130,56 @@ void smcDump(SMC &smc, bool json, std::ostream &out) {
     }
 }
 
+// Fan limits for `ostrel curve` when none are given: a typical notebook fan.
+constexpr double kDefaultMinRpm = 1200;
+constexpr double kDefaultMaxRpm = 6000;
+
+// A number option read the way curve text reads numbers; a usage error when it does not
+// read as a finite number.
+double numberOption(const std::string &option, const std::string &text) {
+    std::optional<double> value = readNumber(text);
+    if (!value || !std::isfinite(*value)) {
+        throw CLI::ValidationError(option, "'" + text + "' is not a number");
+    }
+    return *value;
+}
+
+struct CurveOptions {
+    std::string text;
+    std::string sensor = "cpu";
+    std::optional<std::string> min, max;
+    std::vector<std::string> at;
+};
+
+// `ostrel curve`: parses and shows a curve, and what it commands, without touching a fan.
+void curveCommand(const CurveOptions &options, bool json, std::ostream &out) {
+    // CLI11 has already checked the sensor against the three names.
+    CurveSensor sensor = *curveSensorFromRaw(options.sensor);
+    double lo = options.min ? numberOption("--min", *options.min) : kDefaultMinRpm;
+    double hi = options.max ? numberOption("--max", *options.max) : kDefaultMaxRpm;
+    std::vector<double> temperatures;
+    for (const std::string &text : options.at) {
+        temperatures.push_back(numberOption("--at", text));
+    }
+    FanCurve curve;
+    if (const FanCurve *preset = FanCurve::preset(options.text)) {
+        curve = *preset;
+        curve.sensor = sensor;
+    } else {
+        curve = FanCurve(options.text, sensor);
+    }
+    if (json) {
+        out << PolicyCoding::encode(FanPolicy::curve(curve)) << '\n';
+        return;
+    }
+    out << curve.description() << '\n';
+    for (double temperature : temperatures) {
+        // Fans are driven in whole rpm; the fraction of an interpolated speed is noise.
+        fmt::print(out, "{} \u00B0C: {} rpm\n", numberText(temperature),
+                   numberText(std::round(curve.rpm(temperature, lo, hi))));
+    }
+}
+
 }  // namespace
 
 Context defaultContext() {
@@ -152,6 +206,40 @@ int run(int argc, const char *const *argv, Context &context) {
         "dump", "Write the whole key table as a virtual Mac profile (for bug reports)");
     dump->add_flag("--json", json, "Print JSON instead of the profile format");
 
+    CurveOptions curveOptions;
+    CLI::App *curve = app.add_subcommand(
+        "curve", "Check a fan curve and show the speeds it commands (touches no fan)");
+    curve
+        ->add_option("TEXT", curveOptions.text,
+                     "TEMP:RPM|min|max points, e.g. 50:min,70:3000,85:max, or a preset: quiet, "
+                     "balanced, performance")
+        ->type_name("")
+        ->required();
+    curve
+        ->add_option("--sensor", curveOptions.sensor,
+                     "The temperature that drives the curve: cpu or gpu (the hottest sensor "
+                     "of that kind) or max (the hottest of all)")
+        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
+        ->type_name("SENSOR")
+        ->capture_default_str();
+    CLI::Option *minOption =
+        curve
+            ->add_option("--min", curveOptions.min, "The fan's minimum speed in rpm (default 1200)")
+            ->type_name("LO");
+    CLI::Option *maxOption =
+        curve
+            ->add_option("--max", curveOptions.max, "The fan's maximum speed in rpm (default 6000)")
+            ->type_name("HI");
+    CLI::Option *atOption =
+        curve
+            ->add_option("--at", curveOptions.at,
+                         "Show the speed at this temperature in \u00B0C (repeatable)")
+            ->type_name("TEMP")
+            ->allow_extra_args(false);
+    CLI::Option *curveJson =
+        curve->add_flag("--json", json, "Print the curve policy's JSON instead");
+    curveJson->excludes(atOption)->excludes(minOption)->excludes(maxOption);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &) {
@@ -160,6 +248,19 @@ int run(int argc, const char *const *argv, Context &context) {
     } catch (const CLI::ParseError &e) {
         err << "ostrel: " << e.what() << "\nRun 'ostrel --help' for usage.\n";
         return 2;
+    }
+
+    if (curve->parsed()) {
+        try {
+            curveCommand(curveOptions, json, out);
+        } catch (const CLI::ValidationError &e) {
+            err << "ostrel: " << e.what() << "\nRun 'ostrel curve --help' for usage.\n";
+            return 2;
+        } catch (const FanControlError &e) {
+            err << "ostrel: " << e.what() << '\n';
+            return 1;
+        }
+        return 0;
     }
 
     try {

@@ -87,3 +87,67 @@ TEST_F(CliTest, DumpNotesKeysItCannotRead) {
 }
 
 }  // namespace
+
+namespace {
+
+using testing::HasSubstr;
+
+// `ostrel curve` needs no SMC: the context's opener fails the test if it is called.
+class CurveCommandTest : public testing::Test {
+  protected:
+    std::ostringstream out, err;
+
+    int run(std::vector<const char *> args) {
+        args.insert(args.begin(), {"ostrel", "curve"});
+        ostrel::cli::Context context{&out, &err, []() -> std::shared_ptr<ostrel::SMC> {
+                                         ADD_FAILURE() << "curve opened the SMC";
+                                         throw ostrel::SMCError::noService();
+                                     }};
+        return ostrel::cli::run(static_cast<int>(args.size()), args.data(), context);
+    }
+};
+
+TEST_F(CurveCommandTest, PrintsTheDescriptionAndTheSpeedAtEachTemperature) {
+    EXPECT_EQ(
+        run({"85:max, 50:min,70:3000", "--at", "40", "--at", "60", "--at", "80", "--at", "72.5"}),
+        0);
+    EXPECT_EQ(out.str(),
+              "50:min,70:3000,85:max (cpu)\n"
+              "40 \u00B0C: 1200 rpm\n"
+              "60 \u00B0C: 2100 rpm\n"
+              "80 \u00B0C: 5000 rpm\n"
+              "72.5 \u00B0C: 3500 rpm\n");
+    EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(CurveCommandTest, PresetsSensorAndFanLimits) {
+    EXPECT_EQ(run({"quiet", "--sensor", "gpu", "--min", "2000", "--max", "5000", "--at", "95"}), 0);
+    EXPECT_EQ(out.str(), "60:min,80:3500,92:max (gpu)\n95 \u00B0C: 5000 rpm\n");
+}
+
+TEST_F(CurveCommandTest, JsonIsTheCurvePolicy) {
+    EXPECT_EQ(run({"50:min,85:max", "--sensor", "max", "--json"}), 0);
+    EXPECT_EQ(out.str(), R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
+                         R"({"temperature":85,"rpm":"inf"}],"sensor":"max"}}})"
+                         "\n");
+}
+
+TEST_F(CurveCommandTest, BadCurvesExitOneAndUsageErrorsTwo) {
+    EXPECT_EQ(run({"50:min,50:3000"}), 1);
+    EXPECT_EQ(err.str(),
+              "ostrel: invalid curve point '50:min,50:3000' (expected TEMP:RPM|min|max, e.g. "
+              "50:min,70:3000,85:max)\n");
+    EXPECT_EQ(out.str(), "");
+    for (std::vector<const char *> args :
+         std::vector<std::vector<const char *>>{{},
+                                                {"50:min", "--sensor", "CPU"},
+                                                {"50:min", "--at", "hot"},
+                                                {"50:min", "--min", "inf"},
+                                                {"50:min", "--json", "--at", "60"}}) {
+        err.str("");
+        EXPECT_EQ(run(args), 2) << args.size();
+        EXPECT_THAT(err.str(), HasSubstr("ostrel: "));
+    }
+}
+
+}  // namespace

@@ -1,6 +1,9 @@
 // Small text helpers shared by parsers at every layer.
 #pragma once
 
+#include <array>
+#include <string_view>
+
 namespace ostrel::text {
 
 // The value of a hexadecimal digit (0-9, a-f, A-F), or -1.
@@ -15,6 +18,46 @@ constexpr int hexDigitValue(char c) {
         return c - 'A' + 10;
     }
     return -1;
+}
+
+// The letter in lower case for A to Z; every other byte unchanged (UTF-8 text stays
+// valid).
+constexpr char asciiLower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// The blanks that trimBlanks removes, UTF-8 encoded: tab and the Unicode space separators
+// (U+0020, U+00A0, U+1680, U+2000 to U+200A, U+202F, U+205F, U+3000). Line breaks are not
+// blanks.
+inline constexpr std::array<std::string_view, 18> kBlanks = {
+    "\t",           " ",
+    "\xC2\xA0",     "\xE1\x9A\x80",
+    "\xE2\x80\x80", "\xE2\x80\x81",
+    "\xE2\x80\x82", "\xE2\x80\x83",
+    "\xE2\x80\x84", "\xE2\x80\x85",
+    "\xE2\x80\x86", "\xE2\x80\x87",
+    "\xE2\x80\x88", "\xE2\x80\x89",
+    "\xE2\x80\x8A", "\xE2\x80\xAF",
+    "\xE2\x81\x9F", "\xE3\x80\x80",
+};
+
+// The text without blanks (see kBlanks) at either end; a view into the same characters.
+constexpr std::string_view trimBlanks(std::string_view text) {
+    bool trimmed = true;
+    while (trimmed && !text.empty()) {
+        trimmed = false;
+        for (std::string_view blank : kBlanks) {
+            if (text.starts_with(blank)) {
+                text.remove_prefix(blank.size());
+                trimmed = true;
+            }
+            if (text.ends_with(blank)) {
+                text.remove_suffix(blank.size());
+                trimmed = true;
+            }
+        }
+    }
+    return text;
 }
 
 }  // namespace ostrel::text

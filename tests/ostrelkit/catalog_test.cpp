@@ -1,0 +1,153 @@
+// The sensor catalog: lookups, patterns for unlisted keys, plausibility and grouping.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "ostrel/catalog.h"
+
+namespace {
+
+using namespace ostrel;
+using G = SensorGroup;
+
+TEST(CatalogTest, TablesHaveTheirSizes) {
+    EXPECT_EQ(Catalog::temperatures().size(), 69u);
+    EXPECT_EQ(Catalog::power().size(), 14u);
+    EXPECT_EQ(Catalog::voltages().size(), 6u);
+    EXPECT_EQ(Catalog::currents().size(), 7u);
+    EXPECT_EQ(Catalog::essentialKeys().size(), 22u);
+    // Every essential key is a listed temperature or power key.
+    for (const std::string &key : Catalog::essentialKeys()) {
+        EXPECT_TRUE(Catalog::temperatures().contains(key) || Catalog::power().contains(key)) << key;
+    }
+}
+
+TEST(CatalogTest, TemperatureRowsThenPatternsThenTheKeyItself) {
+    struct Case {
+        const char *key;
+        const char *name;
+        SensorGroup group;
+        bool known;
+    } cases[] = {
+        {"TC0P", "CPU Proximity", G::cpu, true},
+        {"TC1C", "CPU Core 1", G::cpu, true},
+        {"TCAC", "CPU Core 10", G::cpu, true},
+        {"TCFC", "CPU Core 15", G::cpu, true},
+        {"TC0C", "CPU 0C", G::cpu, false},
+        {"TCaC", "CPU aC", G::cpu, false},  // generated keys use upper-case digits
+        {"Tp01", "CPU P-Core 01", G::cpu, true},
+        {"Te05", "CPU E-Core 05", G::cpu, true},
+        {"Tg0f", "GPU 0f", G::gpu, true},
+        {"TG9Z", "GPU 9Z", G::gpu, false},
+        {"TM9P", "Memory 9P", G::memory, false},
+        {"TH9P", "Storage 9P", G::storage, false},
+        {"TB9T", "Battery 9T", G::battery, false},
+        {"TA9P", "TA9P", G::ambient, false},
+        {"Ts9P", "Ts9P", G::ambient, false},
+        {"TS0P", "TS0P", G::other, false},
+        {"TaXY", "TaXY", G::other, false},
+        {"TM0P", "Memory Proximity", G::memory, true},
+        {"Tm0P", "Mainboard Proximity", G::board, true},
+        {"TH0P", "SSD Proximity", G::storage, true},
+        {"Th0H", "Heatpipe 0", G::board, true},
+        {"TA0P", "Ambient", G::ambient, true},
+        {"Ts0P", "Palm Rest", G::ambient, true},
+        {"TC0PX", "TC0PX", G::other, false},
+        {"Tp0", "Tp0", G::other, false},
+        {"PC0P", "PC0P", G::other, false},
+        {"", "", G::other, false},
+    };
+    for (const Case &c : cases) {
+        Catalog::Temperature found = Catalog::temperature(c.key);
+        EXPECT_EQ(found.entry.name, c.name) << c.key;
+        EXPECT_EQ(found.entry.group, c.group) << c.key;
+        EXPECT_EQ(found.known, c.known) << c.key;
+    }
+}
+
+TEST(CatalogTest, NameSearchesOnlyTheQuantitysTable) {
+    struct Case {
+        const char *key;
+        Quantity quantity;
+        const char *name;
+        bool known;
+    } cases[] = {
+        {"PCPT", Quantity::power, "CPU Package Total", true},
+        {"PXYZ", Quantity::power, "PXYZ", false},
+        {"VBAT", Quantity::voltage, "Battery", true},
+        {"VBAT", Quantity::current, "VBAT", false},
+        {"IPBR", Quantity::current, "Battery Rail", true},
+        {"Tp0A", Quantity::temperature, "CPU P-Core 0A", true},
+        {"TC0P", Quantity::power, "TC0P", false},
+    };
+    for (const Case &c : cases) {
+        Catalog::Name found = Catalog::name(c.key, c.quantity);
+        EXPECT_EQ(found.name, c.name) << c.key;
+        EXPECT_EQ(found.known, c.known) << c.key;
+    }
+}
+
+TEST(CatalogTest, QuantityByFirstCharacter) {
+    EXPECT_EQ(Catalog::quantity("TC0P"), Quantity::temperature);
+    EXPECT_EQ(Catalog::quantity("P"), Quantity::power);
+    EXPECT_EQ(Catalog::quantity("VD0R"), Quantity::voltage);
+    EXPECT_EQ(Catalog::quantity("IC0R"), Quantity::current);
+    EXPECT_FALSE(Catalog::quantity(""));
+    EXPECT_FALSE(Catalog::quantity("tC0P"));
+    EXPECT_FALSE(Catalog::quantity("F0Ac"));
+}
+
+TEST(CatalogTest, PlausibleBoundsAreExclusiveWhereDocumented) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    struct Case {
+        double value;
+        Quantity quantity;
+        bool plausible;
+    } cases[] = {
+        {1.0, Quantity::temperature, false},  {1.5, Quantity::temperature, true},
+        {129.9, Quantity::temperature, true}, {130.0, Quantity::temperature, false},
+        {0.0, Quantity::power, true},         {999.9, Quantity::power, true},
+        {1000.0, Quantity::power, false},     {-0.1, Quantity::power, false},
+        {0.0, Quantity::voltage, true},       {100.0, Quantity::voltage, false},
+        {-50.0, Quantity::current, false},    {-49.9, Quantity::current, true},
+        {50.0, Quantity::current, false},     {inf, Quantity::power, false},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(Catalog::plausible(c.value, c.quantity), c.plausible) << c.value;
+    }
+    for (Quantity quantity : allQuantities) {
+        EXPECT_FALSE(Catalog::plausible(nan, quantity));
+    }
+}
+
+TEST(CatalogTest, EssentialKeysAndPerCoreFamilies) {
+    for (const char *key : {"TC0P", "PSTR", "PG0R", "Ts0P", "Tp01", "Te0Z", "Tg00"}) {
+        EXPECT_TRUE(Catalog::isEssential(key)) << key;
+    }
+    for (const char *key : {"TG1P", "TE05", "TP01", "Tp012", "Tp0", "PPBR", "ts0P", ""}) {
+        EXPECT_FALSE(Catalog::isEssential(key)) << key;
+    }
+}
+
+TEST(CatalogTest, HidGroupByWordsInOrder) {
+    struct Case {
+        const char *name;
+        SensorGroup group;
+    } cases[] = {
+        {"PMU tdie3", G::cpu},         {"PMU2 tdie", G::board},
+        {"NAND CH0 temp", G::storage}, {"gas gauge 1", G::battery},
+        {"GPU near CPU", G::gpu},      {"pACC MTR Temp", G::cpu},
+        {"SOC MTR", G::cpu},           {"coretemp Package id 0", G::board},
+        {"CPU Core 0", G::cpu},        {"Battery", G::battery},
+        {"SSD", G::storage},           {"Skin Temp", G::ambient},
+        {"AMBIENT", G::ambient},       {"", G::board},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(Catalog::hidGroup(c.name), c.group) << c.name;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,206 @@
+// Fan curves: the text form, validation, evaluation and the presets.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <unordered_set>
+
+#include "ostrel/fan_curve.h"
+#include "ostrel/fan_policy.h"
+
+namespace {
+
+using namespace ostrel;
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+const std::string kHint = "' (expected TEMP:RPM|min|max, e.g. 50:min,70:3000,85:max)";
+
+// The badCurve text a parse fails with, or "(parsed)".
+std::string parseFailure(std::string_view text) {
+    try {
+        FanCurve curve(text, CurveSensor::cpu);
+        return "(parsed)";
+    } catch (const FanControlError &e) {
+        EXPECT_EQ(e.kind(), FanControlError::Kind::badCurve);
+        EXPECT_EQ(e.what(), "invalid curve point '" + e.text() + kHint);
+        return e.text();
+    }
+}
+
+std::string validateFailure(const FanCurve &curve) {
+    try {
+        curve.validate();
+        return "(valid)";
+    } catch (const FanControlError &e) {
+        return e.text();
+    }
+}
+
+TEST(FanCurveParseTest, ReadsPointsSentinelsAndSortsThem) {
+    FanCurve curve("50:min,70:3000,85:max", CurveSensor::gpu);
+    EXPECT_EQ(curve.points, (std::vector<CurvePoint>{{50, 0}, {70, 3000}, {85, kInf}}));
+    EXPECT_EQ(curve.sensor, CurveSensor::gpu);
+    EXPECT_EQ(curve.pointsText(), "50:min,70:3000,85:max");
+
+    FanCurve shuffled("85:MAX, 50:Min", CurveSensor::cpu);
+    EXPECT_EQ(shuffled.points, (std::vector<CurvePoint>{{50, 0}, {85, kInf}}));
+}
+
+TEST(FanCurveParseTest, AcceptedSpellings) {
+    struct Case {
+        const char *text;
+        const char *pointsText;
+    } cases[] = {
+        {"70::3000", "70:3000"},
+        {":70:3000:", "70:3000"},
+        {"50°C:min", "50:min"},
+        {"50C:min", "50:min"},
+        {"5°0C°:min", "50:min"},
+        {" 50 :\t2500.5 ", "50:2500.5"},
+        {"\xC2\xA0"
+         "50\xE3\x80\x80:mAx",
+         "50:max"},  // no-break and ideographic spaces
+        {"-10:0", "-10:min"},
+        {"72.25:-0", "72.25:min"},
+        {"0x10:1e3", "16:1000"},
+        {"40:2500", "40:2500"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(FanCurve(c.text, CurveSensor::cpu).pointsText(), c.pointsText) << c.text;
+    }
+}
+
+TEST(FanCurveParseTest, FailuresNameTheItemAsWritten) {
+    struct Case {
+        const char *text;
+        const char *failure;
+    } cases[] = {
+        {"50:min,,85:max", ""},
+        {"", ""},
+        {"50:min,", ""},
+        {",50:min", ""},
+        {"70", "70"},
+        {"70:1:2", "70:1:2"},
+        {"50:min, 60 : 3000rpm ,85:max", " 60 : 3000rpm "},
+        {"50c:min", "50c:min"},
+        {"50:-1", "50:-1"},
+        {"50:inf", "50:inf"},
+        {"50:nan", "50:nan"},
+        {"inf:min", "inf:min"},
+        {"nan:min", "nan:min"},
+        {"1e400:min", "1e400:min"},
+        {"50:1e-400", "50:1e-400"},
+        {"50:\n3000", "50:\n3000"},  // line breaks are not blanks
+        {"50: ", "50: "},
+        {"50:minimum", "50:minimum"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(parseFailure(c.text), c.failure) << '"' << c.text << '"';
+    }
+}
+
+TEST(FanCurveParseTest, ValidationFailureNamesTheSortedCurve) {
+    EXPECT_EQ(parseFailure("50:min,50:3000"), "50:min,50:3000");
+    EXPECT_EQ(parseFailure("85:max,50:min,50:3000"), "50:min,50:3000,85:max");
+    // The first bad item wins even when a later one is bad too.
+    EXPECT_EQ(parseFailure("x:1,y:2"), "x:1");
+}
+
+TEST(FanCurveTest, SortingConstructorIsStableAndDoesNotValidate) {
+    FanCurve curve({{70, 1}, {50, 2}, {70, 3}, {50, 4}}, CurveSensor::max);
+    EXPECT_EQ(curve.points, (std::vector<CurvePoint>{{50, 2}, {50, 4}, {70, 1}, {70, 3}}));
+    EXPECT_EQ(validateFailure(curve), "50:2,50:4,70:1,70:3");
+}
+
+TEST(FanCurveTest, ValidateChecksOrderFinitenessAndSpeed) {
+    auto curve = [](std::vector<CurvePoint> points) {
+        FanCurve result;
+        result.points = std::move(points);  // kept as given, like a decoded curve
+        return result;
+    };
+    EXPECT_EQ(validateFailure(curve({})), "empty");
+    EXPECT_EQ(validateFailure(curve({{70, 1000}, {50, 0}})), "70:1000,50:min");
+    EXPECT_EQ(validateFailure(curve({{50, -1}})), "50:-1");
+    EXPECT_EQ(validateFailure(curve({{50, NAN}})), "50:nan");
+    EXPECT_EQ(validateFailure(curve({{NAN, 0}})), "nan:min");
+    EXPECT_EQ(validateFailure(curve({{-kInf, 0}})), "-inf:min");
+    EXPECT_EQ(validateFailure(curve({{50, -kInf}})), "50:-inf");
+    EXPECT_EQ(validateFailure(curve({{50, kInf}})), "(valid)");
+    EXPECT_EQ(validateFailure(curve({{-1e300, 0}, {1e300, 1e300}})), "(valid)");
+}
+
+TEST(FanCurveTest, EvaluationInterpolatesBetweenResolvedSpeeds) {
+    FanCurve curve("50:min,70:3000,85:max", CurveSensor::cpu);
+    struct Case {
+        double at, expected;
+    } cases[] = {
+        {40, 1200}, {50, 1200}, {60, 2100},    {70, 3000},   {80, 5000},
+        {85, 6000}, {90, 6000}, {-kInf, 1200}, {kInf, 6000}, {NAN, 6000},
+    };
+    for (const Case &c : cases) {
+        EXPECT_DOUBLE_EQ(curve.rpm(c.at, 1200, 6000), c.expected) << c.at;
+    }
+}
+
+TEST(FanCurveTest, LimitsResolveRaiseFirstThenCap) {
+    FanCurve low({{50, 500}}, CurveSensor::cpu);
+    EXPECT_EQ(low.rpm(50, 1200, 6000), 1200);
+    FanCurve high({{50, 9000}}, CurveSensor::cpu);
+    EXPECT_EQ(high.rpm(50, 1200, 6000), 6000);
+    FanCurve curve("50:min,70:3000,85:max", CurveSensor::cpu);
+    for (double at : {0.0, 55.0, 60.0, 75.0, 100.0}) {
+        EXPECT_EQ(curve.rpm(at, 3000, 2000), 2000) << at;
+    }
+    FanCurve nanSpeed;
+    nanSpeed.points = {{50, NAN}};
+    EXPECT_EQ(nanSpeed.rpm(50, 1200, 6000), 1200);
+    EXPECT_EQ(FanCurve().rpm(50, 1200, 6000), 1200);
+}
+
+TEST(FanCurveTest, SpansNarrowerThanATenThousandthOfADegreeAreWidened) {
+    FanCurve curve;
+    curve.points = {{50, 1000}, {50.00001, 2000}};
+    // 0.000005 over a span widened to 0.0001 is 5% of the way, not half.
+    EXPECT_NEAR(curve.rpm(50.000005, 0, 6000), 1050, 1e-6);
+    curve.points = {{50, 1000}, {50, 2000}, {60, 3000}};  // a decoded, invalid curve
+    EXPECT_EQ(curve.rpm(50, 0, 6000), 1000);
+    EXPECT_EQ(curve.rpm(55, 0, 6000), 2500);
+}
+
+TEST(FanCurveTest, PresetsAreBuiltOnceWithTheirDescriptions) {
+    EXPECT_EQ(FanCurve::quiet().description(), "60:min,80:3500,92:max (cpu)");
+    EXPECT_EQ(FanCurve::balanced().description(), "50:min,70:3500,85:max (cpu)");
+    EXPECT_EQ(FanCurve::performance().description(), "40:2500,60:4500,75:max (cpu)");
+    EXPECT_EQ(&FanCurve::quiet(), &FanCurve::quiet());
+    EXPECT_EQ(FanCurve::preset("balanced"), &FanCurve::balanced());
+    EXPECT_EQ(FanCurve::preset("Balanced"), nullptr);
+    for (const FanCurve *preset :
+         {&FanCurve::quiet(), &FanCurve::balanced(), &FanCurve::performance()}) {
+        EXPECT_NO_THROW(preset->validate());
+        EXPECT_EQ(FanCurve(preset->pointsText(), CurveSensor::cpu), *preset);
+    }
+}
+
+TEST(FanCurveTest, EqualityAndHashingCoverPointsAndSensor) {
+    FanCurve a("50:min,85:max", CurveSensor::cpu);
+    FanCurve b("50:0,85:MAX", CurveSensor::cpu);
+    FanCurve otherSensor("50:min,85:max", CurveSensor::gpu);
+    FanCurve otherPoint("50:min,86:max", CurveSensor::cpu);
+    EXPECT_EQ(a, b);
+    EXPECT_NE(a, otherSensor);
+    EXPECT_NE(a, otherPoint);
+    std::unordered_set<FanCurve> set{a, b, otherSensor, otherPoint};
+    EXPECT_EQ(set.size(), 3u);
+    EXPECT_EQ(std::hash<CurvePoint>{}({50, 0.0}), std::hash<CurvePoint>{}({50, -0.0}));
+}
+
+TEST(CurveSensorTest, RawValuesAreExact) {
+    for (CurveSensor sensor : allCurveSensors) {
+        EXPECT_EQ(curveSensorFromRaw(rawValue(sensor)), sensor);
+    }
+    EXPECT_EQ(rawValue(CurveSensor::max), "max");
+    EXPECT_FALSE(curveSensorFromRaw("CPU"));
+}
+
+}  // namespace

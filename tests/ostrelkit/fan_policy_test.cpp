@@ -1,0 +1,217 @@
+// Fan policies, their errors and their JSON coding.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <unordered_set>
+
+#include "ostrel/fan_policy.h"
+#include "ostrel/policy_coding.h"
+#include "ostrel/version.h"
+
+namespace {
+
+using namespace ostrel;
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+FanCurve unsortedCurve() {
+    FanCurve curve;
+    curve.points = {{70, 1000}, {50, 0}};
+    return curve;
+}
+
+TEST(FanControlErrorTest, Messages) {
+    EXPECT_STREQ(FanControlError::badCurve("x").what(),
+                 "invalid curve point 'x' (expected TEMP:RPM|min|max, e.g. 50:min,70:3000,85:max)");
+    EXPECT_STREQ(FanControlError::noSuchFan(7).what(), "no fan with id 7");
+    EXPECT_STREQ(FanControlError::noSuchFan(-1).what(), "no fan with id -1");
+    EXPECT_STREQ(FanControlError::helperUnavailable("no proxy").what(),
+                 "helper unavailable: no proxy\nInstall it with: ostrel helper install");
+    EXPECT_STREQ(FanControlError::helper("invalid rpm").what(), "invalid rpm");
+    EXPECT_EQ(FanControlError::helper("a"), FanControlError::helper("a"));
+    EXPECT_FALSE(FanControlError::helper("a") == FanControlError::badCurve("a"));
+}
+
+// The message validate() fails with, or "(valid)".
+std::string validation(const FanPolicy &policy) {
+    try {
+        policy.validate();
+        return "(valid)";
+    } catch (const FanControlError &e) {
+        return e.what();
+    }
+}
+
+TEST(FanPolicyTest, ValidationAndDescription) {
+    const std::string badUnsorted = FanControlError::badCurve("70:1000,50:min").description();
+    FanCurve duplicate;
+    duplicate.points = {{50, 0}, {50, 3000}};
+    struct Case {
+        FanPolicy policy;
+        std::string validation;
+        std::string description;
+    } cases[] = {
+        {FanPolicy::Auto{}, "(valid)", "auto"},
+        {FanPolicy::fixed(2000), "(valid)", "fixed 2000 rpm"},
+        {FanPolicy::fixed(0), "(valid)", "fixed 0 rpm"},
+        {FanPolicy::fixed(2500.5), "(valid)", "fixed 2500.5 rpm"},
+        {FanPolicy::fixed(kInf), "(valid)", "fixed max"},
+        {FanPolicy::fixed(1e9), "(valid)", "fixed 1000000000 rpm"},
+        {FanPolicy::fixed(-1), "invalid fan speed", "fixed -1 rpm"},
+        {FanPolicy::fixed(-kInf), "invalid fan speed", "fixed max"},
+        {FanPolicy::fixed(NAN), "invalid fan speed", "fixed nan rpm"},
+        {FanPolicy::curve(FanCurve::balanced()), "(valid)", "curve 50:min,70:3500,85:max (cpu)"},
+        {FanPolicy::curve(unsortedCurve()), badUnsorted, "curve 70:1000,50:min (cpu)"},
+        {FanPolicy::curve(duplicate), FanControlError::badCurve("50:min,50:3000").description(),
+         "curve 50:min,50:3000 (cpu)"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(validation(c.policy), c.validation) << c.description;
+        EXPECT_EQ(c.policy.description(), c.description);
+    }
+}
+
+TEST(FanPolicyTest, EqualityAndHashing) {
+    EXPECT_EQ(FanPolicy(), FanPolicy::Auto{});
+    EXPECT_EQ(FanPolicy::fixed(0.0), FanPolicy::fixed(-0.0));
+    EXPECT_NE(FanPolicy::fixed(NAN), FanPolicy::fixed(NAN));
+    EXPECT_NE(FanPolicy::fixed(0), FanPolicy::curve(FanCurve()));
+    std::hash<FanPolicy> hash;
+    EXPECT_EQ(hash(FanPolicy::fixed(0.0)), hash(FanPolicy::fixed(-0.0)));
+    std::unordered_set<FanPolicy> set{FanPolicy(),
+                                      FanPolicy::fixed(2000),
+                                      FanPolicy::fixed(2000),
+                                      FanPolicy::fixed(kInf),
+                                      FanPolicy::curve(FanCurve::quiet()),
+                                      FanPolicy::curve(FanCurve::quiet())};
+    EXPECT_EQ(set.size(), 4u);
+}
+
+TEST(PolicyCodingTest, EncodesTheDocumentedForms) {
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy()), R"({"auto":{}})");
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(2000)), R"({"fixed":{"rpm":2000}})");
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(kInf)), R"({"fixed":{"rpm":"inf"}})");
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(-kInf)), R"({"fixed":{"rpm":"-inf"}})");
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(NAN)), R"({"fixed":{"rpm":"nan"}})");
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(2500.5)), R"({"fixed":{"rpm":2500.5}})");
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy::curve(FanCurve::balanced())),
+              R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
+              R"({"temperature":70,"rpm":3500},{"temperature":85,"rpm":"inf"}],"sensor":"cpu"}}})");
+}
+
+TEST(PolicyCodingTest, RoundTripsEveryCaseIncludingInfiniteSpeeds) {
+    FanCurve odd({{-5.5, 0}, {72.125, 1234.5}, {1e300, kInf}}, CurveSensor::max);
+    const FanPolicy policies[] = {
+        FanPolicy(),
+        FanPolicy::fixed(0),
+        FanPolicy::fixed(kInf),
+        FanPolicy::fixed(-kInf),
+        FanPolicy::fixed(0.1 + 0.2),
+        FanPolicy::curve(FanCurve::performance()),
+        FanPolicy::curve(odd),
+        FanPolicy::curve(unsortedCurve()),
+        FanPolicy::curve(FanCurve()),
+    };
+    for (const FanPolicy &policy : policies) {
+        EXPECT_EQ(PolicyCoding::decode(PolicyCoding::encode(policy)), policy)
+            << policy.description();
+    }
+    FanPolicy nan = PolicyCoding::decode(PolicyCoding::encode(FanPolicy::fixed(NAN)));
+    EXPECT_TRUE(std::isnan(nan.asFixed()->rpm));
+}
+
+TEST(PolicyCodingTest, DecodingIgnoresUnknownMembersAndKeepsOrder) {
+    EXPECT_EQ(PolicyCoding::decode(R"({"auto":{"x":1}})"), FanPolicy());
+    EXPECT_EQ(PolicyCoding::decode(R"({"version":3,"fixed":{"rpm":1500,"unit":"rpm"}})"),
+              FanPolicy::fixed(1500));
+    EXPECT_EQ(PolicyCoding::decode(R"({"fixed":{"rpm":1.5e3}})"), FanPolicy::fixed(1500));
+    FanPolicy decoded = PolicyCoding::decode(
+        R"({"curve":{"_0":{"sensor":"gpu","points":[{"rpm":1000,"temperature":70},)"
+        R"({"temperature":50,"rpm":0,"note":"x"}]}}})");
+    ASSERT_TRUE(decoded.asCurve());
+    EXPECT_EQ(decoded.asCurve()->curve.points, unsortedCurve().points);
+    EXPECT_EQ(decoded.asCurve()->curve.sensor, CurveSensor::gpu);
+    EXPECT_THROW(decoded.validate(), FanControlError);
+}
+
+TEST(PolicyCodingTest, DecodingErrorsAreTypedWithClearMessages) {
+    struct Case {
+        const char *data;
+        DecodingError::Kind kind;
+        const char *message;
+    } cases[] = {
+        {R"({"fixed":{"rpm":1500},"auto":{}})", DecodingError::Kind::typeMismatch,
+         "Invalid number of keys found, expected one."},
+        {"{}", DecodingError::Kind::typeMismatch, "Invalid number of keys found, expected one."},
+        {R"({"Auto":{}})", DecodingError::Kind::typeMismatch,
+         "Invalid number of keys found, expected one."},
+        {"[]", DecodingError::Kind::typeMismatch, "Expected an object, found an array."},
+        {R"({"auto":true})", DecodingError::Kind::typeMismatch,
+         "Expected an object at auto, found a boolean."},
+        {R"({"fixed":{}})", DecodingError::Kind::keyNotFound, "Missing member \"rpm\" at fixed."},
+        {R"({"fixed":{"rpm":"max"}})", DecodingError::Kind::typeMismatch,
+         "Expected a number (or \"inf\", \"-inf\", \"nan\") at fixed.rpm, found a string."},
+        {R"({"fixed":{"rpm":null}})", DecodingError::Kind::typeMismatch,
+         "Expected a number (or \"inf\", \"-inf\", \"nan\") at fixed.rpm, found null."},
+        {R"({"curve":{"points":[],"sensor":"cpu"}})", DecodingError::Kind::keyNotFound,
+         "Missing member \"_0\" at curve."},
+        {R"({"curve":{"_0":{"points":[]}}})", DecodingError::Kind::keyNotFound,
+         "Missing member \"sensor\" at curve._0."},
+        {R"({"curve":{"_0":{"points":[{"temperature":1,"rpm":2},{"rpm":3}],"sensor":"cpu"}}})",
+         DecodingError::Kind::keyNotFound, "Missing member \"temperature\" at curve._0.points[1]."},
+        {R"({"curve":{"_0":{"points":{},"sensor":"cpu"}}})", DecodingError::Kind::typeMismatch,
+         "Expected an array at curve._0.points, found an object."},
+        {R"({"curve":{"_0":{"points":[],"sensor":"CPU"}}})", DecodingError::Kind::dataCorrupted,
+         "Invalid value \"CPU\" at curve._0.sensor (expected one of cpu, gpu, max)."},
+    };
+    for (const Case &c : cases) {
+        try {
+            PolicyCoding::decode(c.data);
+            ADD_FAILURE() << c.data << " decoded";
+        } catch (const DecodingError &e) {
+            EXPECT_EQ(e.kind(), c.kind) << c.data;
+            EXPECT_STREQ(e.what(), c.message) << c.data;
+        }
+    }
+    EXPECT_THROW(PolicyCoding::decode("hello"), DecodingError);
+    EXPECT_THROW(PolicyCoding::decode(""), DecodingError);
+}
+
+TEST(PolicyCodingTest, MapsAreKeyedByDecimalFanIndex) {
+    EXPECT_EQ(PolicyCoding::encodeMap({}), "{}");
+    PolicyMap policies{{1, FanPolicy::fixed(kInf)}, {0, FanPolicy::fixed(2500)}, {10, {}}};
+    std::string data = PolicyCoding::encodeMap(policies);
+    EXPECT_EQ(data, R"({"0":{"fixed":{"rpm":2500}},"1":{"fixed":{"rpm":"inf"}},"10":{"auto":{}}})");
+    std::map<std::string, FanPolicy> decoded = PolicyCoding::decodeMap(data);
+    ASSERT_EQ(decoded.size(), 3u);
+    EXPECT_EQ(decoded.at("1"), FanPolicy::fixed(kInf));
+
+    EXPECT_EQ(PolicyCoding::decodeMap("{}").size(), 0u);
+    EXPECT_EQ(PolicyCoding::decodeMap(R"({"01":{"auto":{}}})").count("01"), 1u);
+    EXPECT_THROW(PolicyCoding::decodeMap("[]"), DecodingError);
+    try {
+        PolicyCoding::decodeMap(R"({"0":{"auto":{}},"1":{"fixed":{}}})");
+        FAIL();
+    } catch (const DecodingError &e) {
+        EXPECT_STREQ(e.what(), "Missing member \"rpm\" at 1.fixed.");
+    }
+}
+
+TEST(PolicyCodingTest, FanIndexAcceptsOnlyCanonicalDecimal) {
+    EXPECT_EQ(PolicyCoding::fanIndex("0"), 0);
+    EXPECT_EQ(PolicyCoding::fanIndex("12"), 12);
+    EXPECT_EQ(PolicyCoding::fanIndex("9223372036854775807"), 9223372036854775807);
+    for (const char *key :
+         {"", "+1", "01", "00", "-0", "-1", " 1", "1 ", "1a", "0x1", "9223372036854775808"}) {
+        EXPECT_FALSE(PolicyCoding::fanIndex(key)) << '"' << key << '"';
+    }
+}
+
+TEST(OstrelVersionTest, MatchesTheBuild) {
+    EXPECT_EQ(OstrelVersion::string, "1.1.13");
+    EXPECT_EQ(OstrelVersion::string, OSTREL_PROJECT_VERSION);
+}
+
+}  // namespace

@@ -1,0 +1,290 @@
+// Readings and snapshots: derived temperatures and powers, and the JSON forms.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <unordered_set>
+
+#include "ostrel/models.h"
+
+namespace {
+
+using namespace ostrel;
+using std::chrono::milliseconds;
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+Reading temp(const char *key, SensorGroup group, double value, bool known = true) {
+    return Reading{key, key, group, value, known};
+}
+
+Snapshot withTemperatures(std::vector<Reading> temperatures) {
+    return Snapshot({}, std::move(temperatures), {}, {}, {}, {}, std::nullopt);
+}
+
+Snapshot withPower(std::vector<Reading> power) {
+    return Snapshot({}, {}, {}, std::move(power), {}, {}, std::nullopt);
+}
+
+TEST(SnapshotTest, NoUsableTemperatureMeansNoDerivedTemperature) {
+    const std::vector<Reading> unusable[] = {
+        {},
+        {temp("TC0P", SensorGroup::cpu, 60, false), temp("TG0P", SensorGroup::gpu, 50, false)},
+        {temp("TC0P", SensorGroup::cpu, NAN), temp("TG0P", SensorGroup::gpu, kInf),
+         temp("Tm0P", SensorGroup::board, -kInf)},
+    };
+    for (const auto &readings : unusable) {
+        Snapshot snapshot = withTemperatures(readings);
+        EXPECT_FALSE(snapshot.cpu());
+        EXPECT_FALSE(snapshot.gpu());
+        EXPECT_FALSE(snapshot.hottest());
+        EXPECT_FALSE(snapshot.maximumKnownTemperature());
+        EXPECT_FALSE(snapshot.averageTemperature(SensorGroup::cpu));
+        for (CurveSensor sensor : allCurveSensors) {
+            EXPECT_FALSE(snapshot.temperature(sensor));
+        }
+    }
+}
+
+TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
+    struct Case {
+        std::vector<Reading> readings;
+        std::optional<double> hottest, maximumKnown, cpu, gpu, max;
+    } cases[] = {
+        // A hot board is not consulted while a CPU value exists; gpu falls back to hottest.
+        {{temp("TC0P", SensorGroup::cpu, 60), temp("Tm0P", SensorGroup::board, 80)},
+         60,
+         80,
+         60,
+         60,
+         60},
+        {{temp("Tm0P", SensorGroup::board, 45)}, 45, 45, 45, 45, 45},
+        {{temp("TG0P", SensorGroup::gpu, 70), temp("TC0P", SensorGroup::cpu, 65),
+          temp("TC0D", SensorGroup::cpu, 68), temp("TB0T", SensorGroup::battery, 90)},
+         70,
+         90,
+         68,
+         70,
+         70},
+        // An unknown CPU reading does not count, so the board decides.
+        {{temp("TC0C", SensorGroup::cpu, 99, false), temp("Tm0P", SensorGroup::board, 50)},
+         50,
+         50,
+         50,
+         50,
+         50},
+        {{temp("TG0D", SensorGroup::gpu, 55), temp("TG0D", SensorGroup::gpu, NAN),
+          temp("Ts0P", SensorGroup::ambient, 30)},
+         55,
+         55,
+         55,
+         55,
+         55},
+    };
+    for (const Case &c : cases) {
+        Snapshot snapshot = withTemperatures(c.readings);
+        EXPECT_EQ(snapshot.hottest(), c.hottest);
+        EXPECT_EQ(snapshot.maximumKnownTemperature(), c.maximumKnown);
+        EXPECT_EQ(snapshot.temperature(CurveSensor::cpu), c.cpu);
+        EXPECT_EQ(snapshot.temperature(CurveSensor::gpu), c.gpu);
+        EXPECT_EQ(snapshot.temperature(CurveSensor::max), c.max);
+    }
+}
+
+TEST(SnapshotTest, GroupMaximumAndAverageUseKnownFiniteReadingsOnly) {
+    Snapshot snapshot = withTemperatures(
+        {temp("TM0P", SensorGroup::memory, 40), temp("TM0S", SensorGroup::memory, 50),
+         temp("TM1S", SensorGroup::memory, 90, false), temp("TM2S", SensorGroup::memory, NAN)});
+    EXPECT_EQ(snapshot.averageTemperature(SensorGroup::memory), 45);
+    EXPECT_EQ(snapshot.maxTemperature(SensorGroup::memory), 50);
+    EXPECT_FALSE(snapshot.maxTemperature(SensorGroup::storage));
+}
+
+TEST(SnapshotTest, PowerPrefersKeysInOrderWhereverTheyStand) {
+    EXPECT_EQ(withPower({{"PDTR", "DC In", SensorGroup::other, 30, true},
+                         {"PSTR", "System Total", SensorGroup::other, 20, true}})
+                  .systemPower(),
+              20);
+    EXPECT_EQ(withPower({{"PDTR", "DC In", SensorGroup::other, 30, false}}).systemPower(), 30);
+    EXPECT_FALSE(withPower({{"PCPC", "CPU Package", SensorGroup::other, 9, true}}).systemPower());
+    EXPECT_EQ(withPower({{"PC0R", "", SensorGroup::other, 3, true},
+                         {"PCPT", "", SensorGroup::other, 7, true},
+                         {"PCPT", "", SensorGroup::other, 8, true}})
+                  .cpuPower(),
+              7);
+    EXPECT_FALSE(withPower({}).cpuPower());
+}
+
+TEST(FanReadingTest, LoadIsClampedAndZeroWithoutLimits) {
+    struct Case {
+        double rpm, min, max, load;
+    } cases[] = {{1500, 1000, 2000, 0.5}, {500, 1000, 2000, 0},  {2500, 1000, 2000, 1},
+                 {1500, 0, 0, 0},         {1500, 2000, 1000, 0}, {NAN, 1000, 2000, 0}};
+    for (const Case &c : cases) {
+        FanReading fan{0, "Left", c.rpm, c.min, c.max, std::nullopt, false};
+        EXPECT_EQ(fan.load(), c.load) << c.rpm << " " << c.min << " " << c.max;
+    }
+}
+
+TEST(BatteryInfoTest, PowerNeedsVoltageAndAmperage) {
+    BatteryInfo battery;
+    battery.voltage = 12.0;
+    battery.amperage = -1.5;
+    EXPECT_EQ(battery.power(), -18.0);
+    battery.amperage.reset();
+    EXPECT_FALSE(battery.power());
+}
+
+TEST(ModelEnumsTest, RawValuesAreCaseSensitive) {
+    EXPECT_EQ(sensorGroupFromRaw("Storage"), SensorGroup::storage);
+    EXPECT_FALSE(sensorGroupFromRaw("storage"));
+    EXPECT_FALSE(sensorGroupFromRaw("cpu"));
+    EXPECT_EQ(quantityFromRaw("current"), Quantity::current);
+    EXPECT_FALSE(quantityFromRaw("Current"));
+    EXPECT_EQ(unit(Quantity::temperature),
+              "\xC2\xB0"
+              "C");
+    for (SensorGroup group : allSensorGroups) {
+        EXPECT_EQ(sensorGroupFromRaw(rawValue(group)), group);
+    }
+}
+
+TEST(ReadingTest, EqualityAndHashCoverAllFields) {
+    Reading a = temp("TC0P", SensorGroup::cpu, 60);
+    Reading b = a;
+    b.known = false;
+    std::unordered_set<Reading> set{a, a, b};
+    EXPECT_EQ(set.size(), 2u);
+    EXPECT_EQ(a.id(), "TC0P");
+}
+
+Snapshot fullSnapshot() {
+    BatteryInfo battery;
+    battery.percent = 81;
+    battery.voltage = 12.5;
+    battery.amperage = -0.75;
+    battery.cycleCount = 312;
+    battery.charging = false;
+    battery.externalPower = true;
+    auto time = Snapshot::Clock::time_point(milliseconds(1795342530123));
+    return Snapshot(time,
+                    {temp("TC0P", SensorGroup::cpu, 61.25),
+                     {"hid:PMU tdie1", "PMU tdie1", SensorGroup::cpu, 58, true}},
+                    {{0, "Left", 2000, 1200, 6000, 2500.5, true},
+                     {1, "Right", 1800, 1200, 6000, std::nullopt, false}},
+                    {{"PSTR", "System Total", SensorGroup::other, 21.5, true}},
+                    {{"VD0R", "DC In", SensorGroup::other, 20.1, true}},
+                    {{"ID0R", "DC In", SensorGroup::other, 1.07, true}}, battery);
+}
+
+TEST(SnapshotJsonTest, WritesFieldsInOrderAndLeavesOutAbsentValues) {
+    Json json = fullSnapshot();
+    EXPECT_EQ(json["timestamp"], "2026-11-22T10:15:30.123Z");
+    EXPECT_EQ(json["temperatures"][0].dump(),
+              R"({"key":"TC0P","name":"TC0P","group":"CPU","value":61.25,"known":true})");
+    EXPECT_EQ(json["fans"][0].dump(),
+              R"({"id":0,"name":"Left","rpm":2000,"min":1200,"max":6000,"target":2500.5,)"
+              R"("manual":true})");
+    EXPECT_FALSE(json["fans"][1].contains("target"));
+    EXPECT_EQ(json["battery"].dump(),
+              R"({"percent":81,"voltage":12.5,"amperage":-0.75,"cycleCount":312,)"
+              R"("charging":false,"externalPower":true})");
+    Json keys = Json::array();
+    for (const auto &[key, value] : json.items()) {
+        keys.push_back(key);
+    }
+    EXPECT_EQ(keys.dump(),
+              R"(["timestamp","temperatures","fans","power","voltages","currents","battery"])");
+}
+
+TEST(SnapshotJsonTest, RoundTrips) {
+    Snapshot snapshot = fullSnapshot();
+    Json json = snapshot;
+    EXPECT_EQ(Json::parse(json.dump()).get<Snapshot>(), snapshot);
+    Snapshot bare = withTemperatures({temp("TA0P", SensorGroup::ambient, 25)});
+    Json bareJson = bare;
+    EXPECT_FALSE(bareJson.contains("battery"));
+    EXPECT_EQ(bareJson.get<Snapshot>(), bare);
+    EXPECT_EQ(bareJson["timestamp"], "1970-01-01T00:00:00.000Z");
+}
+
+TEST(SnapshotJsonTest, DecodingFailsOnMissingMembersAndWrongCase) {
+    Json good = fullSnapshot();
+    struct Case {
+        const char *pointer;  // the member to change
+        Json value;           // null: remove it
+        const char *message;
+    } cases[] = {
+        {"/temperatures/0/group", "cpu",
+         "Invalid value \"cpu\" at temperatures[0].group (expected one of CPU, GPU, Memory, "
+         "Storage, Battery, Ambient, Board, Other)."},
+        {"/temperatures/1/known", nullptr, "Missing member \"known\" at temperatures[1]."},
+        {"/fans/0/id", 1.5, "Expected an integer at fans[0].id, found a number."},
+        {"/fans/0/manual", "yes", "Expected a boolean at fans[0].manual, found a string."},
+        {"/battery/charging", nullptr, "Missing member \"charging\" at battery."},
+        {"/currents", nullptr, "Missing member \"currents\"."},
+        {"/timestamp", "2026-11-22 10:15:30",
+         "Invalid value \"2026-11-22 10:15:30\" at timestamp (expected an ISO 8601 time such as "
+         "2026-11-22T10:15:30.123Z)."},
+    };
+    for (const Case &c : cases) {
+        Json json = good;
+        Json::json_pointer pointer(c.pointer);
+        if (c.value.is_null()) {
+            json[pointer.parent_pointer()].erase(pointer.back());
+        } else {
+            json[pointer] = c.value;
+        }
+        try {
+            json.get<Snapshot>();
+            ADD_FAILURE() << c.pointer;
+        } catch (const DecodingError &e) {
+            EXPECT_STREQ(e.what(), c.message);
+        }
+    }
+    Json noTarget = good;
+    noTarget["fans"][0].erase("target");
+    noTarget["battery"].erase("percent");
+    Snapshot decoded = noTarget.get<Snapshot>();
+    EXPECT_FALSE(decoded.fans()[0].target);
+    EXPECT_FALSE(decoded.battery()->percent);
+}
+
+TEST(TimestampTest, IsoTextBothWays) {
+    using Time = Snapshot::Clock::time_point;
+    EXPECT_EQ(timestampText(Time(milliseconds(-1))), "1969-12-31T23:59:59.999Z");
+    EXPECT_EQ(timestampText(Time(std::chrono::nanoseconds(1'999'999))), "1970-01-01T00:00:00.001Z");
+    struct Case {
+        const char *text;
+        std::optional<std::int64_t> millisecondsSinceEpoch;
+    } cases[] = {
+        {"2026-11-22T10:15:30.123Z", 1795342530123},
+        {"2026-11-22T10:15:30Z", 1795342530000},
+        {"2026-11-22T12:15:30.1+02:00", 1795342530100},
+        {"2026-11-22T05:45:30.123-04:30", 1795342530123},
+        {"2024-02-29T00:00:00Z", 1709164800000},
+        {"2023-02-29T00:00:00Z", std::nullopt},
+        {"2026-11-22T24:00:00Z", std::nullopt},
+        {"2026-11-22T10:15:60Z", std::nullopt},
+        {"2026-11-22T10:15:30.Z", std::nullopt},
+        {"2026-11-22T10:15:30.1234567891Z", std::nullopt},
+        {"2026-11-22T10:15:30", std::nullopt},
+        {"2026-11-22T10:15:30Zjunk", std::nullopt},
+        {"9999-12-31T23:59:59Z", std::nullopt},  // beyond the clock's range
+        {"", std::nullopt},
+    };
+    for (const Case &c : cases) {
+        std::optional<Time> time = timestampFromText(c.text);
+        if (c.millisecondsSinceEpoch) {
+            ASSERT_TRUE(time) << c.text;
+            EXPECT_EQ(std::chrono::floor<milliseconds>(time->time_since_epoch()).count(),
+                      *c.millisecondsSinceEpoch)
+                << c.text;
+        } else {
+            EXPECT_FALSE(time) << c.text;
+        }
+    }
+}
+
+}  // namespace
