@@ -48,6 +48,7 @@ enum { SMC_CMD_READ = 5, SMC_CMD_WRITE = 6, SMC_CMD_KEY_AT_INDEX = 8, SMC_CMD_KE
 #define SMC_RESULT_NOT_READABLE 0x85u
 #define SMC_RESULT_NOT_WRITABLE 0x86u
 #define SMC_RESULT_SIZE_MISMATCH 0x87u
+#define SMC_RESULT_BAD_ARGUMENT 0x89u
 #define SMC_RESULT_INDEX_RANGE 0xB8u
 
 /* IOKit return codes that transports use for kernel-level failures. */
@@ -56,6 +57,7 @@ enum { SMC_CMD_READ = 5, SMC_CMD_WRITE = 6, SMC_CMD_KEY_AT_INDEX = 8, SMC_CMD_KE
 #define SMC_KERN_NOT_PRIVILEGED 0xE00002C1u /* becomes SMC_ENOTPRIVILEGED */
 #define SMC_KERN_BAD_ARGUMENT 0xE00002C2u   /* malformed request */
 #define SMC_KERN_IO_ERROR 0xE00002CAu       /* the hardware handshake failed */
+#define SMC_KERN_BUSY 0xE00002D5u           /* the device is in use by someone else */
 #define SMC_KERN_NOT_RESPONDING 0xE00002EDu /* no answer (e.g. the virtual Mac is gone) */
 
 #define SMC_MAX_DATA 32

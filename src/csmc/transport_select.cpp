@@ -1,8 +1,12 @@
 // Picks the transport that OSTREL_SMC names.
 
+#include <algorithm>
 #include <string>
 
+#include "csmc/applesmc.h"
 #include "csmc/transport.h"
+#include "ostrel/platform/paths.h"
+#include "ostrel/platform/sysfs.h"
 #include "ostrel/vsmc/memory_transport.h"
 
 namespace csmc {
@@ -18,7 +22,18 @@ OpenedTransport openTransport(std::string_view selector) {
         }
         return ostrel::vsmc::openSharedMachine(profile);
     }
+    constexpr std::string_view kApplesmc = "applesmc";
+    if (selector == kApplesmc || selector.starts_with("applesmc:")) {
+        std::string_view dir = selector.substr(std::min(selector.size(), kApplesmc.size() + 1));
+        return openApplesmc(dir, ostrel::platform::realSysfs(), ostrel::platform::Paths());
+    }
     if (selector.empty()) {
+        // On Linux the platform's SMC is the applesmc driver's, when it is loaded.
+        OpenedTransport applesmc =
+            openApplesmc("", ostrel::platform::realSysfs(), ostrel::platform::Paths());
+        if (applesmc.status == SMC_OK) {
+            return applesmc;
+        }
         return {SMC_ENOSERVICE, nullptr,
                 "no SMC found; set OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or "
                 "applesmc[:DIR]"};

@@ -11,7 +11,38 @@
 #include <cstdlib>
 #include <memory>
 
+#include "posix_io.h"
+
 namespace ostrel::platform {
+
+namespace posix {
+
+int readAll(const std::string &path, std::string &out) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    char chunk[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            int error = errno;
+            ::close(fd);
+            return error;
+        }
+        if (n == 0) {
+            break;
+        }
+        out.append(chunk, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    return 0;
+}
+
+}  // namespace posix
 
 namespace {
 
@@ -42,27 +73,10 @@ std::string parentOf(const std::string &path) {
 class RealFiles final : public Files {
   public:
     std::optional<std::string> read(const std::string &path) const override {
-        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
+        std::string contents;
+        if (posix::readAll(path, contents) != 0) {
             return std::nullopt;
         }
-        std::string contents;
-        char chunk[65536];
-        for (;;) {
-            ssize_t n = ::read(fd, chunk, sizeof chunk);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n < 0) {
-                ::close(fd);
-                return std::nullopt;
-            }
-            if (n == 0) {
-                break;
-            }
-            contents.append(chunk, static_cast<std::size_t>(n));
-        }
-        ::close(fd);
         return contents;
     }
 

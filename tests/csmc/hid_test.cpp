@@ -96,13 +96,13 @@ class HwmonTree : public testing::Test {
     void chip(const std::string &hwmon, const std::string &name,
               std::vector<std::tuple<int, std::string, std::string>> temps) {
         std::string dir = "sys/class/hwmon/" + hwmon + "/";
-        root.write(dir + "name", name + "\n");
+        root.put(dir + "name", name + "\n");
         for (auto &[n, label, millis] : temps) {
             std::string base = dir + "temp" + std::to_string(n);
             if (!label.empty()) {
-                root.write(base + "_label", label + "\n");
+                root.put(base + "_label", label + "\n");
             }
-            root.write(base + "_input", millis + "\n");
+            root.put(base + "_input", millis + "\n");
         }
     }
 };

@@ -16,7 +16,7 @@ class PowerSupplyTree : public testing::Test {
 
     void supply(const std::string &name, std::map<std::string, std::string> files) {
         for (auto &[file, contents] : files) {
-            root.write("sys/class/power_supply/" + name + "/" + file, contents + "\n");
+            root.put("sys/class/power_supply/" + name + "/" + file, contents + "\n");
         }
     }
     std::optional<nlohmann::json> read() {

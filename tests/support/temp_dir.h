@@ -1,20 +1,25 @@
-// A temporary directory for one test, removed with everything in it afterwards.
+// A fresh directory for tests that need real files, removed with its contents at the end.
 #pragma once
 
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 
 namespace ostrel::test {
 
 class TempDir {
   public:
-    TempDir() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "ostrel-test-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
+    // A new directory inside `parent`. Throws std::runtime_error when none can be made.
+    explicit TempDir(const std::string &parent = "/tmp") {
+        std::string pattern = parent + "/ostrel-test-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("cannot make a directory in " + parent);
+        }
+        path_ = pattern;
     }
     ~TempDir() {
         std::error_code ignored;
@@ -25,12 +30,19 @@ class TempDir {
 
     const std::string &path() const { return path_; }
 
-    // Writes a file below the directory, creating its parents; returns its full path.
-    std::string write(const std::string &relative, const std::string &contents) const {
-        std::filesystem::path full = std::filesystem::path(path_) / relative;
-        std::filesystem::create_directories(full.parent_path());
-        std::ofstream(full, std::ios::binary) << contents;
-        return full.string();
+    // Writes `contents` to `relative` below the directory, making the directories on the
+    // way; returns the file's path.
+    std::string put(const std::string &relative, const std::string &contents) const {
+        std::filesystem::path file = std::filesystem::path(path_) / relative;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << contents;
+        return file.string();
+    }
+
+    // The contents of `relative` below the directory ("" when it cannot be read).
+    std::string read(const std::string &relative) const {
+        std::ifstream in(std::filesystem::path(path_) / relative, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
     }
 
   private:

@@ -1,0 +1,61 @@
+// The real attribute files and lock, on plain files in a temporary directory.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "ostrel/platform/sysfs.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using ostrel::platform::realSysfs;
+
+TEST(RealSysfsTest, ReadsAndStoresWholeAttributesWithErrno) {
+    ostrel::test::TempDir dir;
+    std::string data = dir.put("key_at_index_data", std::string("\x00\x0b\xb8", 3));
+    EXPECT_EQ(realSysfs().read(data).contents, std::string("\x00\x0b\xb8", 3));
+    EXPECT_EQ(realSysfs().read(dir.path() + "/missing").error, ENOENT);
+
+    std::string output = dir.put("fan1_output", "2000\n");
+    EXPECT_EQ(realSysfs().write(output, "3000"), 0);
+    EXPECT_EQ(dir.read("fan1_output"), "3000");
+    // Attributes are never created by writing them.
+    EXPECT_EQ(realSysfs().write(dir.path() + "/fan9_output", "1"), ENOENT);
+    EXPECT_FALSE(std::filesystem::exists(dir.path() + "/fan9_output"));
+    if (geteuid() != 0) {  // root may write anything
+        chmod(output.c_str(), 0444);
+        EXPECT_EQ(realSysfs().write(output, "1"), EACCES);
+    }
+}
+
+TEST(RealSysfsTest, LockIsCreatedPrivateAndExcludesOtherHolders) {
+    ostrel::test::TempDir dir;
+    std::string path = dir.path() + "/run/sub/app.lock";
+    {
+        ostrel::platform::LockResult held = realSysfs().lockExclusive(path);
+        ASSERT_EQ(held.error, 0);
+        ASSERT_NE(held.lock, nullptr);
+        struct stat info {};
+        ASSERT_EQ(stat(path.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+        int other = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), -1);
+        EXPECT_EQ(errno, EWOULDBLOCK);
+        close(other);
+    }
+    int other = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+    close(other);
+
+    dir.put("file", "x");
+    EXPECT_EQ(realSysfs().lockExclusive(dir.path() + "/file/below.lock").error, ENOTDIR);
+}
+
+}  // namespace

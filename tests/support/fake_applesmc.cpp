@@ -1,0 +1,464 @@
+#include "support/fake_applesmc.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <optional>
+
+namespace ostrel::test {
+
+namespace {
+
+constexpr unsigned kMaxFans = 10;
+constexpr unsigned long kSpeedLimit = 0x4000;
+
+// The kernel's kstrtoul(text, 10): an optional '+', decimal digits, at most one trailing
+// newline; anything else, and overflow, is refused.
+std::optional<unsigned long> kernelUnsigned(std::string_view text) {
+    if (!text.empty() && text.back() == '\n') {
+        text.remove_suffix(1);
+    }
+    if (!text.empty() && text.front() == '+') {
+        text.remove_prefix(1);
+    }
+    unsigned long value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+// "%s" of a four-character code: it stops at a NUL byte.
+std::string codeText(std::uint32_t code) {
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        char c = static_cast<char>((code >> shift) & 0xFF);
+        if (c == '\0') {
+            break;
+        }
+        text += c;
+    }
+    return text;
+}
+
+std::uint32_t fanKey(unsigned fan, const char *what) {
+    char text[5] = {'F', static_cast<char>('0' + fan), what[0], what[1], '\0'};
+    return smc_fourcc(text);
+}
+
+// The fan number of "fanN_<what>" (N from 1), or nothing.
+std::optional<unsigned> fanNumber(const std::string &attribute, std::string_view what) {
+    std::string_view name = attribute;
+    if (!name.starts_with("fan") || !name.ends_with(what)) {
+        return std::nullopt;
+    }
+    std::string_view digits = name.substr(3, name.size() - 3 - what.size());
+    unsigned number = 0;
+    auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    if (digits.empty() || ec != std::errc{} || end != digits.data() + digits.size()) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+bool isSelectorUse(const std::string &attribute) {
+    return attribute.starts_with("key_at_index");
+}
+
+}  // namespace
+
+class FakeApplesmc::Opener final : public platform::Sysfs {
+  public:
+    Opener(FakeApplesmc &driver, unsigned uid, bool rogue)
+        : driver(driver), uid(uid), rogue(rogue) {}
+
+    platform::AttributeRead read(const std::string &path) override {
+        platform::AttributeRead result;
+        result.error = driver.read(path, result.contents, *this);
+        return result;
+    }
+    int write(const std::string &path, std::string_view text) override {
+        return driver.write(path, text, *this);
+    }
+    platform::LockResult lockExclusive(const std::string &path) override {
+        return driver.lock(path);
+    }
+
+    FakeApplesmc &driver;
+    const unsigned uid;
+    const bool rogue;
+};
+
+namespace {
+
+class FakeHold final : public platform::HeldLock {
+  public:
+    explicit FakeHold(std::function<void()> release) : release_(std::move(release)) {}
+    ~FakeHold() override { release_(); }
+
+  private:
+    std::function<void()> release_;
+};
+
+}  // namespace
+
+FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string sysRoot)
+    : machine_(machine),
+      variant_(variant),
+      device_(sysRoot + (variant == Variant::mainline ? "/devices/platform/applesmc.768"
+                                                      : "/bus/acpi/devices/APP0001:00")) {}
+
+std::unique_ptr<platform::Sysfs> FakeApplesmc::opener(unsigned uid) {
+    return std::make_unique<Opener>(*this, uid, false);
+}
+
+std::unique_ptr<platform::Sysfs> FakeApplesmc::rogue() {
+    return std::make_unique<Opener>(*this, 0, true);
+}
+
+std::vector<FakeApplesmc::Store> FakeApplesmc::stores() const {
+    std::lock_guard guard(mutex_);
+    return stores_;
+}
+
+std::vector<FakeApplesmc::Store> FakeApplesmc::fanStores() const {
+    std::vector<Store> fans;
+    for (const Store &store : stores()) {
+        if (store.attribute.starts_with("fan")) {
+            fans.push_back(store);
+        }
+    }
+    return fans;
+}
+
+void FakeApplesmc::clearStores() {
+    std::lock_guard guard(mutex_);
+    stores_.clear();
+}
+
+void FakeApplesmc::failNext(const std::string &attribute, int error, unsigned times) {
+    std::lock_guard guard(mutex_);
+    faults_[attribute] = {error, times};
+}
+
+void FakeApplesmc::detach() {
+    std::lock_guard guard(mutex_);
+    detached_ = true;
+}
+
+void FakeApplesmc::setAfterAccess(std::function<void(const std::string &)> hook) {
+    std::lock_guard guard(mutex_);
+    afterAccess_ = std::move(hook);
+}
+
+std::size_t FakeApplesmc::unlockedSelectorUses() const {
+    std::lock_guard guard(mutex_);
+    return unlockedSelectorUses_;
+}
+
+std::size_t FakeApplesmc::accesses() const {
+    std::lock_guard guard(mutex_);
+    return accesses_;
+}
+
+std::string FakeApplesmc::lockPath() const {
+    std::lock_guard guard(mutex_);
+    return lockPath_;
+}
+
+int FakeApplesmc::read(const std::string &path, std::string &out, const Opener &who) {
+    std::string attribute;
+    int error = 0;
+    {
+        std::lock_guard guard(mutex_);
+        error = access(path, false, who, attribute);
+        if (error == 0) {
+            error = show(attribute, out);
+        }
+    }
+    after(attribute, who);
+    return error;
+}
+
+int FakeApplesmc::write(const std::string &path, std::string_view text, const Opener &who) {
+    std::string attribute;
+    int error = 0;
+    {
+        std::lock_guard guard(mutex_);
+        error = access(path, true, who, attribute);
+        if (error == 0) {
+            error = store(attribute, text);
+        }
+        if (error == 0) {
+            stores_.push_back({attribute, std::string(text)});
+        }
+    }
+    after(attribute, who);
+    return error;
+}
+
+platform::LockResult FakeApplesmc::lock(const std::string &path) {
+    std::unique_lock guard(mutex_);
+    unlocked_.wait(guard, [this] { return !locked_; });
+    locked_ = true;
+    holder_ = std::this_thread::get_id();
+    lockPath_ = path;
+    return {0, std::make_unique<FakeHold>([this] {
+                std::lock_guard release(mutex_);
+                locked_ = false;
+                holder_ = {};
+                unlocked_.notify_one();
+            })};
+}
+
+void FakeApplesmc::after(const std::string &attribute, const Opener &who) {
+    if (who.rogue) {
+        return;
+    }
+    std::function<void(const std::string &)> hook;
+    {
+        std::lock_guard guard(mutex_);
+        hook = afterAccess_;
+    }
+    if (hook) {
+        hook(attribute);
+    }
+}
+
+// Resolves the path to an attribute and applies existence, injected faults and file modes.
+int FakeApplesmc::access(const std::string &path, bool writing, const Opener &who,
+                         std::string &attribute) {
+    if (!who.rogue) {
+        ++accesses_;
+    }
+    std::string prefix = device_ + "/";
+    if (detached_ || !path.starts_with(prefix)) {
+        return ENOENT;
+    }
+    attribute = path.substr(prefix.size());
+    if (!who.rogue && isSelectorUse(attribute) &&
+        (!locked_ || holder_ != std::this_thread::get_id())) {
+        ++unlockedSelectorUses_;
+    }
+
+    bool writable = false;
+    if (attribute == "key_at_index") {
+        writable = true;
+    } else if (attribute == "key_count" || attribute == "key_at_index_name" ||
+               attribute == "key_at_index_type" || attribute == "key_at_index_data_length" ||
+               attribute == "key_at_index_data" ||
+               (attribute == "name" && variant_ == Variant::mainline)) {
+        writable = false;
+    } else {
+        std::optional<unsigned> fan;
+        for (const char *what : {"_min", "_output", "_manual"}) {
+            if (!fan) {
+                fan = fanNumber(attribute, what);
+            }
+        }
+        if (!fan || *fan < 1 || *fan > fanCount()) {
+            return ENOENT;
+        }
+        writable = true;
+    }
+
+    auto fault = faults_.find(attribute);
+    if (fault != faults_.end()) {
+        int error = fault->second.first;
+        if (--fault->second.second == 0) {
+            faults_.erase(fault);
+        }
+        return error;
+    }
+    if (writing && (!writable || who.uid != 0)) {
+        return EACCES;
+    }
+    return 0;
+}
+
+int FakeApplesmc::show(const std::string &attribute, std::string &out) {
+    if (attribute == "name") {
+        out = "applesmc\n";
+        return 0;
+    }
+    if (attribute == "key_count") {
+        std::vector<std::uint8_t> bytes;
+        if (int error = readKey(smc_fourcc("#KEY"), 4, bytes)) {
+            return error;
+        }
+        std::uint32_t count = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
+                              (std::uint32_t{bytes[2]} << 8) | bytes[3];
+        out = std::to_string(count) + "\n";
+        return 0;
+    }
+    if (attribute == "key_at_index") {
+        out = std::to_string(selector_) + "\n";
+        return 0;
+    }
+    if (attribute.starts_with("key_at_index_")) {
+        vsmc::KeyEntry entry;
+        if (int error = selected(entry)) {
+            return error;
+        }
+        if (attribute == "key_at_index_name") {
+            out = codeText(entry.key) + "\n";
+        } else if (attribute == "key_at_index_type") {
+            out = codeText(entry.type) + "\n";
+        } else if (attribute == "key_at_index_data_length") {
+            out = std::to_string(entry.size) + "\n";
+        } else {
+            std::vector<std::uint8_t> bytes;
+            if (int error = readKey(entry.key, entry.size, bytes)) {
+                return error;
+            }
+            out.assign(bytes.begin(), bytes.end());
+        }
+        return 0;
+    }
+    if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
+        std::vector<std::uint8_t> bytes;
+        if (variant_ == Variant::mainline) {
+            if (int error = readKey(smc_fourcc("FS! "), 2, bytes)) {
+                return error;
+            }
+            unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
+            out = std::to_string((mask >> (*fan - 1)) & 1) + "\n";
+        } else {
+            if (int error = readKey(fanKey(*fan - 1, "Md"), 1, bytes)) {
+                return error;
+            }
+            out = std::to_string(bytes[0] & 1) + "\n";
+        }
+        return 0;
+    }
+    std::optional<unsigned> fan = fanNumber(attribute, "_min");
+    std::uint32_t key = fan ? fanKey(*fan - 1, "Mn") : 0;
+    if (!fan) {
+        fan = fanNumber(attribute, "_output");
+        key = fanKey(*fan - 1, "Tg");
+    }
+    std::vector<std::uint8_t> bytes;
+    unsigned long speed = 0;
+    if (variant_ == Variant::mainline) {
+        if (int error = readKey(key, 2, bytes)) {
+            return error;
+        }
+        speed = ((unsigned{bytes[0]} << 8) | bytes[1]) >> 2;
+    } else {
+        if (int error = readKey(key, 4, bytes)) {
+            return error;
+        }
+        float value = 0;
+        std::memcpy(&value, bytes.data(), 4);  // little-endian, as on the x86 host
+        speed = value > 0 ? static_cast<unsigned long>(value) : 0;
+    }
+    out = std::to_string(speed) + "\n";
+    return 0;
+}
+
+int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
+    std::optional<unsigned long> value = kernelUnsigned(text);
+    if (!value) {
+        return EINVAL;
+    }
+    if (attribute == "key_at_index") {
+        if (*value >= machine_.keys().size()) {
+            return EINVAL;
+        }
+        selector_ = static_cast<std::uint32_t>(*value);
+        return 0;
+    }
+    if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
+        if (variant_ == Variant::t2) {
+            return writeKey(fanKey(*fan - 1, "Md"), {static_cast<std::uint8_t>(*value & 1)});
+        }
+        std::vector<std::uint8_t> bytes;
+        if (int error = readKey(smc_fourcc("FS! "), 2, bytes)) {
+            return error;
+        }
+        unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
+        unsigned bit = 1u << (*fan - 1);
+        mask = *value != 0 ? (mask | bit) : (mask & ~bit);
+        return writeKey(smc_fourcc("FS! "),
+                        {static_cast<std::uint8_t>(mask >> 8), static_cast<std::uint8_t>(mask)});
+    }
+    if (*value >= kSpeedLimit) {
+        return EINVAL;
+    }
+    std::optional<unsigned> fan = fanNumber(attribute, "_min");
+    std::uint32_t key = fan ? fanKey(*fan - 1, "Mn") : 0;
+    if (!fan) {
+        fan = fanNumber(attribute, "_output");
+        key = fanKey(*fan - 1, "Tg");
+    }
+    if (variant_ == Variant::mainline) {
+        return writeKey(key, {static_cast<std::uint8_t>(*value >> 6),
+                              static_cast<std::uint8_t>((*value << 2) & 0xFF)});
+    }
+    float speed = static_cast<float>(*value);
+    std::vector<std::uint8_t> bytes(4);
+    std::memcpy(bytes.data(), &speed, 4);
+    return writeKey(key, bytes);
+}
+
+int FakeApplesmc::smc(std::uint8_t command, std::uint32_t key, std::uint32_t index, smc_param &out,
+                      const std::uint8_t *bytes, std::uint32_t size) {
+    smc_param in{};
+    in.command = command;
+    in.key = key;
+    in.index = index;
+    in.data_size = size;
+    if (bytes != nullptr) {
+        std::memcpy(in.bytes, bytes, size);
+    }
+    out = smc_param{};
+    std::uint32_t kern = machine_.exchange(in, out);
+    return kern != 0 || out.result != SMC_RESULT_OK ? EIO : 0;
+}
+
+int FakeApplesmc::readKey(std::uint32_t key, std::uint32_t size, std::vector<std::uint8_t> &bytes) {
+    const vsmc::KeyEntry *entry = machine_.keys().find(key);
+    if (entry == nullptr || entry->size != size || size > SMC_MAX_DATA) {
+        return EINVAL;
+    }
+    smc_param out{};
+    if (int error = smc(SMC_CMD_READ, key, 0, out, nullptr, size)) {
+        return error;
+    }
+    bytes.assign(out.bytes, out.bytes + size);
+    return 0;
+}
+
+int FakeApplesmc::writeKey(std::uint32_t key, const std::vector<std::uint8_t> &bytes) {
+    const vsmc::KeyEntry *entry = machine_.keys().find(key);
+    if (entry == nullptr || entry->size != bytes.size()) {
+        return EINVAL;
+    }
+    smc_param out{};
+    return smc(SMC_CMD_WRITE, key, 0, out, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+}
+
+int FakeApplesmc::selected(vsmc::KeyEntry &entry) {
+    smc_param out{};
+    if (int error = smc(SMC_CMD_KEY_AT_INDEX, 0, selector_, out)) {
+        // An index past the end means the table shrank under the selector.
+        return out.result == SMC_RESULT_INDEX_RANGE ? EINVAL : error;
+    }
+    std::uint32_t key = out.key;
+    if (int error = smc(SMC_CMD_KEY_INFO, key, 0, out)) {
+        return error;
+    }
+    entry.key = key;
+    entry.type = out.data_type;
+    entry.size = out.data_size;
+    return 0;
+}
+
+unsigned FakeApplesmc::fanCount() const {
+    const vsmc::KeyEntry *count = machine_.keys().find(smc_fourcc("FNum"));
+    unsigned fans = count != nullptr && count->size >= 1 ? count->bytes[0] : 0;
+    return fans < kMaxFans ? fans : kMaxFans;
+}
+
+}  // namespace ostrel::test

@@ -1,0 +1,119 @@
+// A fake Linux applesmc driver for tests: the sysfs attributes the driver creates, backed by
+// a virtual SMC, with the driver's behaviour where the applesmc transport depends on it.
+//
+// - One `key_at_index` selector shared by every opener; an index that does not parse or is
+//   not below the key count is EINVAL. The selected key's name, type, length and data are
+//   separate attributes; key_count and the data are read from the SMC afresh each time.
+// - Files are owned by root: a write by any other uid is EACCES, and a read-only attribute
+//   is EACCES even for root. Numbers are parsed as the kernel's kstrtoul does.
+// - Fan speeds: fpe2 on the mainline driver, flt on the T2 driver (read truncated to whole
+//   rpm); speeds of 16384 or more are EINVAL. `fanN_manual` is a read-modify-write of bit
+//   N-1 of 'FS! ' on mainline and stores `value & 1` into 'F(N-1)Md' on T2.
+// - A failed SMC transaction is EIO; a key the driver does not know is EINVAL.
+//
+// Every SMC transaction goes through the machine's exchange, so the machine's journal and
+// injected faults apply. Tests also get the list of successful stores, injected errno
+// values, a detached device, and a hook to move the selector behind a reader's back.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "ostrel/platform/sysfs.h"
+#include "ostrel/vsmc/machine.h"
+
+namespace ostrel::test {
+
+class FakeApplesmc {
+  public:
+    enum class Variant { mainline, t2 };
+
+    // The driver on `machine` (which must outlive it), its attributes under `sysRoot` at the
+    // variant's place: devices/platform/applesmc.768 or bus/acpi/devices/APP0001:00.
+    FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string sysRoot = "/sys");
+
+    // The attribute directory.
+    const std::string &device() const { return device_; }
+
+    // A process using the driver's files as `uid` (0 is root). The lock it offers is
+    // shared by all openers of this driver and works for every uid. The opener must not
+    // outlive the driver.
+    std::unique_ptr<platform::Sysfs> opener(unsigned uid = 0);
+    // A root process that moves the selector without the lock: the driver neither checks
+    // its selector use nor runs the access hook for it.
+    std::unique_ptr<platform::Sysfs> rogue();
+
+    // One successful write, the attribute named relative to the device.
+    struct Store {
+        std::string attribute;
+        std::string text;
+        bool operator==(const Store &) const = default;
+    };
+    std::vector<Store> stores() const;
+    // The stores into fan attributes only (the selector writes left out).
+    std::vector<Store> fanStores() const;
+    void clearStores();
+
+    // The next `times` accesses to `attribute` fail with `error`.
+    void failNext(const std::string &attribute, int error, unsigned times = 1);
+    // The module goes away: every attribute is ENOENT from now on.
+    void detach();
+    // Runs after every access of a non-rogue opener, outside the driver's lock, with the
+    // attribute's name. Any thread may run it.
+    void setAfterAccess(std::function<void(const std::string &attribute)> hook);
+
+    // Selector uses (writing key_at_index, reading key_at_index_*) by non-rogue openers on a
+    // thread that did not hold the lock at the time.
+    std::size_t unlockedSelectorUses() const;
+    // Reads and writes by non-rogue openers.
+    std::size_t accesses() const;
+    // The path most recently locked.
+    std::string lockPath() const;
+
+  private:
+    class Opener;
+    friend class Opener;
+
+    int read(const std::string &path, std::string &out, const Opener &who);
+    int write(const std::string &path, std::string_view text, const Opener &who);
+    platform::LockResult lock(const std::string &path);
+    void after(const std::string &attribute, const Opener &who);
+
+    // Each of these runs with mutex_ held and returns 0 or an errno.
+    int access(const std::string &path, bool writing, const Opener &who, std::string &attribute);
+    int show(const std::string &attribute, std::string &out);
+    int store(const std::string &attribute, std::string_view text);
+    int smc(std::uint8_t command, std::uint32_t key, std::uint32_t index, smc_param &out,
+            const std::uint8_t *bytes = nullptr, std::uint32_t size = 0);
+    int readKey(std::uint32_t key, std::uint32_t size, std::vector<std::uint8_t> &bytes);
+    int writeKey(std::uint32_t key, const std::vector<std::uint8_t> &bytes);
+    int selected(vsmc::KeyEntry &entry);
+    unsigned fanCount() const;
+
+    vsmc::Machine &machine_;
+    Variant variant_;
+    std::string device_;
+
+    mutable std::mutex mutex_;  // guards everything below
+    std::uint32_t selector_ = 0;
+    bool detached_ = false;
+    std::vector<Store> stores_;
+    std::map<std::string, std::pair<int, unsigned>> faults_;  // attribute -> errno, times
+    std::function<void(const std::string &)> afterAccess_;
+    std::size_t unlockedSelectorUses_ = 0;
+    std::size_t accesses_ = 0;
+    std::string lockPath_;
+    bool locked_ = false;
+    std::thread::id holder_;
+    std::condition_variable unlocked_;
+};
+
+}  // namespace ostrel::test
