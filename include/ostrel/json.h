@@ -6,9 +6,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -69,6 +71,28 @@ double toDouble(const Json &value, const std::string &path);
 std::int64_t toInt64(const Json &value, const std::string &path);
 bool toBool(const Json &value, const std::string &path);
 std::string toString(const Json &value, const std::string &path);
+
+// Members of an object read with the readers above, paths extended with the name.
+std::string requiredString(const Json &object, const char *name, const std::string &path);
+double requiredDouble(const Json &object, const char *name, const std::string &path);
+bool requiredBool(const Json &object, const char *name, const std::string &path);
+std::int64_t requiredInt64(const Json &object, const char *name, const std::string &path);
+std::optional<double> optionalDouble(const Json &object, const char *name, const std::string &path);
+
+// A required array member whose elements `decode` reads, each with its own path
+// ("sensors[2]").
+template <class T>
+std::vector<T> listFrom(const Json &object, const char *name, const std::string &path,
+                        T (*decode)(const Json &, const std::string &)) {
+    std::string listPath = child(path, name);
+    const Json &list = array(member(object, name, path), listPath);
+    std::vector<T> items;
+    items.reserve(list.size());
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        items.push_back(decode(list[i], element(listPath, i)));
+    }
+    return items;
+}
 
 // Throws DecodingError (dataCorrupted): "Invalid value "<text>" at <path> (expected
 // <expected>).", the text quoted and escaped as JSON.

@@ -59,6 +59,9 @@ struct SMCKeyInfo {
     std::uint8_t attributes = 0;
 
     bool operator==(const SMCKeyInfo &) const = default;
+
+    // Reads the JSON form strictly; throws DecodingError naming `path` and the member.
+    static SMCKeyInfo fromJson(const Json &value, const std::string &path = "");
 };
 
 void to_json(Json &json, const SMCKeyInfo &info);

@@ -175,4 +175,28 @@ void invalidValue(const std::string &text, std::string_view expected, const std:
                                     at(path), expected));
 }
 
+std::string requiredString(const Json &object, const char *name, const std::string &path) {
+    return toString(member(object, name, path), child(path, name));
+}
+
+double requiredDouble(const Json &object, const char *name, const std::string &path) {
+    return toDouble(member(object, name, path), child(path, name));
+}
+
+bool requiredBool(const Json &object, const char *name, const std::string &path) {
+    return toBool(member(object, name, path), child(path, name));
+}
+
+std::int64_t requiredInt64(const Json &object, const char *name, const std::string &path) {
+    return toInt64(member(object, name, path), child(path, name));
+}
+
+std::optional<double> optionalDouble(const Json &object, const char *name,
+                                     const std::string &path) {
+    if (const Json *value = optionalMember(object, name)) {
+        return toDouble(*value, child(path, name));
+    }
+    return std::nullopt;
+}
+
 }  // namespace ostrel::json

@@ -278,78 +278,45 @@ void putOptional(Json &json, const char *name, const std::optional<double> &valu
     }
 }
 
-std::optional<double> optionalDouble(const Json &object, const char *name,
-                                     const std::string &path) {
-    if (const Json *value = json::optionalMember(object, name)) {
-        return json::toDouble(*value, json::child(path, name));
-    }
-    return std::nullopt;
-}
-
-double requiredDouble(const Json &object, const char *name, const std::string &path) {
-    return json::toDouble(json::member(object, name, path), json::child(path, name));
-}
-
-std::string requiredString(const Json &object, const char *name, const std::string &path) {
-    return json::toString(json::member(object, name, path), json::child(path, name));
-}
-
-bool requiredBool(const Json &object, const char *name, const std::string &path) {
-    return json::toBool(json::member(object, name, path), json::child(path, name));
-}
-
 Reading readingFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     Reading reading;
-    reading.key = requiredString(json, "key", path);
-    reading.name = requiredString(json, "name", path);
+    reading.key = json::requiredString(json, "key", path);
+    reading.name = json::requiredString(json, "name", path);
     reading.group = json::toCase(json::member(json, "group", path), allSensorGroups,
                                  json::child(path, "group"));
-    reading.value = requiredDouble(json, "value", path);
-    reading.known = requiredBool(json, "known", path);
+    reading.value = json::requiredDouble(json, "value", path);
+    reading.known = json::requiredBool(json, "known", path);
     return reading;
 }
 
 FanReading fanFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     FanReading fan;
-    fan.id = json::toInt64(json::member(json, "id", path), json::child(path, "id"));
-    fan.name = requiredString(json, "name", path);
-    fan.rpm = requiredDouble(json, "rpm", path);
-    fan.min = requiredDouble(json, "min", path);
-    fan.max = requiredDouble(json, "max", path);
-    fan.target = optionalDouble(json, "target", path);
-    fan.manual = requiredBool(json, "manual", path);
+    fan.id = json::requiredInt64(json, "id", path);
+    fan.name = json::requiredString(json, "name", path);
+    fan.rpm = json::requiredDouble(json, "rpm", path);
+    fan.min = json::requiredDouble(json, "min", path);
+    fan.max = json::requiredDouble(json, "max", path);
+    fan.target = json::optionalDouble(json, "target", path);
+    fan.manual = json::requiredBool(json, "manual", path);
     return fan;
 }
 
 BatteryInfo batteryFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     BatteryInfo battery;
-    battery.percent = optionalDouble(json, "percent", path);
-    battery.temperature = optionalDouble(json, "temperature", path);
-    battery.voltage = optionalDouble(json, "voltage", path);
-    battery.amperage = optionalDouble(json, "amperage", path);
+    battery.percent = json::optionalDouble(json, "percent", path);
+    battery.temperature = json::optionalDouble(json, "temperature", path);
+    battery.voltage = json::optionalDouble(json, "voltage", path);
+    battery.amperage = json::optionalDouble(json, "amperage", path);
     if (const Json *cycles = json::optionalMember(json, "cycleCount")) {
         battery.cycleCount = json::toInt64(*cycles, json::child(path, "cycleCount"));
     }
-    battery.health = optionalDouble(json, "health", path);
-    battery.charging = requiredBool(json, "charging", path);
-    battery.externalPower = requiredBool(json, "externalPower", path);
+    battery.health = json::optionalDouble(json, "health", path);
+    battery.charging = json::requiredBool(json, "charging", path);
+    battery.externalPower = json::requiredBool(json, "externalPower", path);
     return battery;
-}
-
-template <class T>
-std::vector<T> listFrom(const Json &object, const char *name, const std::string &path,
-                        T (*decode)(const Json &, const std::string &)) {
-    std::string listPath = json::child(path, name);
-    const Json &list = json::array(json::member(object, name, path), listPath);
-    std::vector<T> items;
-    items.reserve(list.size());
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        items.push_back(decode(list[i], json::element(listPath, i)));
-    }
-    return items;
 }
 
 }  // namespace
@@ -412,7 +379,7 @@ void to_json(Json &json, const Snapshot &snapshot) {
 
 void from_json(const Json &json, Snapshot &snapshot) {
     json::object(json, "");
-    std::string text = requiredString(json, "timestamp", "");
+    std::string text = json::requiredString(json, "timestamp", "");
     std::optional<Snapshot::Clock::time_point> timestamp = timestampFromText(text);
     if (!timestamp) {
         json::invalidValue(text, "an ISO 8601 time such as 2026-11-22T10:15:30.123Z", "timestamp");
@@ -421,11 +388,11 @@ void from_json(const Json &json, Snapshot &snapshot) {
     if (const Json *value = json::optionalMember(json, "battery")) {
         battery = batteryFrom(*value, "battery");
     }
-    snapshot =
-        Snapshot(*timestamp, listFrom(json, "temperatures", "", readingFrom),
-                 listFrom(json, "fans", "", fanFrom), listFrom(json, "power", "", readingFrom),
-                 listFrom(json, "voltages", "", readingFrom),
-                 listFrom(json, "currents", "", readingFrom), battery);
+    snapshot = Snapshot(*timestamp, json::listFrom(json, "temperatures", "", readingFrom),
+                        json::listFrom(json, "fans", "", fanFrom),
+                        json::listFrom(json, "power", "", readingFrom),
+                        json::listFrom(json, "voltages", "", readingFrom),
+                        json::listFrom(json, "currents", "", readingFrom), battery);
 }
 
 }  // namespace ostrel

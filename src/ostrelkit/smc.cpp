@@ -34,11 +34,24 @@ void to_json(Json &json, const SMCKeyInfo &info) {
                 {"attributes", info.attributes}};
 }
 
+SMCKeyInfo SMCKeyInfo::fromJson(const Json &value, const std::string &path) {
+    json::object(value, path);
+    auto bounded = [&](const char *name, std::int64_t max) {
+        std::int64_t n = json::requiredInt64(value, name, path);
+        if (n < 0 || n > max) {
+            json::invalidValue(std::to_string(n), fmt::format("0 to {}", max),
+                               json::child(path, name));
+        }
+        return n;
+    };
+    return {FourCC(json::requiredString(value, "key", path)),
+            FourCC(json::requiredString(value, "type", path)),
+            static_cast<std::uint32_t>(bounded("size", 0xFFFFFFFF)),
+            static_cast<std::uint8_t>(bounded("attributes", 0xFF))};
+}
+
 void from_json(const Json &json, SMCKeyInfo &info) {
-    info.key = json.at("key").get<FourCC>();
-    info.type = json.at("type").get<FourCC>();
-    info.size = json.at("size").get<std::uint32_t>();
-    info.attributes = json.at("attributes").get<std::uint8_t>();
+    info = SMCKeyInfo::fromJson(json);
 }
 
 std::optional<double> SMCValue::doubleValue() const {

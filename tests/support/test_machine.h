@@ -20,6 +20,19 @@ inline vsmc::Machine builtinMachine(const std::string &name) {
     return vsmc::Machine(vsmc::loadProfile(name));
 }
 
+// A virtual SMC that, like real hardware, publishes nothing but its key table: the model,
+// temperature services and battery then come from the (fake) system files.
+class BareMemoryTransport final : public csmc::Transport {
+  public:
+    explicit BareMemoryTransport(vsmc::Machine &machine) : inner_(machine) {}
+    std::uint32_t exchange(const smc_param &in, smc_param &out) override {
+        return inner_.exchange(in, out);
+    }
+
+  private:
+    vsmc::MemoryTransport inner_;
+};
+
 // A channel connection on a machine owned by the test; closed with the object.
 class Connection {
   public:

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <string>
 #include <string_view>
 
 namespace ostrel::text {
@@ -59,5 +60,10 @@ constexpr std::string_view trimBlanks(std::string_view text) {
     }
     return text;
 }
+
+// The bytes as UTF-8 text: every byte that does not belong to a well-formed sequence
+// (stray continuation bytes, truncated or overlong sequences, surrogates, code points above
+// U+10FFFF) becomes U+FFFD.
+std::string utf8Repaired(std::string_view bytes);
 
 }  // namespace ostrel::text
