@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -75,6 +76,16 @@ std::string toString(const Json &value, const std::string &path);
 [[noreturn]] void invalidValue(const std::string &text, std::string_view expected,
                                const std::string &path);
 
+// The same readers applied to a required member of an object (checked with object()),
+// with the member's path in messages: memberDouble(point, "rpm", "points[1]") reads
+// points[1].rpm.
+double memberDouble(const Json &object, const char *name, const std::string &path);
+std::int64_t memberInt64(const Json &object, const char *name, const std::string &path);
+bool memberBool(const Json &object, const char *name, const std::string &path);
+std::string memberString(const Json &object, const char *name, const std::string &path);
+// An optional number member: nothing when it is missing.
+std::optional<double> optionalDouble(const Json &object, const char *name, const std::string &path);
+
 // A string naming one case of an enumeration by its raw value; another string is
 // invalidValue, listing the accepted texts.
 template <class E, std::size_t N>
@@ -89,6 +100,12 @@ E toCase(const Json &value, const std::array<E, N> &cases, const std::string &pa
         accepted += rawValue(cases[i]);
     }
     invalidValue(text, accepted, path);
+}
+
+template <class E, std::size_t N>
+E memberCase(const Json &object, const char *name, const std::array<E, N> &cases,
+             const std::string &path) {
+    return toCase(member(object, name, path), cases, child(path, name));
 }
 
 }  // namespace json

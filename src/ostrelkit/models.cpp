@@ -278,64 +278,43 @@ void putOptional(Json &json, const char *name, const std::optional<double> &valu
     }
 }
 
-std::optional<double> optionalDouble(const Json &object, const char *name,
-                                     const std::string &path) {
-    if (const Json *value = json::optionalMember(object, name)) {
-        return json::toDouble(*value, json::child(path, name));
-    }
-    return std::nullopt;
-}
-
-double requiredDouble(const Json &object, const char *name, const std::string &path) {
-    return json::toDouble(json::member(object, name, path), json::child(path, name));
-}
-
-std::string requiredString(const Json &object, const char *name, const std::string &path) {
-    return json::toString(json::member(object, name, path), json::child(path, name));
-}
-
-bool requiredBool(const Json &object, const char *name, const std::string &path) {
-    return json::toBool(json::member(object, name, path), json::child(path, name));
-}
-
 Reading readingFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     Reading reading;
-    reading.key = requiredString(json, "key", path);
-    reading.name = requiredString(json, "name", path);
-    reading.group = json::toCase(json::member(json, "group", path), allSensorGroups,
-                                 json::child(path, "group"));
-    reading.value = requiredDouble(json, "value", path);
-    reading.known = requiredBool(json, "known", path);
+    reading.key = json::memberString(json, "key", path);
+    reading.name = json::memberString(json, "name", path);
+    reading.group = json::memberCase(json, "group", allSensorGroups, path);
+    reading.value = json::memberDouble(json, "value", path);
+    reading.known = json::memberBool(json, "known", path);
     return reading;
 }
 
 FanReading fanFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     FanReading fan;
-    fan.id = json::toInt64(json::member(json, "id", path), json::child(path, "id"));
-    fan.name = requiredString(json, "name", path);
-    fan.rpm = requiredDouble(json, "rpm", path);
-    fan.min = requiredDouble(json, "min", path);
-    fan.max = requiredDouble(json, "max", path);
-    fan.target = optionalDouble(json, "target", path);
-    fan.manual = requiredBool(json, "manual", path);
+    fan.id = json::memberInt64(json, "id", path);
+    fan.name = json::memberString(json, "name", path);
+    fan.rpm = json::memberDouble(json, "rpm", path);
+    fan.min = json::memberDouble(json, "min", path);
+    fan.max = json::memberDouble(json, "max", path);
+    fan.target = json::optionalDouble(json, "target", path);
+    fan.manual = json::memberBool(json, "manual", path);
     return fan;
 }
 
 BatteryInfo batteryFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     BatteryInfo battery;
-    battery.percent = optionalDouble(json, "percent", path);
-    battery.temperature = optionalDouble(json, "temperature", path);
-    battery.voltage = optionalDouble(json, "voltage", path);
-    battery.amperage = optionalDouble(json, "amperage", path);
+    battery.percent = json::optionalDouble(json, "percent", path);
+    battery.temperature = json::optionalDouble(json, "temperature", path);
+    battery.voltage = json::optionalDouble(json, "voltage", path);
+    battery.amperage = json::optionalDouble(json, "amperage", path);
     if (const Json *cycles = json::optionalMember(json, "cycleCount")) {
         battery.cycleCount = json::toInt64(*cycles, json::child(path, "cycleCount"));
     }
-    battery.health = optionalDouble(json, "health", path);
-    battery.charging = requiredBool(json, "charging", path);
-    battery.externalPower = requiredBool(json, "externalPower", path);
+    battery.health = json::optionalDouble(json, "health", path);
+    battery.charging = json::memberBool(json, "charging", path);
+    battery.externalPower = json::memberBool(json, "externalPower", path);
     return battery;
 }
 
@@ -412,7 +391,7 @@ void to_json(Json &json, const Snapshot &snapshot) {
 
 void from_json(const Json &json, Snapshot &snapshot) {
     json::object(json, "");
-    std::string text = requiredString(json, "timestamp", "");
+    std::string text = json::memberString(json, "timestamp", "");
     std::optional<Snapshot::Clock::time_point> timestamp = timestampFromText(text);
     if (!timestamp) {
         json::invalidValue(text, "an ISO 8601 time such as 2026-11-22T10:15:30.123Z", "timestamp");
