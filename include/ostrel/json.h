@@ -72,13 +72,6 @@ std::int64_t toInt64(const Json &value, const std::string &path);
 bool toBool(const Json &value, const std::string &path);
 std::string toString(const Json &value, const std::string &path);
 
-// Members of an object read with the readers above, paths extended with the name.
-std::string requiredString(const Json &object, const char *name, const std::string &path);
-double requiredDouble(const Json &object, const char *name, const std::string &path);
-bool requiredBool(const Json &object, const char *name, const std::string &path);
-std::int64_t requiredInt64(const Json &object, const char *name, const std::string &path);
-std::optional<double> optionalDouble(const Json &object, const char *name, const std::string &path);
-
 // A required array member whose elements `decode` reads, each with its own path
 // ("sensors[2]").
 template <class T>
@@ -99,6 +92,16 @@ std::vector<T> listFrom(const Json &object, const char *name, const std::string 
 [[noreturn]] void invalidValue(const std::string &text, std::string_view expected,
                                const std::string &path);
 
+// The same readers applied to a required member of an object (checked with object()),
+// with the member's path in messages: memberDouble(point, "rpm", "points[1]") reads
+// points[1].rpm.
+double memberDouble(const Json &object, const char *name, const std::string &path);
+std::int64_t memberInt64(const Json &object, const char *name, const std::string &path);
+bool memberBool(const Json &object, const char *name, const std::string &path);
+std::string memberString(const Json &object, const char *name, const std::string &path);
+// An optional number member: nothing when it is missing.
+std::optional<double> optionalDouble(const Json &object, const char *name, const std::string &path);
+
 // A string naming one case of an enumeration by its raw value; another string is
 // invalidValue, listing the accepted texts.
 template <class E, std::size_t N>
@@ -113,6 +116,12 @@ E toCase(const Json &value, const std::array<E, N> &cases, const std::string &pa
         accepted += rawValue(cases[i]);
     }
     invalidValue(text, accepted, path);
+}
+
+template <class E, std::size_t N>
+E memberCase(const Json &object, const char *name, const std::array<E, N> &cases,
+             const std::string &path) {
+    return toCase(member(object, name, path), cases, child(path, name));
 }
 
 }  // namespace json

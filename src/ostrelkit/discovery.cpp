@@ -177,20 +177,19 @@ SensorDescriptor sensorFrom(const Json &value, const std::string &path) {
     SensorDescriptor sensor;
     sensor.info =
         SMCKeyInfo::fromJson(json::member(value, "info", path), json::child(path, "info"));
-    sensor.quantity = json::toCase(json::member(value, "quantity", path), allQuantities,
-                                   json::child(path, "quantity"));
-    sensor.name = json::requiredString(value, "name", path);
+    sensor.quantity = json::memberCase(value, "quantity", allQuantities, path);
+    sensor.name = json::memberString(value, "name", path);
     sensor.group = json::toCase(json::member(value, "group", path), allSensorGroups,
                                 json::child(path, "group"));
-    sensor.known = json::requiredBool(value, "known", path);
-    sensor.essential = json::requiredBool(value, "essential", path);
+    sensor.known = json::memberBool(value, "known", path);
+    sensor.essential = json::memberBool(value, "essential", path);
     return sensor;
 }
 
 FanDescriptor fanFrom(const Json &value, const std::string &path) {
     json::object(value, path);
-    return {json::requiredInt64(value, "index", path), json::requiredString(value, "name", path),
-            json::requiredBool(value, "hasModeKey", path)};
+    return {json::memberInt64(value, "index", path), json::memberString(value, "name", path),
+            json::memberBool(value, "hasModeKey", path)};
 }
 
 }  // namespace
@@ -220,18 +219,18 @@ void to_json(Json &json, const Discovery &discovery) {
 
 void from_json(const Json &value, Discovery &discovery) {
     json::object(value, "");
-    discovery.version = json::requiredInt64(value, "version", "");
-    discovery.model = json::requiredString(value, "model", "");
-    std::int64_t keyCount = json::requiredInt64(value, "keyCount", "");
+    discovery.version = json::memberInt64(value, "version", "");
+    discovery.model = json::memberString(value, "model", "");
+    std::int64_t keyCount = json::memberInt64(value, "keyCount", "");
     if (keyCount < 0 || keyCount > 0xFFFFFFFF) {
         json::invalidValue(std::to_string(keyCount), "0 to 4294967295", "keyCount");
     }
     discovery.keyCount = static_cast<std::uint32_t>(keyCount);
     discovery.sensors = json::listFrom(value, "sensors", "", sensorFrom);
     discovery.fans = json::listFrom(value, "fans", "", fanFrom);
-    discovery.fanForceKey = json::requiredBool(value, "fanForceKey", "");
-    discovery.fanTestKey = json::requiredBool(value, "fanTestKey", "");
-    discovery.hid = json::requiredBool(value, "hid", "");
+    discovery.fanForceKey = json::memberBool(value, "fanForceKey", "");
+    discovery.fanTestKey = json::memberBool(value, "fanTestKey", "");
+    discovery.hid = json::memberBool(value, "hid", "");
 }
 
 }  // namespace ostrel

@@ -168,27 +168,20 @@ std::string toString(const Json &value, const std::string &path) {
     return value.get<std::string>();
 }
 
-void invalidValue(const std::string &text, std::string_view expected, const std::string &path) {
-    throw DecodingError(DecodingError::Kind::dataCorrupted,
-                        fmt::format("Invalid value {}{} (expected {}).",
-                                    Json(text).dump(-1, ' ', false, Json::error_handler_t::replace),
-                                    at(path), expected));
-}
-
-std::string requiredString(const Json &object, const char *name, const std::string &path) {
-    return toString(member(object, name, path), child(path, name));
-}
-
-double requiredDouble(const Json &object, const char *name, const std::string &path) {
+double memberDouble(const Json &object, const char *name, const std::string &path) {
     return toDouble(member(object, name, path), child(path, name));
 }
 
-bool requiredBool(const Json &object, const char *name, const std::string &path) {
+std::int64_t memberInt64(const Json &object, const char *name, const std::string &path) {
+    return toInt64(member(object, name, path), child(path, name));
+}
+
+bool memberBool(const Json &object, const char *name, const std::string &path) {
     return toBool(member(object, name, path), child(path, name));
 }
 
-std::int64_t requiredInt64(const Json &object, const char *name, const std::string &path) {
-    return toInt64(member(object, name, path), child(path, name));
+std::string memberString(const Json &object, const char *name, const std::string &path) {
+    return toString(member(object, name, path), child(path, name));
 }
 
 std::optional<double> optionalDouble(const Json &object, const char *name,
@@ -197,6 +190,13 @@ std::optional<double> optionalDouble(const Json &object, const char *name,
         return toDouble(*value, child(path, name));
     }
     return std::nullopt;
+}
+
+void invalidValue(const std::string &text, std::string_view expected, const std::string &path) {
+    throw DecodingError(DecodingError::Kind::dataCorrupted,
+                        fmt::format("Invalid value {}{} (expected {}).",
+                                    Json(text).dump(-1, ' ', false, Json::error_handler_t::replace),
+                                    at(path), expected));
 }
 
 }  // namespace ostrel::json

@@ -281,25 +281,24 @@ void putOptional(Json &json, const char *name, const std::optional<double> &valu
 Reading readingFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     Reading reading;
-    reading.key = json::requiredString(json, "key", path);
-    reading.name = json::requiredString(json, "name", path);
-    reading.group = json::toCase(json::member(json, "group", path), allSensorGroups,
-                                 json::child(path, "group"));
-    reading.value = json::requiredDouble(json, "value", path);
-    reading.known = json::requiredBool(json, "known", path);
+    reading.key = json::memberString(json, "key", path);
+    reading.name = json::memberString(json, "name", path);
+    reading.group = json::memberCase(json, "group", allSensorGroups, path);
+    reading.value = json::memberDouble(json, "value", path);
+    reading.known = json::memberBool(json, "known", path);
     return reading;
 }
 
 FanReading fanFrom(const Json &json, const std::string &path) {
     json::object(json, path);
     FanReading fan;
-    fan.id = json::requiredInt64(json, "id", path);
-    fan.name = json::requiredString(json, "name", path);
-    fan.rpm = json::requiredDouble(json, "rpm", path);
-    fan.min = json::requiredDouble(json, "min", path);
-    fan.max = json::requiredDouble(json, "max", path);
+    fan.id = json::memberInt64(json, "id", path);
+    fan.name = json::memberString(json, "name", path);
+    fan.rpm = json::memberDouble(json, "rpm", path);
+    fan.min = json::memberDouble(json, "min", path);
+    fan.max = json::memberDouble(json, "max", path);
     fan.target = json::optionalDouble(json, "target", path);
-    fan.manual = json::requiredBool(json, "manual", path);
+    fan.manual = json::memberBool(json, "manual", path);
     return fan;
 }
 
@@ -314,8 +313,8 @@ BatteryInfo batteryFrom(const Json &json, const std::string &path) {
         battery.cycleCount = json::toInt64(*cycles, json::child(path, "cycleCount"));
     }
     battery.health = json::optionalDouble(json, "health", path);
-    battery.charging = json::requiredBool(json, "charging", path);
-    battery.externalPower = json::requiredBool(json, "externalPower", path);
+    battery.charging = json::memberBool(json, "charging", path);
+    battery.externalPower = json::memberBool(json, "externalPower", path);
     return battery;
 }
 
@@ -379,7 +378,7 @@ void to_json(Json &json, const Snapshot &snapshot) {
 
 void from_json(const Json &json, Snapshot &snapshot) {
     json::object(json, "");
-    std::string text = json::requiredString(json, "timestamp", "");
+    std::string text = json::memberString(json, "timestamp", "");
     std::optional<Snapshot::Clock::time_point> timestamp = timestampFromText(text);
     if (!timestamp) {
         json::invalidValue(text, "an ISO 8601 time such as 2026-11-22T10:15:30.123Z", "timestamp");

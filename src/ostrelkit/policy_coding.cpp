@@ -26,13 +26,10 @@ FanCurve curveFromJson(const Json &value, const std::string &path) {
     for (std::size_t i = 0; i < points.size(); ++i) {
         std::string pointPath = json::element(pointsPath, i);
         const Json &point = json::object(points[i], pointPath);
-        curve.points.emplace_back(
-            json::toDouble(json::member(point, "temperature", pointPath),
-                           json::child(pointPath, "temperature")),
-            json::toDouble(json::member(point, "rpm", pointPath), json::child(pointPath, "rpm")));
+        curve.points.emplace_back(json::memberDouble(point, "temperature", pointPath),
+                                  json::memberDouble(point, "rpm", pointPath));
     }
-    curve.sensor = json::toCase(json::member(value, "sensor", path), allCurveSensors,
-                                json::child(path, "sensor"));
+    curve.sensor = json::memberCase(value, "sensor", allCurveSensors, path);
     return curve;
 }
 

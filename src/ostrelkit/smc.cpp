@@ -37,15 +37,15 @@ void to_json(Json &json, const SMCKeyInfo &info) {
 SMCKeyInfo SMCKeyInfo::fromJson(const Json &value, const std::string &path) {
     json::object(value, path);
     auto bounded = [&](const char *name, std::int64_t max) {
-        std::int64_t n = json::requiredInt64(value, name, path);
+        std::int64_t n = json::memberInt64(value, name, path);
         if (n < 0 || n > max) {
             json::invalidValue(std::to_string(n), fmt::format("0 to {}", max),
                                json::child(path, name));
         }
         return n;
     };
-    return {FourCC(json::requiredString(value, "key", path)),
-            FourCC(json::requiredString(value, "type", path)),
+    return {FourCC(json::memberString(value, "key", path)),
+            FourCC(json::memberString(value, "type", path)),
             static_cast<std::uint32_t>(bounded("size", 0xFFFFFFFF)),
             static_cast<std::uint8_t>(bounded("attributes", 0xFF))};
 }

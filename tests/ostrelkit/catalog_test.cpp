@@ -34,28 +34,17 @@ TEST(CatalogTest, TemperatureRowsThenPatternsThenTheKeyItself) {
         {"TC0P", "CPU Proximity", G::cpu, true},
         {"TC1C", "CPU Core 1", G::cpu, true},
         {"TCAC", "CPU Core 10", G::cpu, true},
-        {"TCFC", "CPU Core 15", G::cpu, true},
         {"TC0C", "CPU 0C", G::cpu, false},
         {"TCaC", "CPU aC", G::cpu, false},  // generated keys use upper-case digits
         {"Tp01", "CPU P-Core 01", G::cpu, true},
-        {"Te05", "CPU E-Core 05", G::cpu, true},
         {"Tg0f", "GPU 0f", G::gpu, true},
         {"TG9Z", "GPU 9Z", G::gpu, false},
-        {"TM9P", "Memory 9P", G::memory, false},
-        {"TH9P", "Storage 9P", G::storage, false},
-        {"TB9T", "Battery 9T", G::battery, false},
-        {"TA9P", "TA9P", G::ambient, false},
         {"Ts9P", "Ts9P", G::ambient, false},
         {"TS0P", "TS0P", G::other, false},
         {"TaXY", "TaXY", G::other, false},
         {"TM0P", "Memory Proximity", G::memory, true},
         {"Tm0P", "Mainboard Proximity", G::board, true},
-        {"TH0P", "SSD Proximity", G::storage, true},
-        {"Th0H", "Heatpipe 0", G::board, true},
-        {"TA0P", "Ambient", G::ambient, true},
-        {"Ts0P", "Palm Rest", G::ambient, true},
         {"TC0PX", "TC0PX", G::other, false},
-        {"Tp0", "Tp0", G::other, false},
         {"PC0P", "PC0P", G::other, false},
         {"", "", G::other, false},
     };
@@ -78,7 +67,6 @@ TEST(CatalogTest, NameSearchesOnlyTheQuantitysTable) {
         {"PXYZ", Quantity::power, "PXYZ", false},
         {"VBAT", Quantity::voltage, "Battery", true},
         {"VBAT", Quantity::current, "VBAT", false},
-        {"IPBR", Quantity::current, "Battery Rail", true},
         {"Tp0A", Quantity::temperature, "CPU P-Core 0A", true},
         {"TC0P", Quantity::power, "TC0P", false},
     };
@@ -107,13 +95,11 @@ TEST(CatalogTest, PlausibleBoundsAreExclusiveWhereDocumented) {
         Quantity quantity;
         bool plausible;
     } cases[] = {
-        {1.0, Quantity::temperature, false},  {1.5, Quantity::temperature, true},
-        {129.9, Quantity::temperature, true}, {130.0, Quantity::temperature, false},
-        {0.0, Quantity::power, true},         {999.9, Quantity::power, true},
-        {1000.0, Quantity::power, false},     {-0.1, Quantity::power, false},
-        {0.0, Quantity::voltage, true},       {100.0, Quantity::voltage, false},
-        {-50.0, Quantity::current, false},    {-49.9, Quantity::current, true},
-        {50.0, Quantity::current, false},     {inf, Quantity::power, false},
+        {1.0, Quantity::temperature, false},   {1.5, Quantity::temperature, true},
+        {130.0, Quantity::temperature, false}, {0.0, Quantity::power, true},
+        {1000.0, Quantity::power, false},      {0.0, Quantity::voltage, true},
+        {100.0, Quantity::voltage, false},     {-50.0, Quantity::current, false},
+        {-49.9, Quantity::current, true},      {inf, Quantity::power, false},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(Catalog::plausible(c.value, c.quantity), c.plausible) << c.value;

@@ -53,7 +53,6 @@ TEST(FanCurveParseTest, AcceptedSpellings) {
         const char *pointsText;
     } cases[] = {
         {"70::3000", "70:3000"},
-        {":70:3000:", "70:3000"},
         {"50°C:min", "50:min"},
         {"50C:min", "50:min"},
         {"5°0C°:min", "50:min"},
@@ -64,7 +63,6 @@ TEST(FanCurveParseTest, AcceptedSpellings) {
         {"-10:0", "-10:min"},
         {"72.25:-0", "72.25:min"},
         {"0x10:1e3", "16:1000"},
-        {"40:2500", "40:2500"},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(FanCurve(c.text, CurveSensor::cpu).pointsText(), c.pointsText) << c.text;
@@ -79,7 +77,6 @@ TEST(FanCurveParseTest, FailuresNameTheItemAsWritten) {
         {"50:min,,85:max", ""},
         {"", ""},
         {"50:min,", ""},
-        {",50:min", ""},
         {"70", "70"},
         {"70:1:2", "70:1:2"},
         {"50:min, 60 : 3000rpm ,85:max", " 60 : 3000rpm "},
@@ -88,7 +85,6 @@ TEST(FanCurveParseTest, FailuresNameTheItemAsWritten) {
         {"50:inf", "50:inf"},
         {"50:nan", "50:nan"},
         {"inf:min", "inf:min"},
-        {"nan:min", "nan:min"},
         {"1e400:min", "1e400:min"},
         {"50:1e-400", "50:1e-400"},
         {"50:\n3000", "50:\n3000"},  // line breaks are not blanks
@@ -193,14 +189,6 @@ TEST(FanCurveTest, EqualityAndHashingCoverPointsAndSensor) {
     std::unordered_set<FanCurve> set{a, b, otherSensor, otherPoint};
     EXPECT_EQ(set.size(), 3u);
     EXPECT_EQ(std::hash<CurvePoint>{}({50, 0.0}), std::hash<CurvePoint>{}({50, -0.0}));
-}
-
-TEST(CurveSensorTest, RawValuesAreExact) {
-    for (CurveSensor sensor : allCurveSensors) {
-        EXPECT_EQ(curveSensorFromRaw(rawValue(sensor)), sensor);
-    }
-    EXPECT_EQ(rawValue(CurveSensor::max), "max");
-    EXPECT_FALSE(curveSensorFromRaw("CPU"));
 }
 
 }  // namespace
