@@ -1,189 +1,48 @@
+// Argument parsing and dispatch for `ostrel`; the commands live in *_command(s).cpp.
+
 #include "cli.h"
 
-#include <fmt/format.h>
-#include <fmt/ostream.h>
 #include <CLI/CLI.hpp>
 
-#include <cmath>
+#include <algorithm>
 #include <iostream>
 
+#include "commands.h"
 #include "ostrel/fan_policy.h"
-#include "ostrel/machine_model.h"
-#include "ostrel/number_text.h"
-#include "ostrel/policy_coding.h"
-#include "ostrel/vsmc/profile.h"
+#include "ostrel/platform/text.h"
 
 namespace ostrel::cli {
 
 namespace {
 
-Json keyJson(std::uint32_t index, const SMCKeyInfo &info, const std::optional<SMCValue> &value) {
-    Json json{{"index", index}};
-    Json infoJson = info;
-    json.update(infoJson);
-    if (value) {
-        json["bytes"] = value->hex();
-        json["display"] = value->display();
-        if (auto number = value->doubleValue()) {
-            json["value"] = *number;
-        }
-    }
-    return json;
-}
-
-// `ostrel smc keys`: the whole key table with every value that can be read.
-void smcKeys(SMC &smc, bool json, std::ostream &out) {
-    std::uint32_t count = smc.keyCount();
-    Json rows = Json::array();
-    if (!json) {
-        fmt::print(out, "{:>5}  {:<4}  {:<4}  {:>4}  {:<4}  {}\n", "INDEX", "KEY", "TYPE", "SIZE",
-                   "ATTR", "VALUE");
-    }
-    for (std::uint32_t i = 0; i < count; ++i) {
-        FourCC key;
-        SMCKeyInfo info;
-        try {
-            key = smc.key(i);
-            info = smc.info(key);
-        } catch (const SMCError &) {
-            continue;  // a hole in the table: list what can be listed
-        }
-        std::optional<SMCValue> value;
-        try {
-            value = smc.read(key);
-        } catch (const SMCError &) {
-        }
-        if (json) {
-            rows.push_back(keyJson(i, info, value));
-        } else {
-            fmt::print(out, "{:>5}  {}  {}  {:>4}  0x{:02x}  {}\n", i, key.description(),
-                       info.type.description(), info.size, info.attributes,
-                       value ? value->display() : "(unreadable)");
-        }
-    }
-    if (json) {
-        out << rows.dump(2) << '\n';
-    }
-}
-
-// `ostrel smc read KEY`.
-void smcRead(SMC &smc, const std::string &keyText, bool json, std::ostream &out) {
-    FourCC key(keyText);
-    SMCKeyInfo info = smc.info(key);
-    SMCValue value = smc.read(key);
-    if (json) {
-        Json row = keyJson(0, info, value);
-        row.erase("index");
-        out << row.dump(2) << '\n';
-        return;
-    }
-    fmt::print(out, "{}  {}  {} bytes  attributes 0x{:02x}  [{}]  {}\n", key.description(),
-               info.type.description(), info.size, info.attributes, value.hex(), value.display());
-}
-
-// `ostrel smc dump`: the key table in the virtual Mac's profile format, so that a real
-// machine's dump can be loaded as a profile (and attached to bug reports).
-void smcDump(SMC &smc, bool json, std::ostream &out) {
-    std::string model = machineModel(&smc);
-    std::uint32_t count = smc.keyCount();
-    Json rows = Json::array();
-    if (!json) {
-        fmt::print(out,
-                   "# SMC key table of {} ({} keys), written by 'ostrel smc dump'.\n"
-                   "# Load it with OSTREL_SMC=memory:FILE or 'ostrel-vsmc --profile FILE'.\n"
-                   "model {}\n",
-                   model.empty() ? "an unknown model" : model, count,
-                   model.empty() ? "Unknown" : model);
-    }
-    for (std::uint32_t i = 0; i < count; ++i) {
-        FourCC key;
-        SMCKeyInfo info;
-        try {
-            key = smc.key(i);
-            info = smc.info(key);
-        } catch (const SMCError &e) {
-            if (!json) {
-                fmt::print(out, "# index {} skipped: {}\n", i, e.what());
-            }
-            continue;
-        }
-        vsmc::KeyEntry entry{info.key.rawValue, info.type.rawValue, info.size, info.attributes, {}};
-        std::optional<SMCValue> value;
-        try {
-            value = smc.read(key);
-            std::copy_n(value->bytes.begin(), std::min<std::size_t>(value->bytes.size(), 32),
-                        entry.bytes.begin());
-        } catch (const SMCError &e) {
-            if (!json) {
-                fmt::print(out, "# {} could not be read ({}); its value is left zero\n",
-                           vsmc::codeToken(info.key.rawValue), e.what());
+// Group names as shown ("CPU", "Storage"), accepted in any case on the command line.
+std::set<SensorGroup> parseGroups(const std::vector<std::string> &names) {
+    std::set<SensorGroup> groups;
+    for (const std::string &name : names) {
+        bool found = false;
+        for (SensorGroup group : allSensorGroups) {
+            std::string raw(rawValue(group));
+            std::string a = name, b = raw;
+            std::transform(a.begin(), a.end(), a.begin(), text::asciiLower);
+            std::transform(b.begin(), b.end(), b.begin(), text::asciiLower);
+            if (a == b) {
+                groups.insert(group);
+                found = true;
             }
         }
-        if (json) {
-            rows.push_back(keyJson(i, info, value));
-        } else {
-            out << vsmc::formatKeyRow(entry);
+        if (!found) {
+            throw CLI::ValidationError("--group", "'" + name +
+                                                      "' is not a group (CPU, GPU, Memory, "
+                                                      "Storage, Battery, Ambient, Board, Other)");
         }
     }
-    if (json) {
-        out << Json{{"model", model}, {"keys", rows}}.dump(2) << '\n';
-    }
-}
-
-// Fan limits for `ostrel curve` when none are given: a typical notebook fan.
-constexpr double kDefaultMinRpm = 1200;
-constexpr double kDefaultMaxRpm = 6000;
-
-// A number option read the way curve text reads numbers; a usage error when it does not
-// read as a finite number.
-double numberOption(const std::string &option, const std::string &text) {
-    std::optional<double> value = readNumber(text);
-    if (!value || !std::isfinite(*value)) {
-        throw CLI::ValidationError(option, "'" + text + "' is not a number");
-    }
-    return *value;
-}
-
-struct CurveOptions {
-    std::string text;
-    std::string sensor = "cpu";
-    std::optional<std::string> min, max;
-    std::vector<std::string> at;
-};
-
-// `ostrel curve`: parses and shows a curve, and what it commands, without touching a fan.
-void curveCommand(const CurveOptions &options, bool json, std::ostream &out) {
-    // CLI11 has already checked the sensor against the three names.
-    CurveSensor sensor = *curveSensorFromRaw(options.sensor);
-    double lo = options.min ? numberOption("--min", *options.min) : kDefaultMinRpm;
-    double hi = options.max ? numberOption("--max", *options.max) : kDefaultMaxRpm;
-    std::vector<double> temperatures;
-    for (const std::string &text : options.at) {
-        temperatures.push_back(numberOption("--at", text));
-    }
-    FanCurve curve;
-    if (const FanCurve *preset = FanCurve::preset(options.text)) {
-        curve = *preset;
-        curve.sensor = sensor;
-    } else {
-        curve = FanCurve(options.text, sensor);
-    }
-    if (json) {
-        out << PolicyCoding::encode(FanPolicy::curve(curve)) << '\n';
-        return;
-    }
-    out << curve.description() << '\n';
-    for (double temperature : temperatures) {
-        // Fans are driven in whole rpm; the fraction of an interpolated speed is noise.
-        fmt::print(out, "{} \u00B0C: {} rpm\n", numberText(temperature),
-                   numberText(std::round(curve.rpm(temperature, lo, hi))));
-    }
+    return groups;
 }
 
 }  // namespace
 
 Context defaultContext() {
-    return {&std::cout, &std::cerr, [] { return std::make_shared<SMC>(); }};
+    return {&std::cout, &std::cerr, [] { return std::make_shared<SMC>(); }, SystemAccess{}};
 }
 
 int run(int argc, const char *const *argv, Context &context) {
@@ -193,18 +52,46 @@ int run(int argc, const char *const *argv, Context &context) {
     CLI::App app{"ostrel: fan control and sensors for Apple machines", "ostrel"};
     app.require_subcommand(1);
     bool json = false;
+    auto jsonFlag = [&](CLI::App *command, const char *help = "Print JSON") {
+        return command->add_flag("--json", json, help);
+    };
+
+    SensorOptions sensorOptions;
+    std::string scopeText = "known";
+    std::vector<std::string> groupNames;
+    CLI::App *sensors = app.add_subcommand("sensors", "Temperatures, power, voltages, currents");
+    sensors
+        ->add_option("--scope", scopeText,
+                     "essential (the few that fan control reads), known (the sensors Ostrel "
+                     "can name) or all")
+        ->check(CLI::IsMember({"essential", "known", "all"}))
+        ->capture_default_str();
+    sensors->add_option("--group", groupNames,
+                        "Only temperatures of this group: CPU, GPU, Memory, Storage, Battery, "
+                        "Ambient, Board, Other (repeatable)");
+    jsonFlag(sensors, "Print the snapshot as JSON");
+
+    CLI::App *fans = app.add_subcommand("fans", "Fan speeds, limits, mode and target");
+    jsonFlag(fans);
+    CLI::App *battery = app.add_subcommand("battery", "Battery charge, health and power");
+    jsonFlag(battery);
+    bool refresh = false;
+    CLI::App *discovery =
+        app.add_subcommand("discovery", "What Ostrel found on this machine (cached)");
+    discovery->add_flag("--refresh", refresh, "Scan again and rewrite the cache file");
+    jsonFlag(discovery);
 
     CLI::App *smcCommand = app.add_subcommand("smc", "Raw access to the SMC key table");
     smcCommand->require_subcommand(1);
     CLI::App *keys = smcCommand->add_subcommand("keys", "List every key with its value");
-    keys->add_flag("--json", json, "Print JSON");
+    jsonFlag(keys);
     CLI::App *read = smcCommand->add_subcommand("read", "Read one key");
     std::string keyText;
     read->add_option("KEY", keyText, "The four-character key, e.g. TC0P")->required();
-    read->add_flag("--json", json, "Print JSON");
+    jsonFlag(read);
     CLI::App *dump = smcCommand->add_subcommand(
         "dump", "Write the whole key table as a virtual Mac profile (for bug reports)");
-    dump->add_flag("--json", json, "Print JSON instead of the profile format");
+    jsonFlag(dump, "Print JSON instead of the profile format");
 
     CurveOptions curveOptions;
     CLI::App *curve = app.add_subcommand(
@@ -236,12 +123,17 @@ int run(int argc, const char *const *argv, Context &context) {
                          "Show the speed at this temperature in \u00B0C (repeatable)")
             ->type_name("TEMP")
             ->allow_extra_args(false);
-    CLI::Option *curveJson =
-        curve->add_flag("--json", json, "Print the curve policy's JSON instead");
+    CLI::Option *curveJson = jsonFlag(curve, "Print the curve policy's JSON instead");
     curveJson->excludes(atOption)->excludes(minOption)->excludes(maxOption);
 
     try {
         app.parse(argc, argv);
+        if (sensors->parsed()) {
+            sensorOptions.scope = scopeText == "essential" ? SamplerScope::essential
+                                  : scopeText == "all"     ? SamplerScope::all
+                                                           : SamplerScope::known;
+            sensorOptions.groups = parseGroups(groupNames);
+        }
     } catch (const CLI::CallForHelp &) {
         out << app.help();
         return 0;
@@ -264,13 +156,23 @@ int run(int argc, const char *const *argv, Context &context) {
     }
 
     try {
-        std::shared_ptr<SMC> smc = context.openSmc();
-        if (keys->parsed()) {
-            smcKeys(*smc, json, out);
-        } else if (read->parsed()) {
-            smcRead(*smc, keyText, json, out);
-        } else if (dump->parsed()) {
-            smcDump(*smc, json, out);
+        if (sensors->parsed()) {
+            sensorsCommand(context, sensorOptions, json, out);
+        } else if (fans->parsed()) {
+            fansCommand(context, json, out);
+        } else if (battery->parsed()) {
+            batteryCommand(context, json, out);
+        } else if (discovery->parsed()) {
+            discoveryCommand(context, refresh, json, out);
+        } else {
+            std::shared_ptr<SMC> smc = context.openSmc();
+            if (keys->parsed()) {
+                smcKeys(*smc, json, out);
+            } else if (read->parsed()) {
+                smcRead(*smc, keyText, json, out);
+            } else if (dump->parsed()) {
+                smcDump(*smc, json, out);
+            }
         }
     } catch (const SMCError &e) {
         err << "ostrel: " << e.what() << '\n';

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "ostrel/smc.h"
+#include "ostrel/system_access.h"
 
 namespace ostrel::cli {
 
@@ -15,6 +16,8 @@ struct Context {
     std::ostream *err;
     // Opens the SMC connection; throws SMCError.
     std::function<std::shared_ptr<SMC>()> openSmc;
+    // Files, environment (the discovery cache's place) and clock.
+    SystemAccess system;
 };
 
 Context defaultContext();

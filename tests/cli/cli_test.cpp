@@ -23,9 +23,11 @@ class CliTest : public testing::Test {
     int run(std::vector<const char *> args) {
         args.insert(args.begin(), "ostrel");
         cli::Context context{
-            &out, &err, [this] {
+            &out, &err,
+            [this] {
                 return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
-            }};
+            },
+            SystemAccess{}};
         return cli::run(static_cast<int>(args.size()), args.data(), context);
     }
 };
@@ -67,9 +69,9 @@ TEST(CliDump, EveryBuiltInMachineDumpsToAProfileThatLoadsAsTheSameTable) {
         vsmc::Machine machine = test::builtinMachine(name);
         std::ostringstream out, err;
         cli::Context context{
-            &out, &err, [&] {
-                return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
-            }};
+            &out, &err,
+            [&] { return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine)); },
+            SystemAccess{}};
         const char *args[] = {"ostrel", "smc", "dump"};
         ASSERT_EQ(cli::run(3, args, context), 0) << err.str();
         vsmc::Machine reloaded(vsmc::parseProfile(out.str(), "dump"));
@@ -99,10 +101,12 @@ class CurveCommandTest : public testing::Test {
 
     int run(std::vector<const char *> args) {
         args.insert(args.begin(), {"ostrel", "curve"});
-        ostrel::cli::Context context{&out, &err, []() -> std::shared_ptr<ostrel::SMC> {
+        ostrel::cli::Context context{&out, &err,
+                                     []() -> std::shared_ptr<ostrel::SMC> {
                                          ADD_FAILURE() << "curve opened the SMC";
                                          throw ostrel::SMCError::noService();
-                                     }};
+                                     },
+                                     ostrel::SystemAccess{}};
         return ostrel::cli::run(static_cast<int>(args.size()), args.data(), context);
     }
 };
