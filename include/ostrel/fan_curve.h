@@ -36,6 +36,12 @@ struct CurvePoint {
     bool operator==(const CurvePoint &) const = default;
 };
 
+// The speed a fan with limits `lo` and `hi` is given for a requested `rpm`: `hi` for an
+// infinite request, otherwise the request raised to `lo` (NaN counts as below) and then
+// capped at `hi`. Raising comes first, so impossible limits (lo above hi) settle on hi.
+// Curves, the fan writer and the policy engine all resolve speeds this way.
+double resolveSpeed(double rpm, double lo, double hi) noexcept;
+
 // A curve. Curves made here (both constructors, the presets) hold their points in ascending
 // temperature order; a curve decoded from JSON keeps the stored order, which validate()
 // rejects unless strictly ascending. Both members may be reassigned; assigning `points`

@@ -17,16 +17,6 @@ constexpr std::array<std::string_view, 3> kSensorTexts = {"cpu", "gpu", "max"};
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-// The speed a point asks for on a fan with limits lo and hi. Raising to lo comes before
-// capping at hi, so impossible limits (lo above hi) settle on hi.
-double resolve(double rpm, double lo, double hi) {
-    if (std::isinf(rpm)) {
-        return hi;
-    }
-    double raised = (rpm < lo || std::isnan(rpm)) ? lo : rpm;
-    return raised < hi ? raised : hi;
-}
-
 std::string speedText(double rpm) {
     if (rpm == kInfinity) {
         return "max";
@@ -129,6 +119,14 @@ std::vector<CurvePoint> parsePoints(std::string_view text) {
 
 }  // namespace
 
+double resolveSpeed(double rpm, double lo, double hi) noexcept {
+    if (std::isinf(rpm)) {
+        return hi;
+    }
+    double raised = (rpm < lo || std::isnan(rpm)) ? lo : rpm;
+    return raised < hi ? raised : hi;
+}
+
 std::string_view rawValue(CurveSensor sensor) {
     return kSensorTexts[static_cast<std::size_t>(sensor)];
 }
@@ -176,22 +174,22 @@ double FanCurve::rpm(double at, double min, double max) const noexcept {
     const CurvePoint &first = points.front();
     const CurvePoint &last = points.back();
     if (at <= first.temperature) {
-        return resolve(first.rpm, min, max);
+        return resolveSpeed(first.rpm, min, max);
     }
     if (last.temperature <= at) {
-        return resolve(last.rpm, min, max);
+        return resolveSpeed(last.rpm, min, max);
     }
     for (std::size_t i = 1; i < points.size(); ++i) {
         const CurvePoint &b = points[i];
         if (b.temperature >= at) {
             const CurvePoint &a = points[i - 1];
             double span = std::max(b.temperature - a.temperature, 0.0001);
-            double ra = resolve(a.rpm, min, max);
-            double rb = resolve(b.rpm, min, max);
+            double ra = resolveSpeed(a.rpm, min, max);
+            double rb = resolveSpeed(b.rpm, min, max);
             return ra + ((at - a.temperature) / span) * (rb - ra);
         }
     }
-    return resolve(last.rpm, min, max);  // `at` is NaN
+    return resolveSpeed(last.rpm, min, max);  // `at` is NaN
 }
 
 std::string FanCurve::pointsText() const {
