@@ -194,8 +194,13 @@ void Simulation::stepBattery() {
         double taper = soc < 0.8 ? 1.0 : std::max(0.0, (1.0 - soc) / 0.2);
         b.milliamps = b.remaining < full ? b.chargeCurrent * taper : 0.0;
     } else {
+        // The battery delivers the system's power at its terminal voltage, which sags
+        // by I*R: P = I * (V - I*R), solved for I.
         double system = state_.cpuPower + state_.gpuPower + params_.boardPower;
-        b.milliamps = -1000.0 * system / std::max(restVolts, 1.0);
+        double disc = restVolts * restVolts - 4 * kBatteryResistance * system;
+        double amps = disc > 0 ? (restVolts - std::sqrt(disc)) / (2 * kBatteryResistance)
+                               : restVolts / (2 * kBatteryResistance);
+        b.milliamps = -1000.0 * amps;
     }
     double delta = b.milliamps * kStep / 3600.0;
     b.remaining = std::clamp(b.remaining + delta, 0.0, full);
