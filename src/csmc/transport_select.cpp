@@ -3,6 +3,7 @@
 #include <string>
 
 #include "csmc/transport.h"
+#include "csmc/vsmc_transport.h"
 #include "ostrel/vsmc/memory_transport.h"
 
 namespace csmc {
@@ -17,6 +18,16 @@ OpenedTransport openTransport(std::string_view selector) {
                     "memory:macbookpro10-1"};
         }
         return ostrel::vsmc::openSharedMachine(profile);
+    }
+    constexpr std::string_view kVsmc = "vsmc:";
+    if (selector.starts_with(kVsmc)) {
+        std::string_view path = selector.substr(kVsmc.size());
+        if (path.empty()) {
+            return {SMC_ENOSERVICE, nullptr,
+                    "OSTREL_SMC=vsmc: needs the virtual Mac's socket, e.g. "
+                    "vsmc:/run/dev.ostrel.vsmc.sock"};
+        }
+        return VsmcTransport::open(std::string(path));
     }
     if (selector.empty()) {
         return {SMC_ENOSERVICE, nullptr,

@@ -12,9 +12,11 @@ namespace ostrel::vsmc {
 
 namespace {
 
-// Rounded so that the report reads well and compares stably.
+// Rounded to `unit` (0.01, 0.1, 1) so that the report reads well and compares stably;
+// dividing by the inverse gives the double nearest the decimal, which prints short.
 double rounded(double value, double unit) {
-    return std::round(value / unit) * unit;
+    double perUnit = std::round(1 / unit);
+    return std::round(value * perUnit) / perUnit;
 }
 
 std::string codeText(std::uint32_t code) {
