@@ -12,19 +12,7 @@ namespace {
 using namespace ostrel::vsmc;
 using ostrel::test::Connection;
 
-// Writes a number to a key the way the kit does: look up its type, encode, write.
-std::int32_t writeNumber(smc_conn *conn, const char *key, double value) {
-    smc_key_info info{};
-    std::int32_t status = smc_key_info_get(conn, smc_fourcc(key), &info);
-    if (status != SMC_OK) {
-        return status;
-    }
-    std::uint8_t bytes[SMC_MAX_DATA];
-    if (!smc_encode_double(info.type, info.size, bytes, value)) {
-        return SMC_ETYPE;
-    }
-    return smc_write(conn, smc_fourcc(key), bytes, info.size);
-}
+using ostrel::test::writeNumber;
 
 double readNumber(smc_conn *conn, const char *key) {
     double value = -1;

@@ -15,15 +15,7 @@ namespace {
 using namespace ostrel::vsmc;
 using ostrel::test::Connection;
 
-std::int32_t writeNumber(smc_conn *conn, std::uint32_t key, double value) {
-    smc_key_info info{};
-    std::int32_t status = smc_key_info_get(conn, key, &info);
-    std::uint8_t bytes[SMC_MAX_DATA];
-    if (status != SMC_OK || !smc_encode_double(info.type, info.size, bytes, value)) {
-        return status != SMC_OK ? status : SMC_ETYPE;
-    }
-    return smc_write(conn, key, bytes, info.size);
-}
+using ostrel::test::writeNumber;
 
 double readNumber(smc_conn *conn, std::uint32_t key) {
     double value = std::nan("");

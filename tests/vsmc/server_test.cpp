@@ -24,6 +24,7 @@
 #include "csmc/vsmc_transport.h"
 #include "ostrel/json.h"
 #include "ostrel/platform/environment.h"
+#include "support/test_machine.h"
 
 extern char **environ;
 
@@ -33,15 +34,7 @@ using namespace std::chrono_literals;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
 
-std::int32_t writeNumber(smc_conn *conn, const char *key, double value) {
-    smc_key_info info{};
-    std::uint8_t bytes[SMC_MAX_DATA];
-    std::int32_t status = smc_key_info_get(conn, smc_fourcc(key), &info);
-    if (status != SMC_OK || !smc_encode_double(info.type, info.size, bytes, value)) {
-        return status != SMC_OK ? status : SMC_ETYPE;
-    }
-    return smc_write(conn, smc_fourcc(key), bytes, info.size);
-}
+using ostrel::test::writeNumber;
 
 // A connection on the vsmc transport; closed with the object.
 class Client {
