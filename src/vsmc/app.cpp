@@ -106,7 +106,7 @@ std::string rpm(const Json &value) {
 
 void printStatus(const Json &s, std::ostream &out) {
     fmt::print(out, "{}  t={:.1f} s  speed {}  load cpu {:.2f} gpu {:.2f}  ambient {} °C  {}\n",
-               s["model"].get<std::string>(), s["time"].get<double>(), s["speed"].dump(),
+               s["model"].get<std::string>(), s["time"].get<double>(), s["speed"].get<double>(),
                s["load"]["cpu"].get<double>(), s["load"]["gpu"].get<double>(),
                celsius(s["ambient"]), s["externalPower"].get<bool>() ? "adapter" : "battery");
     std::string temps;

@@ -241,6 +241,10 @@ std::uint32_t Machine::exchange(const smc_param &in, smc_param &out, const Calle
     record.command = in.command;
     record.key = in.key;
     ++counts_[in.command];
+    if (in.command == SMC_CMD_WRITE) {
+        // Kept even when a fault swallows the write, so the log shows what was tried.
+        record.bytes.assign(in.bytes, in.bytes + std::min<std::size_t>(in.data_size, SMC_MAX_DATA));
+    }
     if (auto fault = takeFault(in)) {
         record.injected = true;
         record.kern = fault->kern;
@@ -310,7 +314,6 @@ std::uint32_t Machine::answer(const smc_param &in, smc_param &out, const Caller 
         }
         case SMC_CMD_WRITE: {
             std::size_t n = std::min<std::size_t>(in.data_size, SMC_MAX_DATA);
-            record.bytes.assign(in.bytes, in.bytes + n);
             if (refuseUnprivilegedWrites_ && !caller.privileged) {
                 return SMC_KERN_NOT_PRIVILEGED;
             }

@@ -123,7 +123,7 @@ bool answers(asio::io_context &io, const std::string &path) {
 
 struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
     Impl(asio::io_context &io, VirtualMac &mac, std::string path, std::chrono::milliseconds tick)
-        : io(io), mac(mac), path(std::move(path)), tick(tick), acceptor(io), timer(io) {}
+        : io(io), mac(mac), path(std::move(path)), tick(tick), acceptor(io), timer(io), retry(io) {}
 
     void listen() {
         if (path.empty() || path.size() >= sizeof(sockaddr_un::sun_path)) {
@@ -159,12 +159,20 @@ struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
                 if (self->stopped || ec == asio::error::operation_aborted) {
                     return;
                 }
-                if (!ec) {
-                    auto session = std::make_shared<Session>(std::move(socket), self->mac);
-                    std::erase_if(self->sessions, [](const auto &weak) { return weak.expired(); });
-                    self->sessions.push_back(session);
-                    session->start();
+                if (ec) {
+                    // Out of descriptors or memory: try again shortly instead of spinning.
+                    self->retry.expires_after(std::chrono::milliseconds(100));
+                    self->retry.async_wait([self](asio::error_code waited) {
+                        if (!waited && !self->stopped) {
+                            self->accept();
+                        }
+                    });
+                    return;
                 }
+                auto session = std::make_shared<Session>(std::move(socket), self->mac);
+                std::erase_if(self->sessions, [](const auto &weak) { return weak.expired(); });
+                self->sessions.push_back(session);
+                session->start();
                 self->accept();
             });
     }
@@ -191,6 +199,7 @@ struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
         asio::error_code ignored;
         acceptor.close(ignored);
         timer.cancel();
+        retry.cancel();
         for (const auto &weak : sessions) {
             if (auto session = weak.lock()) {
                 session->close();
@@ -205,6 +214,7 @@ struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
     std::chrono::milliseconds tick;
     Protocol::acceptor acceptor;
     asio::steady_timer timer;
+    asio::steady_timer retry;
     std::vector<std::weak_ptr<Session>> sessions;
     std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
     bool stopped = false;

@@ -66,14 +66,8 @@ const char *controlName(FanControlKind kind) {
 }
 
 Json keyNumber(const Machine &machine, std::uint32_t key, double unit) {
-    const KeyEntry *entry = machine.keys().find(key);
-    double value = 0;
-    if (entry == nullptr || entry->size > SMC_MAX_DATA ||
-        !smc_decode_double(entry->type, entry->bytes.data(), entry->size, &value) ||
-        !std::isfinite(value)) {
-        return nullptr;
-    }
-    return rounded(value, unit);
+    auto value = machine.number(key);
+    return value && std::isfinite(*value) ? Json(rounded(*value, unit)) : Json(nullptr);
 }
 
 }  // namespace

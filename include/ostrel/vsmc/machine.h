@@ -158,6 +158,10 @@ class Machine {
 
     FanControlKind fanControl() const { return fanControl_; }
     std::size_t fanCount() const { return fans_.size(); }
+    // A key's value decoded as a number; nothing when the key is missing or its type is
+    // not numeric.
+    std::optional<double> number(std::uint32_t key) const;
+
     // Whether the firmware currently lets fan `index` follow its written target.
     bool fanManual(std::size_t index) const;
     // Mode writes the firmware refuses after the test key is next set to 1.
@@ -190,7 +194,6 @@ class Machine {
                          ExchangeRecord &record);
     std::optional<std::uint8_t> refuseWrite(std::uint32_t key);
     void afterWrite(std::uint32_t key, double before);
-    std::optional<double> number(std::uint32_t key) const;
     bool store(std::uint32_t key, double value);
     void updateKeyCount();
     void publish();
