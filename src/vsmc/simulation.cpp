@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
+#include <utility>
 
 namespace ostrel::vsmc {
 
@@ -42,8 +44,9 @@ double noise(std::uint64_t seed, std::uint64_t step, std::uint32_t channel) {
 
 Simulation::Simulation(const MachineParams &params, SimulationState initial)
     : params_(params), state_(std::move(initial)) {
-    // Explicit steps are stable while each step is well below the fastest node's time
-    // constant; with every fan at its maximum that is the stiffest the network gets.
+    // Sub-steps keep each one well below the fastest node's time constant (with every fan
+    // at its maximum, the stiffest the network gets), so that holding the neighbours still
+    // within a sub-step costs no accuracy.
     double totalMax = 0;
     for (const FanState &fan : state_.fans) {
         totalMax += fan.hardwareMax;
@@ -158,27 +161,44 @@ void Simulation::stepHeat() {
     double ambient = state_.ambient;
 
     double dt = kStep / substeps_;
+    // Each node moves toward the temperature its power and its neighbours hold it at, by
+    // the exact solution over dt with the neighbours held still. That never overshoots, so
+    // no choice of capacities and conductances can make the network oscillate.
+    auto relax = [dt](double temperature, double capacity, double power,
+                      std::initializer_list<std::pair<double, double>> links) {
+        double conductance = 0;
+        double pull = power;
+        for (auto [g, other] : links) {
+            conductance += g;
+            pull += g * other;
+        }
+        if (conductance <= 0) {
+            return temperature + dt * power / capacity;
+        }
+        double equilibrium = pull / conductance;
+        return equilibrium + (temperature - equilibrium) * std::exp(-dt * conductance / capacity);
+    };
     for (int s = 0; s < substeps_; ++s) {
         double cpu = t[at(Node::cpu)], gpu = t[at(Node::gpu)], prox = t[at(Node::proximity)];
         double sink = t[at(Node::heatsink)], board = t[at(Node::board)];
         double bat = t[at(Node::battery)];
-        double cpuSink = p.cpuHeatsink * (cpu - sink);
-        double cpuProx = p.cpuProximity * (cpu - prox);
-        double gpuSink = p.gpuHeatsink * (gpu - sink);
-        double proxBoard = p.proximityBoard * (prox - board);
-        double sinkBoard = p.heatsinkBoard * (sink - board);
-        double sinkAir = gAir * (sink - ambient);
-        double boardAir = p.boardAmbient * (board - ambient);
-        double boardBat = boardBattery * (board - bat);
-        double batAir = p.batteryAmbient * (bat - ambient);
-        t[at(Node::cpu)] += dt * (state_.cpuPower - cpuSink - cpuProx) / p.cpuCapacity;
-        t[at(Node::gpu)] += dt * (state_.gpuPower - gpuSink) / p.gpuCapacity;
-        t[at(Node::proximity)] += dt * (cpuProx - proxBoard) / p.proximityCapacity;
-        t[at(Node::heatsink)] +=
-            dt * (cpuSink + gpuSink - sinkBoard - sinkAir) / p.heatsinkCapacity;
-        t[at(Node::board)] +=
-            dt * (p.boardPower + proxBoard + sinkBoard - boardAir - boardBat) / p.boardCapacity;
-        t[at(Node::battery)] += dt * (batteryHeat + boardBat - batAir) / p.batteryCapacity;
+        t[at(Node::cpu)] = relax(cpu, p.cpuCapacity, state_.cpuPower,
+                                 {{p.cpuHeatsink, sink}, {p.cpuProximity, prox}});
+        t[at(Node::gpu)] = relax(gpu, p.gpuCapacity, state_.gpuPower, {{p.gpuHeatsink, sink}});
+        t[at(Node::proximity)] =
+            relax(prox, p.proximityCapacity, 0, {{p.cpuProximity, cpu}, {p.proximityBoard, board}});
+        t[at(Node::heatsink)] = relax(sink, p.heatsinkCapacity, 0,
+                                      {{p.cpuHeatsink, cpu},
+                                       {p.gpuHeatsink, gpu},
+                                       {p.heatsinkBoard, board},
+                                       {gAir, ambient}});
+        t[at(Node::board)] = relax(board, p.boardCapacity, p.boardPower,
+                                   {{p.proximityBoard, prox},
+                                    {p.heatsinkBoard, sink},
+                                    {p.boardAmbient, ambient},
+                                    {boardBattery, bat}});
+        t[at(Node::battery)] = relax(bat, p.batteryCapacity, batteryHeat,
+                                     {{boardBattery, board}, {p.batteryAmbient, ambient}});
     }
 }
 

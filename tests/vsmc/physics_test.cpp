@@ -105,6 +105,30 @@ TEST_P(EveryProfile, UnfittedSensorsKeepReadingMinus127) {
 
 INSTANTIATE_TEST_SUITE_P(All, EveryProfile, testing::ValuesIn(builtinProfileNames()));
 
+TEST(Heat, StaysFiniteAndBetweenTheRoomAndTheHottestPossibleWhateverTheParameters) {
+    // Tiny capacities and huge conductances would make naive explicit steps explode.
+    std::string stiff =
+        "model Stiff,1\nkey FNum ui8 1 0x80 1\nkey F0Ac fpe2 2 0x80 6000\n"
+        "key F0Mn fpe2 2 0x80 6000\nkey F0Mx fpe2 2 0x80 6000\n";
+    for (const char *name : {"cpu", "gpu", "proximity", "heatsink", "board", "battery"}) {
+        stiff += std::string("physics ") + name + "-capacity 0.1\n";
+    }
+    for (const char *name : {"cpu-heatsink", "gpu-heatsink", "cpu-proximity", "proximity-board",
+                             "heatsink-board", "board-ambient", "airflow"}) {
+        stiff += std::string("physics ") + name + " 1000\n";
+    }
+    Machine machine(parseProfile(stiff + "battery cells 3\n", "stiff"));
+    machine.setLoad(1, 1);
+    for (int i = 0; i < 100; ++i) {
+        machine.advance(0.3);
+        for (double t : machine.simulation().state().temperature) {
+            ASSERT_TRUE(std::isfinite(t));
+            ASSERT_GE(t, 20);
+            ASSERT_LT(t, 200);
+        }
+    }
+}
+
 TEST(Fans, FollowTheirTargetWithInertiaAndCoastDownSlowerThanTheySpinUp) {
     Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
     Connection conn(machine);
