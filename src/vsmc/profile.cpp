@@ -371,6 +371,7 @@ Profile parseProfile(std::string_view text, const std::string &source) {
     profile.source = source;
     std::map<std::uint32_t, std::size_t> seenOn;
     bool haveModel = false;
+    std::vector<std::size_t> bindLines;
     std::size_t lineNo = 0;
     while (!text.empty()) {
         ++lineNo;
@@ -419,6 +420,7 @@ Profile parseProfile(std::string_view text, const std::string &source) {
             profile.battery.present = true;
         } else if (directive.kind == Token::Bare && directive.text == "bind") {
             profile.bindings.push_back(parseBind(tokens, at));
+            bindLines.push_back(lineNo);
         } else if (directive.kind == Token::Bare && directive.text == "sensor") {
             profile.sensors.push_back(parseSensor(tokens, at));
         } else {
@@ -426,6 +428,13 @@ Profile parseProfile(std::string_view text, const std::string &source) {
                 "unknown directive '{}' (expected model, key, physics, firmware, battery, bind "
                 "or sensor)",
                 directive.text));
+        }
+    }
+    // A binding for a key the table lacks is almost always a typo.
+    for (std::size_t i = 0; i < profile.bindings.size(); ++i) {
+        if (!seenOn.contains(profile.bindings[i].key)) {
+            LineContext{source, bindLines[i]}.fail(fmt::format("bind {}: the table has no such key",
+                                                               codeToken(profile.bindings[i].key)));
         }
     }
     if (!haveModel) {

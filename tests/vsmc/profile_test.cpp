@@ -85,6 +85,8 @@ TEST(ProfileText, ErrorsNameTheFileAndLine) {
     EXPECT_THAT(errorOf(model + "firmware fan-stop\n"), HasSubstr("needs a name and a value"));
     EXPECT_THAT(errorOf(model + "battery cells 0\n"), HasSubstr("battery cells '0'"));
     EXPECT_THAT(errorOf(model + "bind TC0P lava\n"), HasSubstr("'lava' is not a quantity"));
+    EXPECT_EQ(errorOf(model + "bind TC0X cpu\nkey TC0P sp78 2 0xc0 50\n"),
+              "fans.profile:2: bind TC0X: the table has no such key");
     EXPECT_THAT(errorOf(model + "bind TC0P cpu 3\n"), HasSubstr("neither an offset"));
     EXPECT_THAT(errorOf(model + "sensor \"x\" cpu-power\n"),
                 HasSubstr("not a temperature quantity"));
@@ -167,7 +169,8 @@ TEST(ProfileText, ParsesPhysicsFirmwareBindingsSensorsAndBattery) {
         "bind PSTR none\n"
         "sensor \"PMU tdie1\" board +6\n"
         "sensor gauge battery\n"
-        "battery cells 4\n",
+        "battery cells 4\n"
+        "key TC0E sp78 2 0xc0 60\nkey Tp0C sp78 2 0xc0 40\nkey PSTR sp87 2 0xc0 9\n",
         "m.profile");
     EXPECT_EQ(p.params.cpuMaxPower, 28.5);
     EXPECT_EQ(p.params.unlockRefusals, 4);
