@@ -285,13 +285,14 @@ TEST(VsmcServer, InjectedFaultsReachTheChannel) {
     EXPECT_EQ(smc_read_double(client.get(), smc_fourcc("TC0P"), &value), SMC_OK);
 }
 
-// A raw connection for sending what no client would.
-int rawConnect(const std::string &path) {
+// A Unix stream socket connected to `path` (or, with `bound`, bound to it).
+int rawSocket(const std::string &path, bool bound = false) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
     int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    auto *raw = reinterpret_cast<sockaddr *>(&address);
+    EXPECT_EQ(bound ? ::bind(fd, raw, sizeof address) : ::connect(fd, raw, sizeof address), 0);
     return fd;
 }
 
@@ -316,7 +317,7 @@ TEST(VsmcServer, GarbageAndOversizedFramesCloseOnlyTheirConnection) {
         std::string("VM\x81\x00\x54\x00\x00\x00", 8),                       // a reply kind
     };
     for (const std::string &frame : frames) {
-        int fd = rawConnect(server.socket());
+        int fd = rawSocket(server.socket());
         ASSERT_EQ(::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(frame.size()));
         EXPECT_TRUE(closedByPeer(fd)) << testing::PrintToString(frame);
@@ -338,11 +339,7 @@ TEST(VsmcTransport, ADeadOrSilentServerGivesAKernelCodeAndNoHang) {
 
     // Something that accepts connections but never answers.
     std::string path = (server->dir() / "silent.sock").string();
-    int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    int listener = rawSocket(path, true);
     ASSERT_EQ(::listen(listener, 4), 0);
     csmc::OpenedTransport silent = csmc::VsmcTransport::open(path, 50ms);
     ASSERT_EQ(silent.status, SMC_OK);
@@ -383,12 +380,7 @@ TEST(VsmcServer, KeepsItsSocketFromASecondServerAndReplacesAStaleOne) {
 
     // A socket file left behind by a server that died.
     std::string stale = (server.dir() / "stale.sock").string();
-    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, stale.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    ::close(fd);
+    ::close(rawSocket(stale, true));
     pid_t third = ServerProcess::spawn(
         {OSTREL_VSMC_BINARY, "--profile", "macbookpro10-1", "--socket", stale}, output);
     EXPECT_TRUE(eventually([&] { return connects(stale); }));
