@@ -5,6 +5,24 @@
 
 model MacBookPro10,1
 
+# Physics: a 45 W quad-core i7 and a GT 650M sharing one heatsink with two blowers.
+physics cpu-idle-power 5
+physics cpu-max-power 45
+physics gpu-idle-power 1.5
+physics gpu-max-power 32
+physics board-power 8
+physics cpu-load 0.08
+physics gpu-load 0.03
+physics dc-voltage 16.5
+
+# Firmware: the fans leave their minimum at 55 degC and reach their maximum at 92 degC.
+firmware fan-curve-low 55
+firmware fan-curve-high 92
+
+# Battery: 95 Wh, three cells in series, charging at 2.3 A (capacities from the B0 keys).
+battery cells 3
+battery charge-current 2295
+
 # Identity, firmware and revision keys
 key $Adr   ui32    4 0x80 768
 key $Num   ui8     1 0xd0 1

@@ -5,6 +5,27 @@
 
 model MacBookPro16,1
 
+# Physics: an eight-core i9 and a Radeon Pro 5500M; bigger heatsink and fans than the 2012
+# machine. This snapshot was taken on battery.
+physics cpu-idle-power 4
+physics cpu-max-power 55
+physics gpu-idle-power 2
+physics gpu-max-power 40
+physics board-power 7
+physics heatsink-capacity 90
+physics cpu-heatsink 2.2
+physics airflow 0.23
+physics cpu-load 0.05
+physics dc-voltage 20
+
+firmware fan-curve-low 58
+firmware fan-curve-high 94
+
+# Battery: 100 Wh, three cells, on battery power.
+battery cells 3
+battery charge-current 3000
+battery external 0
+
 # Identity, firmware and revision keys
 key $Adr   ui32    4 0x80 768
 key $Num   ui8     1 0xd0 1
@@ -25,7 +46,7 @@ key EPUA   ui32    4 0x80 8192
 
 # Power adapter and AC
 key ACID   ch8*    8 0x80 <0a 00 55 04 00 00 00 00>
-key ACIN   flag    1 0x80 1
+key ACIN   flag    1 0x80 0
 key ACEN   ui8     1 0x80 1
 key ACFP   flag    1 0x80 0
 key ACIC   si8     1 0x80 0
@@ -52,7 +73,7 @@ key BSIn   ui8     1 0x80 7
 key BFCL   ui8     1 0xc0 100
 key BHTL   ui8     1 0x80 0
 key BLPS   ui8     1 0x80 0
-key BRSC   ui16    2 0x80 28
+key BRSC   ui16    2 0x80 62
 key BSAC   ui16    2 0x80 0
 key BSDC   ui8     1 0x80 0
 key BC1V   ui16    2 0x80 3968
@@ -60,10 +81,10 @@ key BC2V   ui16    2 0x80 3969
 key BC3V   ui16    2 0x80 3972
 key B0AP   ui16    2 0x80 0
 key B0Al   ui8     1 0x80 0
-key B0CT   ui16    2 0x80 1123
-key B0DC   ui16    2 0x80 8460
-key B0FC   ui16    2 0x80 7320
-key B0RM   ui16    2 0x80 2050
+key B0CT   ui16    2 0x80 212
+key B0DC   ui16    2 0x80 8790
+key B0FC   ui16    2 0x80 8311
+key B0RM   ui16    2 0x80 5153
 key B0St   ui16    2 0x80 192
 key B0TF   ui16    2 0x80 65535
 key B0Ti   ui16    2 0x80 0

@@ -32,6 +32,12 @@ std::unique_ptr<TemperatureServices> hwmonServices(const std::string &sysfs,
 // A virtual Mac's sensor list through a transport; null when the transport has none.
 std::unique_ptr<TemperatureServices> transportServices(std::unique_ptr<Transport> transport);
 
+// The services of the machine an open connection reaches: a virtual Mac's list through the
+// connection's own transport (borrowed: the connection must outlive the services), or on
+// real hardware the hwmon inputs under `sysfs`.
+std::unique_ptr<TemperatureServices> connectionServices(smc_conn *conn, const std::string &sysfs,
+                                                        const ostrel::platform::Files &files);
+
 // The services OSTREL_SMC implies: a virtual Mac's list, otherwise hwmon.
 std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,
                                                      const ostrel::platform::Files &files);

@@ -140,8 +140,11 @@ class HwmonServices final : public TemperatureServices {
 
 class VirtualServices final : public TemperatureServices {
   public:
-    VirtualServices(std::unique_ptr<Transport> transport, std::vector<TemperatureSensor> sensors)
-        : transport_(std::move(transport)) {
+    // Reads through `transport`, which it owns when `owned` holds it and otherwise borrows
+    // (the transport of an open connection that outlives these services).
+    VirtualServices(std::unique_ptr<Transport> owned, Transport &transport,
+                    std::vector<TemperatureSensor> sensors)
+        : owned_(std::move(owned)), transport_(transport) {
         for (TemperatureSensor &sensor : sensors) {
             names_.push_back(std::move(sensor.name));
         }
@@ -153,7 +156,7 @@ class VirtualServices final : public TemperatureServices {
     // length, and by name otherwise (a sensor that came or went since).
     std::vector<std::optional<double>> read() override {
         std::vector<std::optional<double>> values(names_.size());
-        auto sensors = transport_->temperatureSensors();
+        auto sensors = transport_.temperatureSensors();
         if (!sensors) {
             return values;
         }
@@ -177,7 +180,8 @@ class VirtualServices final : public TemperatureServices {
     }
 
   private:
-    std::unique_ptr<Transport> transport_;
+    std::unique_ptr<Transport> owned_;
+    Transport &transport_;
     std::vector<std::string> names_;
 };
 
@@ -214,7 +218,17 @@ std::unique_ptr<TemperatureServices> transportServices(std::unique_ptr<Transport
     if (!sensors) {
         return nullptr;
     }
-    return std::make_unique<VirtualServices>(std::move(transport), std::move(*sensors));
+    Transport &borrowed = *transport;
+    return std::make_unique<VirtualServices>(std::move(transport), borrowed, std::move(*sensors));
+}
+
+std::unique_ptr<TemperatureServices> connectionServices(smc_conn *conn, const std::string &sysfs,
+                                                        const ostrel::platform::Files &files) {
+    Transport &transport = transportOf(conn);
+    if (auto sensors = transport.temperatureSensors()) {
+        return std::make_unique<VirtualServices>(nullptr, transport, std::move(*sensors));
+    }
+    return hwmonServices(sysfs, files);
 }
 
 std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,

@@ -5,6 +5,7 @@
 
 #include "csmc/applesmc.h"
 #include "csmc/transport.h"
+#include "csmc/vsmc_transport.h"
 #include "ostrel/platform/paths.h"
 #include "ostrel/platform/sysfs.h"
 #include "ostrel/vsmc/memory_transport.h"
@@ -26,6 +27,16 @@ OpenedTransport openTransport(std::string_view selector) {
     if (selector == kApplesmc || selector.starts_with("applesmc:")) {
         std::string_view dir = selector.substr(std::min(selector.size(), kApplesmc.size() + 1));
         return openApplesmc(dir, ostrel::platform::realSysfs(), ostrel::platform::Paths());
+    }
+    constexpr std::string_view kVsmc = "vsmc:";
+    if (selector.starts_with(kVsmc)) {
+        std::string_view path = selector.substr(kVsmc.size());
+        if (path.empty()) {
+            return {SMC_ENOSERVICE, nullptr,
+                    "OSTREL_SMC=vsmc: needs the virtual Mac's socket, e.g. "
+                    "vsmc:/run/dev.ostrel.vsmc.sock"};
+        }
+        return VsmcTransport::open(std::string(path));
     }
     if (selector.empty()) {
         // On Linux the platform's SMC is the applesmc driver's, when it is loaded.

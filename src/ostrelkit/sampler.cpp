@@ -22,8 +22,10 @@ const FourCC kFanCount("FNum");
 const FourCC kBatteryTemperature("TB0T");
 constexpr std::size_t kMaxFans = 16;
 
-smc_hid *openTemperatureServices(const SystemAccess &system) {
-    return csmc::openHid(csmc::defaultServices(*system.environment, *system.files));
+// The temperature services of the machine `smc` reaches, whatever OSTREL_SMC says.
+smc_hid *openTemperatureServices(SMC &smc, const SystemAccess &system) {
+    return csmc::openHid(
+        csmc::connectionServices(smc.conn(), system.paths().sysfs(), *system.files));
 }
 
 // Integer and flag types carry counts, states and bit fields, never measurements.
@@ -153,7 +155,7 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
         discovery.fans.push_back(std::move(fan));
     }
 
-    smc_hid *hid = openTemperatureServices(system);
+    smc_hid *hid = openTemperatureServices(smc, system);
     discovery.hid = smc_hid_count(hid) > 0;
     smc_hid_close(hid);
     return discovery;
@@ -198,7 +200,7 @@ Sampler::Sampler(std::shared_ptr<SMC> smc, SamplerScope scope, bool useCache,
     : scope(scope), smc_(smc ? std::move(smc) : std::make_shared<SMC>()), system_(system) {
     discovery_ = loadDiscovery(*smc_, useCache, system_);
     if (discovery_.hid) {
-        hid_ = openTemperatureServices(system_);
+        hid_ = openTemperatureServices(*smc_, system_);
         hidBuffer_.assign(static_cast<std::size_t>(smc_hid_count(hid_)), smc_hid_reading{});
     }
 }

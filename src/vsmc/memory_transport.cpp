@@ -6,29 +6,27 @@
 namespace ostrel::vsmc {
 
 std::uint32_t MemoryTransport::exchange(const smc_param &in, smc_param &out) {
-    if (guard_ == nullptr) {
-        return machine_.exchange(in, out, caller_);
-    }
-    std::lock_guard lock(*guard_);
+    auto held = lock();
     return machine_.exchange(in, out, caller_);
 }
 
+std::unique_lock<std::mutex> MemoryTransport::lock() {
+    return guard_ != nullptr ? std::unique_lock(*guard_) : std::unique_lock<std::mutex>();
+}
+
 std::optional<std::string> MemoryTransport::modelIdentifier() {
-    std::unique_lock<std::mutex> lock;
-    if (guard_ != nullptr) {
-        lock = std::unique_lock(*guard_);
-    }
+    auto held = lock();
     return machine_.model();
 }
 
-// The machine model has no sensor services or battery yet: it answers as a machine
-// without them.
 std::optional<std::vector<csmc::TemperatureSensor>> MemoryTransport::temperatureSensors() {
-    return std::vector<csmc::TemperatureSensor>{};
+    auto held = lock();
+    return machine_.temperatureSensors();
 }
 
 std::optional<nlohmann::json> MemoryTransport::batteryProperties() {
-    return nlohmann::json();
+    auto held = lock();
+    return machine_.batteryProperties();
 }
 
 namespace {

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <map>
+#include <span>
 
 #include "csmc/smc.h"
 #include "ostrel/platform/embedded.h"
@@ -20,6 +22,7 @@ namespace ostrel::vsmc {
 namespace {
 
 using text::hexDigitValue;
+using text::parseNumber;
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r';
@@ -153,19 +156,6 @@ bool parseUnsigned(const std::string &text, T &out) {
     return ec == std::errc() && end == digits.data() + digits.size() && !digits.empty();
 }
 
-std::optional<double> parseNumber(const std::string &text) {
-    double value = 0;
-    const char *begin = text.data();
-    if (!text.empty() && text[0] == '+') {
-        ++begin;
-    }
-    auto [end, ec] = std::from_chars(begin, text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
 KeyEntry parseKeyRow(const std::vector<Token> &tokens, const LineContext &at) {
     if (tokens.size() < 5) {
         at.fail("a key row needs: key KEY TYPE SIZE ATTRIBUTES [VALUE]");
@@ -210,6 +200,89 @@ KeyEntry parseKeyRow(const std::vector<Token> &tokens, const LineContext &at) {
     }
     std::copy(bytes.begin(), bytes.end(), entry.bytes.begin());
     return entry;
+}
+
+// A finite number inside a field's range.
+double parseBounded(const Token &token, std::string_view what, double min, double max,
+                    const LineContext &at) {
+    auto value = token.kind == Token::Bare ? parseNumber(token.text) : std::nullopt;
+    if (!value || !std::isfinite(*value) || *value < min || *value > max) {
+        at.fail(fmt::format("{} '{}' must be a number from {} to {}", what, token.text, min, max));
+    }
+    return *value;
+}
+
+template <typename Struct, typename Member>
+void parseParam(const std::vector<Token> &tokens,
+                std::span<const ParamField<Struct, Member>> fields, Struct &target,
+                const LineContext &at) {
+    const std::string &directive = tokens[0].text;
+    if (tokens.size() != 3) {
+        at.fail(fmt::format("'{}' needs a name and a value, e.g. {} {} {}", directive, directive,
+                            fields.front().name, fields.front().min));
+    }
+    for (const auto &field : fields) {
+        if (tokens[1].text == field.name) {
+            target.*field.member = parseBounded(
+                tokens[2], fmt::format("{} {}", directive, field.name), field.min, field.max, at);
+            return;
+        }
+    }
+    std::string known;
+    for (const auto &field : fields) {
+        known += (known.empty() ? "" : ", ") + std::string(field.name);
+    }
+    at.fail(fmt::format("unknown {} parameter '{}' (known: {})", directive, tokens[1].text, known));
+}
+
+Source parseSource(const Token &token, bool temperatureOnly, const LineContext &at) {
+    auto source = token.kind == Token::Bare ? sourceFromName(token.text) : std::nullopt;
+    if (!source || (temperatureOnly && !isTemperature(*source))) {
+        at.fail(fmt::format("'{}' is not a {}quantity (see docs/vsmc-profiles.md)", token.text,
+                            temperatureOnly ? "temperature " : ""));
+    }
+    return *source;
+}
+
+// bind KEY SOURCE [+OFFSET|-OFFSET] [xSCALE]
+Binding parseBind(const std::vector<Token> &tokens, const LineContext &at) {
+    if (tokens.size() < 3 || tokens.size() > 5) {
+        at.fail("a binding reads: bind KEY QUANTITY [+OFFSET] [xSCALE]");
+    }
+    Binding binding;
+    binding.key = parseCode(tokens[1], "key", at);
+    binding.source = parseSource(tokens[2], false, at);
+    for (std::size_t i = 3; i < tokens.size(); ++i) {
+        const Token &t = tokens[i];
+        if (t.kind == Token::Bare && !t.text.empty() && t.text[0] == 'x') {
+            Token number{Token::Bare, t.text.substr(1)};
+            binding.scale = parseBounded(number, "scale", -1e9, 1e9, at);
+        } else if (t.kind == Token::Bare && !t.text.empty() &&
+                   (t.text[0] == '+' || t.text[0] == '-')) {
+            binding.offset = parseBounded(t, "offset", -1e9, 1e9, at);
+        } else {
+            at.fail(
+                fmt::format("'{}' is neither an offset (+2.5, -3) nor a scale (x0.85)", t.text));
+        }
+    }
+    return binding;
+}
+
+// sensor NAME SOURCE [OFFSET]
+SensorService parseSensor(const std::vector<Token> &tokens, const LineContext &at) {
+    if (tokens.size() < 3 || tokens.size() > 4 || tokens[1].kind == Token::Bytes) {
+        at.fail("a sensor service reads: sensor \"NAME\" NODE [OFFSET]");
+    }
+    SensorService sensor;
+    sensor.name = tokens[1].text;
+    if (sensor.name.empty() || sensor.name.size() > 63) {
+        at.fail("a sensor name must have 1 to 63 bytes");
+    }
+    sensor.source = parseSource(tokens[2], true, at);
+    if (tokens.size() == 4) {
+        sensor.offset = parseBounded(tokens[3], "offset", -1e9, 1e9, at);
+    }
+    return sensor;
 }
 
 std::string quoted(std::string_view bytes) {
@@ -298,6 +371,7 @@ Profile parseProfile(std::string_view text, const std::string &source) {
     profile.source = source;
     std::map<std::uint32_t, std::size_t> seenOn;
     bool haveModel = false;
+    std::vector<std::size_t> bindLines;
     std::size_t lineNo = 0;
     while (!text.empty()) {
         ++lineNo;
@@ -337,9 +411,30 @@ Profile parseProfile(std::string_view text, const std::string &source) {
                                     it->second));
             }
             profile.keys.push_back(entry);
+        } else if (directive.kind == Token::Bare && directive.text == "physics") {
+            parseParam(tokens, physicsFields(), profile.params, at);
+        } else if (directive.kind == Token::Bare && directive.text == "firmware") {
+            parseParam(tokens, firmwareFields(), profile.params, at);
+        } else if (directive.kind == Token::Bare && directive.text == "battery") {
+            parseParam(tokens, batteryFields(), profile.battery, at);
+            profile.battery.present = true;
+        } else if (directive.kind == Token::Bare && directive.text == "bind") {
+            profile.bindings.push_back(parseBind(tokens, at));
+            bindLines.push_back(lineNo);
+        } else if (directive.kind == Token::Bare && directive.text == "sensor") {
+            profile.sensors.push_back(parseSensor(tokens, at));
         } else {
-            at.fail(
-                fmt::format("unknown directive '{}' (expected 'model' or 'key')", directive.text));
+            at.fail(fmt::format(
+                "unknown directive '{}' (expected model, key, physics, firmware, battery, bind "
+                "or sensor)",
+                directive.text));
+        }
+    }
+    // A binding for a key the table lacks is almost always a typo.
+    for (std::size_t i = 0; i < profile.bindings.size(); ++i) {
+        if (!seenOn.contains(profile.bindings[i].key)) {
+            LineContext{source, bindLines[i]}.fail(fmt::format("bind {}: the table has no such key",
+                                                               codeToken(profile.bindings[i].key)));
         }
     }
     if (!haveModel) {
@@ -357,6 +452,29 @@ std::string formatKeyRow(const KeyEntry &entry) {
 
 std::string formatProfile(const Profile &profile) {
     std::string out = fmt::format("model {}\n", profile.model);
+    const MachineParams defaults;
+    for (const auto &[directive, fields] :
+         {std::pair{"physics", physicsFields()}, std::pair{"firmware", firmwareFields()}}) {
+        for (const MachineField &field : fields) {
+            if (profile.params.*field.member != defaults.*field.member) {
+                out +=
+                    fmt::format("{} {} {}\n", directive, field.name, profile.params.*field.member);
+            }
+        }
+    }
+    for (const BatteryField &field : batteryFields()) {
+        if (const auto &value = profile.battery.*field.member) {
+            out += fmt::format("battery {} {}\n", field.name, *value);
+        }
+    }
+    for (const Binding &b : profile.bindings) {
+        out += fmt::format("bind {} {} {:+} x{}\n", codeToken(b.key), sourceName(b.source),
+                           b.offset, b.scale);
+    }
+    for (const SensorService &sensor : profile.sensors) {
+        out += fmt::format("sensor {} {} {:+}\n", quoted(sensor.name), sourceName(sensor.source),
+                           sensor.offset);
+    }
     for (const KeyEntry &entry : profile.keys) {
         out += formatKeyRow(entry);
     }

@@ -190,6 +190,7 @@ TEST_F(SamplerTest, NegativeSpeedsReadAsZero) {
 TEST_F(SamplerTest, TemperatureServicesAreNamedWithOccurrenceCountsAndIgnoreGroups) {
     hwmon("macsmc_hwmon", {{"PMU tdie1", 41000}, {"PMU tdie1", 42000}, {"PMU tdie2", 43000}});
     hwmon("nvme", {{"Composite", 160000}});  // implausible: skipped by the service layer
+    smc = std::make_shared<SMC>(std::make_unique<test::BareMemoryTransport>(machine));
     auto sampler = make(SamplerScope::known);
     EXPECT_TRUE(sampler->discovery().hid);
     sampler->parts = SamplerParts::temperatures;
@@ -202,6 +203,22 @@ TEST_F(SamplerTest, TemperatureServicesAreNamedWithOccurrenceCountsAndIgnoreGrou
                     Reading{"hid:SMC PMU tdie2", "SMC PMU tdie2", SensorGroup::cpu, 43, true}));
     sampler->scope = SamplerScope::essential;
     EXPECT_TRUE(sampler->sample().temperatures().empty()) << "no services under essential";
+}
+
+TEST_F(SamplerTest, AVirtualMacsServicesComeThroughItsOwnConnection) {
+    vsmc::Machine silicon = test::builtinMachine("macbookpro18-2");
+    smc = std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(silicon));
+    hwmon("coretemp", {{"Core 0", 50000}});  // the host's sensors are not the virtual Mac's
+    auto sampler = make(SamplerScope::known);
+    ASSERT_TRUE(sampler->discovery().hid);
+    sampler->parts = SamplerParts::temperatures;
+    sampler->groups = std::set<SensorGroup>{};
+    std::vector<Reading> services = sampler->sample().temperatures();
+    ASSERT_FALSE(services.empty());
+    for (const Reading &r : services) {
+        EXPECT_TRUE(r.key.starts_with("hid:")) << r.key;
+        EXPECT_NE(r.name, "CPU Core 0");
+    }
 }
 
 TEST_F(SamplerTest, BatteryTemperatureFallsBackToTB0T) {

@@ -48,4 +48,22 @@ class Connection {
     smc_conn *conn_ = nullptr;
 };
 
+// Writes a number to a key the way the kit does: look up its type, encode, write. Returns
+// the channel's status, or SMC_ETYPE when the number does not fit the key's type.
+inline std::int32_t writeNumber(smc_conn *conn, std::uint32_t key, double value) {
+    smc_key_info info{};
+    std::uint8_t bytes[SMC_MAX_DATA];
+    std::int32_t status = smc_key_info_get(conn, key, &info);
+    if (status != SMC_OK) {
+        return status;
+    }
+    return smc_encode_double(info.type, info.size, bytes, value)
+               ? smc_write(conn, key, bytes, info.size)
+               : SMC_ETYPE;
+}
+
+inline std::int32_t writeNumber(smc_conn *conn, const char *key, double value) {
+    return writeNumber(conn, smc_fourcc(key), value);
+}
+
 }  // namespace ostrel::test

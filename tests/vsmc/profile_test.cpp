@@ -78,6 +78,19 @@ TEST(ProfileText, ErrorsNameTheFileAndLine) {
     EXPECT_THAT(errorOf(model + "key A ui8 1 0x80 1\nkey A ui8 1 0x80 2\n"),
                 HasSubstr(":3: key A appears twice (first on line 2)"));
     EXPECT_THAT(errorOf(model + "fan 0\n"), HasSubstr(":2: unknown directive 'fan'"));
+    EXPECT_THAT(errorOf(model + "physics warp 9\n"),
+                HasSubstr(":2: unknown physics parameter 'warp' (known: ambient,"));
+    EXPECT_EQ(errorOf(model + "physics ambient 99\n"),
+              "fans.profile:2: physics ambient '99' must be a number from -30 to 60");
+    EXPECT_THAT(errorOf(model + "firmware fan-stop\n"), HasSubstr("needs a name and a value"));
+    EXPECT_THAT(errorOf(model + "battery cells 0\n"), HasSubstr("battery cells '0'"));
+    EXPECT_THAT(errorOf(model + "bind TC0P lava\n"), HasSubstr("'lava' is not a quantity"));
+    EXPECT_EQ(errorOf(model + "bind TC0X cpu\nkey TC0P sp78 2 0xc0 50\n"),
+              "fans.profile:2: bind TC0X: the table has no such key");
+    EXPECT_THAT(errorOf(model + "bind TC0P cpu 3\n"), HasSubstr("neither an offset"));
+    EXPECT_THAT(errorOf(model + "sensor \"x\" cpu-power\n"),
+                HasSubstr("not a temperature quantity"));
+    EXPECT_THAT(errorOf(model + "sensor <01> cpu\n"), HasSubstr("sensor \"NAME\" NODE"));
     EXPECT_EQ(errorOf("key A ui8 1 0x80 1\n"), "fans.profile: no 'model' line");
     EXPECT_THAT(errorOf("model\n"), HasSubstr(":1: 'model' needs"));
 }
@@ -120,16 +133,93 @@ TEST(ProfileText, LoadingAMissingProfileSaysSoAndListsTheBuiltIns) {
 
 class BuiltinProfile : public testing::TestWithParam<std::string> {};
 
-TEST_P(BuiltinProfile, FormatsAndParsesBackToTheSameTable) {
+TEST_P(BuiltinProfile, FormatsAndParsesBackToTheSameProfile) {
     Profile original = loadProfile(GetParam());
     Profile again = parseProfile(formatProfile(original), "again");
     EXPECT_EQ(again.model, original.model);
     EXPECT_EQ(again.keys, original.keys);
+    EXPECT_EQ(again.params, original.params);
+    EXPECT_EQ(again.bindings, original.bindings);
+    EXPECT_EQ(again.sensors, original.sensors);
+    EXPECT_EQ(again.battery, original.battery);
+}
+
+TEST_P(BuiltinProfile, AKeyTableDumpLoadsAsAMachineWithFansAndHeat) {
+    // What `ostrel smc dump` writes holds only the model and the keys.
+    Machine original(loadProfile(GetParam()));
+    Profile dump;
+    dump.model = original.model();
+    dump.keys = original.keys().entries();
+    Machine machine(parseProfile(formatProfile(dump), "dump.profile"));
+    EXPECT_EQ(machine.keys().entries(), original.keys().entries());
+    EXPECT_EQ(machine.fanCount(), original.fanCount());
+    EXPECT_EQ(machine.fanControl(), original.fanControl());
+    machine.setLoad(1, 1);
+    machine.advance(120);
+    EXPECT_GT(machine.simulation().state().node(Node::cpu), 60);
+}
+
+TEST(ProfileText, ParsesPhysicsFirmwareBindingsSensorsAndBattery) {
+    Profile p = parseProfile(
+        "model M,1\n"
+        "physics cpu-max-power 28.5\n"
+        "firmware unlock-refusals 4\n"
+        "bind TC0E cpu +3.5 x1.1\n"
+        "bind Tp0C board -2\n"
+        "bind PSTR none\n"
+        "sensor \"PMU tdie1\" board +6\n"
+        "sensor gauge battery\n"
+        "battery cells 4\n"
+        "key TC0E sp78 2 0xc0 60\nkey Tp0C sp78 2 0xc0 40\nkey PSTR sp87 2 0xc0 9\n",
+        "m.profile");
+    EXPECT_EQ(p.params.cpuMaxPower, 28.5);
+    EXPECT_EQ(p.params.unlockRefusals, 4);
+    EXPECT_EQ(p.params.ambient, MachineParams{}.ambient);
+    ASSERT_EQ(p.bindings.size(), 3u);
+    EXPECT_EQ(p.bindings[0], (Binding{smc_fourcc("TC0E"), Source::cpu, 3.5, 1.1}));
+    EXPECT_EQ(p.bindings[1].offset, -2);
+    EXPECT_EQ(p.bindings[2].source, Source::none);
+    ASSERT_EQ(p.sensors.size(), 2u);
+    EXPECT_EQ(p.sensors[0], (SensorService{"PMU tdie1", Source::board, 6}));
+    EXPECT_EQ(p.sensors[1].name, "gauge");
+    EXPECT_TRUE(p.battery.present);
+    EXPECT_EQ(p.battery.cells, 4);
+    EXPECT_FALSE(p.battery.remaining.has_value());
+}
+
+TEST(ProfileBindings, KeysFollowTheirNamesUnlessTheProfileSaysOtherwise) {
+    auto bound = [](const char *key, const char *type) {
+        return defaultBinding(smc_fourcc(key), smc_fourcc(type));
+    };
+    EXPECT_EQ(bound("TC0P", "sp78")->source, Source::proximity);
+    EXPECT_EQ(bound("TC3C", "sp78")->source, Source::cpu);
+    EXPECT_EQ(bound("Tp09", "flt ")->source, Source::cpu);
+    EXPECT_EQ(bound("TB0T", "sp78")->source, Source::battery);
+    EXPECT_EQ(bound("PSTR", "flt ")->source, Source::systemPower);
+    EXPECT_EQ(bound("B0AV", "ui16")->source, Source::batteryMillivolts);
+    EXPECT_FALSE(bound("TCFP", "ui8 ")) << "a T key that is not a measurement";
+    EXPECT_FALSE(bound("VBAT", "flag"));
+    EXPECT_FALSE(bound("RPlt", "ch8*"));
+    EXPECT_NE(bound("TC1C", "sp78")->offset, bound("TC2C", "sp78")->offset)
+        << "cores do not read alike";
+
+    Machine machine(
+        parseProfile("model M,1\nbind PSTR none\nbind TC0E cpu +10\n"
+                     "key TC0E sp78 2 0xc0 60\nkey TC0P sp78 2 0xc0 55\nkey PSTR sp87 2 0xc0 9\n",
+                     "m"));
+    machine.setLoad(1, 1);
+    machine.advance(60);
+    double pstr = 0;
+    const KeyEntry *entry = machine.keys().find(smc_fourcc("PSTR"));
+    ASSERT_TRUE(smc_decode_double(entry->type, entry->bytes.data(), 2, &pstr));
+    EXPECT_EQ(pstr, 9) << "bound to nothing: keeps its value";
+    EXPECT_NEAR(machine.simulation().hottestCpu(),
+                machine.simulation().state().node(Node::cpu) + 10, 1e-9);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, BuiltinProfile, testing::ValuesIn(builtinProfileNames()));
 
-TEST(BuiltinProfiles, CoverTheThreeWriteSemantics) {
+TEST(BuiltinProfiles, CoverTheThreeWriteSemanticsAndADesktop) {
     auto has = [](const Machine &m, const char *key) {
         return m.keys().find(smc_fourcc(key)) != nullptr;
     };
@@ -149,8 +239,15 @@ TEST(BuiltinProfiles, CoverTheThreeWriteSemantics) {
     EXPECT_TRUE(has(silicon, "Ftst"));
     EXPECT_TRUE(has(silicon, "F0Md"));
     EXPECT_EQ(silicon.keys().find(smc_fourcc("Tp01"))->type, smc_fourcc("flt "));
-    for (const Machine *m : {&forceMask, &t2, &silicon}) {
-        EXPECT_GT(m->keys().size(), 100u) << m->model();
+    EXPECT_FALSE(silicon.temperatureSensors().empty());
+
+    Machine desktop(loadProfile("macpro7-1"));
+    EXPECT_EQ(desktop.model(), "MacPro7,1");
+    EXPECT_EQ(desktop.fanControl(), FanControlKind::modeKeys);
+    EXPECT_EQ(desktop.keys().find(smc_fourcc("F3Mx"))->type, smc_fourcc("flt "));
+    EXPECT_FALSE(has(desktop, "B0AV"));
+    for (const Machine *m : {&forceMask, &t2, &silicon, &desktop}) {
+        EXPECT_GT(m->keys().size(), 200u) << m->model();
     }
 }
 

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <array>
+#include <charconv>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace ostrel::text {
 
@@ -65,5 +68,18 @@ constexpr std::string_view trimBlanks(std::string_view text) {
 // (stray continuation bytes, truncated or overlong sequences, surrogates, code points above
 // U+10FFFF) becomes U+FFFD.
 std::string utf8Repaired(std::string_view bytes);
+
+// A decimal number that is the whole text ("63.4", "-127", "+2", "1e3"), or nothing.
+inline std::optional<double> parseNumber(std::string_view text) {
+    if (!text.empty() && text.front() == '+') {
+        text.remove_prefix(1);
+    }
+    double value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
 
 }  // namespace ostrel::text

@@ -1,6 +1,10 @@
 // The `memory` transport: the channel talks to a virtual SMC inside the same process, with
 // no socket and no thread. Tests build one on a machine they own and read its journal;
 // OSTREL_SMC=memory:PROFILE gives every connection of a process one shared machine.
+//
+// No time passes on a machine behind this transport unless its owner calls advance():
+// the shared machines of OSTREL_SMC=memory:PROFILE are never advanced, so they keep their
+// profile's values (static), which is what unit tests of the layers above want.
 #pragma once
 
 #include <memory>
@@ -25,6 +29,8 @@ class MemoryTransport final : public csmc::Transport {
     std::optional<nlohmann::json> batteryProperties() override;
 
   private:
+    std::unique_lock<std::mutex> lock();  // the guard's lock, or none
+
     Machine &machine_;
     Caller caller_;
     std::mutex *guard_;

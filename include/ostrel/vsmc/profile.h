@@ -1,4 +1,5 @@
-// Machine profiles: the text files that describe a virtual Mac's SMC key table.
+// Machine profiles: the text files that describe a virtual Mac: its SMC key table, its
+// physics and firmware, its temperature-sensor services and its battery.
 //
 // The format is documented in docs/vsmc-profiles.md. In short, one directive per line:
 //
@@ -7,6 +8,11 @@
 //     key TC0P sp78 2 0xc0 63.4
 //     key FS!  ui16 2 0xc0 0
 //     key F0ID {fds 16 0x80 <00 00 0c 00> "Left side"
+//     physics cpu-max-power 45
+//     firmware fan-curve-high 90
+//     bind TC0E cpu +3
+//     sensor "PMU tdie1" cpu -2
+//     battery design-capacity 8460
 //
 // Parsing is pure (text in, Profile out); loading by name or path reads a file.
 #pragma once
@@ -20,6 +26,7 @@
 #include <vector>
 
 #include "ostrel/platform/files.h"
+#include "ostrel/vsmc/params.h"
 
 namespace ostrel::vsmc {
 
@@ -35,9 +42,13 @@ struct KeyEntry {
 };
 
 struct Profile {
-    std::string source;          // where it came from: a file path or "builtin:NAME"
-    std::string model;           // the model identifier, e.g. "MacBookPro10,1"
-    std::vector<KeyEntry> keys;  // in file order
+    std::string source;                  // where it came from: a file path or "builtin:NAME"
+    std::string model;                   // the model identifier, e.g. "MacBookPro10,1"
+    std::vector<KeyEntry> keys;          // in file order
+    MachineParams params;                // `physics` and `firmware` lines over the defaults
+    std::vector<Binding> bindings;       // `bind` lines, in file order
+    std::vector<SensorService> sensors;  // `sensor` lines: the services in their fixed order
+    BatteryParams battery;               // `battery` lines
 };
 
 // A profile that cannot be used; what() reads "SOURCE:LINE: message" (or "SOURCE: message"
@@ -56,8 +67,9 @@ class ProfileError : public std::runtime_error {
 // Parses profile text. `source` names it in error messages. Throws ProfileError.
 Profile parseProfile(std::string_view text, const std::string &source);
 
-// Writes a profile in the text format; parseProfile of the result gives the same model and
-// keys. Values are written as numbers where that is exact, otherwise as bytes or text.
+// Writes a profile in the text format; parseProfile of the result gives the same profile
+// (parameters that differ from the defaults, bindings, sensors, battery and keys). Values
+// are written as numbers where that is exact, otherwise as bytes or text.
 std::string formatProfile(const Profile &profile);
 
 // One "key ..." line of the format, with its line feed.

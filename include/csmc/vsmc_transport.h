@@ -1,0 +1,57 @@
+// The `vsmc` transport: the channel talks to an `ostrel-vsmc` server on a Unix socket
+// (OSTREL_SMC=vsmc:SOCKET). Each 80-byte exchange is one request and one reply on the
+// connection; the model identifier, the temperature-sensor services and the battery travel
+// on the same connection as JSON calls. Wire format: docs/vsmc-protocol.md.
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <string>
+
+#include "csmc/transport.h"
+
+namespace csmc {
+
+class VsmcTransport final : public Transport {
+  public:
+    static constexpr std::chrono::milliseconds kDefaultTimeout{5000};
+
+    // Connects to the server at `path`. SMC_ENOSERVICE with a `detail` naming the path
+    // when nobody answers there.
+    static OpenedTransport open(const std::string &path,
+                                std::chrono::milliseconds timeout = kDefaultTimeout);
+
+    ~VsmcTransport() override;
+
+    // Safe from any number of threads: the round trips of one connection take turns. A
+    // server that is gone, hangs past the timeout or answers garbage gives
+    // SMC_KERN_NOT_RESPONDING; the connection is then dropped and the next call dials
+    // again, so a restarted server is picked up.
+    std::uint32_t exchange(const smc_param &in, smc_param &out) override;
+    std::optional<std::string> modelIdentifier() override;
+    std::optional<std::vector<TemperatureSensor>> temperatureSensors() override;
+    std::optional<nlohmann::json> batteryProperties() override;
+
+    // One JSON call ({"call": NAME, ...}); the server's reply object, or nothing with the
+    // reason in `error` when the server could not be reached or answered garbage.
+    std::optional<nlohmann::json> call(const nlohmann::json &request, std::string *error = nullptr);
+    // The same with the texts as they travel (for callers that keep the members' order).
+    std::optional<std::string> callText(const std::string &request, std::string *error = nullptr);
+
+  private:
+    VsmcTransport(std::string path, std::chrono::milliseconds timeout, int fd)
+        : path_(std::move(path)), timeout_(timeout), fd_(fd) {}
+
+    // Sends one frame and receives the reply of `replyKind`; false (connection dropped)
+    // with the reason in `error` on any failure. The caller holds mutex_.
+    bool roundTrip(std::uint8_t kind, const void *payload, std::uint32_t length,
+                   std::uint8_t replyKind, std::string &reply, std::string &error);
+    void disconnect();
+
+    std::string path_;
+    std::chrono::milliseconds timeout_;
+    std::mutex mutex_;
+    int fd_ = -1;
+};
+
+}  // namespace csmc

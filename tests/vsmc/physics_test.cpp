@@ -1,0 +1,299 @@
+// The virtual Mac's physics: heat against the failsafe ceiling, fans with inertia under the
+// firmware's curve or a written target, keys, sensor services and battery that agree with
+// the state, and runs that depend only on profile, scenario and seed.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "csmc/smc.h"
+#include "ostrel/vsmc/machine.h"
+#include "support/test_machine.h"
+
+namespace {
+
+using namespace ostrel::vsmc;
+using ostrel::test::Connection;
+
+using ostrel::test::writeNumber;
+
+double readNumber(smc_conn *conn, std::uint32_t key) {
+    double value = std::nan("");
+    EXPECT_EQ(smc_read_double(conn, key, &value), SMC_OK);
+    return value;
+}
+
+double readNumber(smc_conn *conn, const char *key) {
+    return readNumber(conn, smc_fourcc(key));
+}
+
+// Takes every fan into manual mode at its minimum or maximum the way the machine's class
+// requires, retrying refused mode writes as a fan writer does.
+void holdFans(Machine &machine, bool atMax) {
+    Connection conn(machine);
+    if (machine.fanControl() == FanControlKind::testKey) {
+        ASSERT_EQ(writeNumber(conn.get(), smc_fourcc("Ftst"), 1), SMC_OK);
+    }
+    std::uint64_t mask = 0;
+    for (std::size_t i = 0; i < machine.fanCount(); ++i) {
+        double rpm = readNumber(conn.get(), fanKey(i, atMax ? "Mx" : "Mn"));
+        if (machine.fanControl() == FanControlKind::forceMask) {
+            mask |= 1u << i;
+            ASSERT_EQ(writeNumber(conn.get(), smc_fourcc("FS! "), static_cast<double>(mask)),
+                      SMC_OK);
+        } else {
+            std::int32_t status = SMC_EFIRMWARE;
+            for (int attempt = 0; attempt < 50 && status != SMC_OK; ++attempt) {
+                status = writeNumber(conn.get(), fanKey(i, "Md"), 1);
+            }
+            ASSERT_EQ(status, SMC_OK);
+        }
+        ASSERT_EQ(writeNumber(conn.get(), fanKey(i, "Tg"), rpm), SMC_OK);
+        ASSERT_TRUE(machine.fanManual(i));
+    }
+}
+
+double cpu(const Machine &machine) {
+    return machine.simulation().state().node(Node::cpu);
+}
+
+class EveryProfile : public testing::TestWithParam<std::string> {};
+
+TEST_P(EveryProfile, FullLoadWithFansAtMinimumPassesTheFailsafeCeilingWithinMinutes) {
+    Machine machine = ostrel::test::builtinMachine(GetParam());
+    holdFans(machine, false);
+    machine.setLoad(1, 1);
+    double seconds = 0;
+    while (cpu(machine) <= 95 && seconds < 300) {
+        machine.advance(5);
+        seconds += 5;
+    }
+    EXPECT_GT(cpu(machine), 95) << "after " << seconds << " s";
+    machine.advance(600);
+    EXPECT_LT(cpu(machine), 110) << "the CPU sheds power rather than cook";
+}
+
+TEST_P(EveryProfile, FullLoadWithFansAtMaximumSettlesWellBelowTheCeiling) {
+    Machine machine = ostrel::test::builtinMachine(GetParam());
+    holdFans(machine, true);
+    machine.setLoad(1, 1);
+    machine.advance(1200);
+    double settled = cpu(machine);
+    machine.advance(120);
+    EXPECT_LT(settled, 85);
+    EXPECT_NEAR(cpu(machine), settled, 0.5) << "still climbing";
+}
+
+TEST_P(EveryProfile, UnfittedSensorsKeepReadingMinus127) {
+    Machine machine = ostrel::test::builtinMachine(GetParam());
+    std::vector<std::uint32_t> unfitted;
+    for (const KeyEntry &entry : machine.keys().entries()) {
+        double value = 0;
+        if ((entry.key >> 24) == 'T' &&
+            smc_decode_double(entry.type, entry.bytes.data(), entry.size, &value) &&
+            value == -127) {
+            unfitted.push_back(entry.key);
+        }
+    }
+    machine.setLoad(1, 1);
+    machine.advance(60);
+    Connection conn(machine);
+    for (std::uint32_t key : unfitted) {
+        EXPECT_EQ(readNumber(conn.get(), key), -127);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EveryProfile, testing::ValuesIn(builtinProfileNames()));
+
+TEST(Heat, StaysFiniteAndBetweenTheRoomAndTheHottestPossibleWhateverTheParameters) {
+    // Tiny capacities and huge conductances would make naive explicit steps explode.
+    std::string stiff =
+        "model Stiff,1\nkey FNum ui8 1 0x80 1\nkey F0Ac fpe2 2 0x80 6000\n"
+        "key F0Mn fpe2 2 0x80 6000\nkey F0Mx fpe2 2 0x80 6000\n";
+    for (const char *name : {"cpu", "gpu", "proximity", "heatsink", "board", "battery"}) {
+        stiff += std::string("physics ") + name + "-capacity 0.1\n";
+    }
+    for (const char *name : {"cpu-heatsink", "gpu-heatsink", "cpu-proximity", "proximity-board",
+                             "heatsink-board", "board-ambient", "airflow"}) {
+        stiff += std::string("physics ") + name + " 1000\n";
+    }
+    Machine machine(parseProfile(stiff + "battery cells 3\n", "stiff"));
+    machine.setLoad(1, 1);
+    for (int i = 0; i < 100; ++i) {
+        machine.advance(0.3);
+        for (double t : machine.simulation().state().temperature) {
+            ASSERT_TRUE(std::isfinite(t));
+            ASSERT_GE(t, 20);
+            ASSERT_LT(t, 200);
+        }
+    }
+}
+
+TEST(Fans, FollowTheirTargetWithInertiaAndCoastDownSlowerThanTheySpinUp) {
+    Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
+    Connection conn(machine);
+    writeNumber(conn.get(), smc_fourcc("F0Md"), 1);
+    writeNumber(conn.get(), smc_fourcc("F0Tg"), 2000);
+    machine.advance(30);
+    const FanState &fan = machine.simulation().state().fans[0];
+    ASSERT_NEAR(fan.actual, 2000, 1);
+
+    writeNumber(conn.get(), smc_fourcc("F0Tg"), 5000);
+    machine.advance(0.5);
+    double upGap = (5000 - fan.actual) / 3000;
+    EXPECT_GT(fan.actual, 2000);
+    EXPECT_GT(upGap, 0.3) << "no fan reaches a new speed at once";
+    machine.advance(10);
+    EXPECT_NEAR(fan.actual, 5000, 50);
+
+    writeNumber(conn.get(), smc_fourcc("F0Tg"), 2000);
+    machine.advance(0.5);
+    double downGap = (fan.actual - 2000) / 3000;
+    EXPECT_GT(downGap, upGap);
+    EXPECT_NEAR(readNumber(conn.get(), "F0Ac"), fan.actual, 10) << "F0Ac shows the speed";
+}
+
+TEST(Fans, InAutomaticModeFollowTheFirmwareCurveOfTheHottestCpu) {
+    Machine machine = ostrel::test::builtinMachine("macbookpro10-1");
+    Connection conn(machine);
+    machine.setLoad(0, 0);
+    machine.advance(900);
+    EXPECT_NEAR(readNumber(conn.get(), "F0Tg"), 2160, 1) << "idle: the minimum";
+
+    machine.setLoad(1, 1);
+    double previous = 0;
+    for (int i = 0; i < 6; ++i) {
+        machine.advance(20);
+        double target = readNumber(conn.get(), "F0Tg");
+        EXPECT_GE(target, previous) << "heating up, the curve only rises";
+        previous = target;
+    }
+    machine.advance(600);
+    const Simulation &sim = machine.simulation();
+    const MachineParams &p = sim.params();
+    double fraction = (sim.hottestCpu() - p.fanCurveLow) / (p.fanCurveHigh - p.fanCurveLow);
+    EXPECT_GT(fraction, 0);
+    EXPECT_LT(fraction, 1);
+    EXPECT_NEAR(readNumber(conn.get(), "F0Tg"), 2160 + (5940 - 2160) * fraction, 1);
+    EXPECT_NEAR(readNumber(conn.get(), "F1Tg"), 2000 + (5499 - 2000) * fraction, 1);
+    EXPECT_GE(sim.hottestCpu(), cpu(machine)) << "TC0E and friends sit above the die";
+}
+
+TEST(Fans, OnAppleSiliconStopAtIdleAndStartWhenTheSocGetsWarm) {
+    Machine machine = ostrel::test::builtinMachine("macbookpro18-2");
+    Connection conn(machine);
+    machine.setLoad(0.02, 0.01);
+    machine.advance(120);
+    EXPECT_EQ(readNumber(conn.get(), "F0Ac"), 0);
+    EXPECT_EQ(readNumber(conn.get(), "F1Ac"), 0);
+    EXPECT_EQ(readNumber(conn.get(), "F0Tg"), 0);
+
+    machine.setLoad(1, 1);
+    machine.advance(300);
+    EXPECT_GE(readNumber(conn.get(), "F0Ac"), 1499 - 10);
+
+    machine.setLoad(0.02, 0.01);
+    machine.advance(1200);
+    EXPECT_EQ(readNumber(conn.get(), "F0Ac"), 0);
+    EXPECT_FALSE(machine.simulation().state().fans[0].spinning);
+}
+
+TEST(Keys, PowerTemperatureAndSensorServicesFollowTheState) {
+    Machine machine = ostrel::test::builtinMachine("macbookpro18-2");
+    Connection conn(machine);
+    machine.setLoad(1, 0.5);
+    machine.advance(120);
+    const Simulation &sim = machine.simulation();
+    double noise = sim.params().sensorNoise;
+    EXPECT_NEAR(readNumber(conn.get(), "PSTR"), sim.value(Source::systemPower), 0.01);
+    EXPECT_NEAR(readNumber(conn.get(), "PSTR"),
+                sim.state().cpuPower + sim.state().gpuPower + sim.params().boardPower, 0.01);
+    EXPECT_GT(sim.state().cpuPower, 30);
+    EXPECT_NEAR(readNumber(conn.get(), "Tp01"), cpu(machine), 1.5 + noise);
+    EXPECT_NEAR(readNumber(conn.get(), "Tg05"), sim.value(Source::gpu), 1.5 + noise);
+
+    std::vector<csmc::TemperatureSensor> sensors = machine.temperatureSensors();
+    ASSERT_GE(sensors.size(), 9u);
+    EXPECT_EQ(sensors.front().name, "pACC MTR Temp Sensor0");
+    EXPECT_NEAR(sensors.front().celsius, cpu(machine) + 1.1, noise);
+    EXPECT_EQ(sensors.back().name, "gas gauge battery");
+    EXPECT_NEAR(sensors.back().celsius, sim.value(Source::battery), noise);
+}
+
+TEST(Battery, KeysAndDictionaryAgreeWhileDischarging) {
+    Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
+    Connection conn(machine);
+    nlohmann::json before = machine.batteryProperties();
+    machine.setLoad(0.6, 0.3);
+    machine.advance(600);
+    nlohmann::json battery = machine.batteryProperties();
+    ASSERT_TRUE(battery.is_object());
+    EXPECT_LT(battery["Amperage"].get<int>(), 0);
+    EXPECT_EQ(battery["IsCharging"], 0);
+    EXPECT_EQ(battery["ExternalConnected"], 0);
+    EXPECT_EQ(readNumber(conn.get(), "B0AC"), battery["Amperage"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0AV"), battery["Voltage"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0RM"), battery["CurrentCapacity"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0FC"), battery["MaxCapacity"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0CT"), battery["CycleCount"].get<double>());
+    EXPECT_LT(battery["CurrentCapacity"].get<int>(), before["CurrentCapacity"].get<int>());
+    EXPECT_NEAR(readNumber(conn.get(), "TB0T"), battery["Temperature"].get<double>() / 100, 2);
+    EXPECT_EQ(readNumber(conn.get(), "PDTR"), 0) << "no adapter";
+    EXPECT_NEAR(readNumber(conn.get(), "PPBR"), machine.simulation().value(Source::systemPower),
+                0.01);
+    EXPECT_EQ(battery["BatteryData"]["CycleCount"], battery["CycleCount"]);
+}
+
+TEST(Battery, ChargesOnTheAdapterAndIsAbsentOnADesktop) {
+    Machine laptop = ostrel::test::builtinMachine("macbookpro10-1");
+    laptop.advance(60);
+    nlohmann::json battery = laptop.batteryProperties();
+    EXPECT_EQ(battery["IsCharging"], 1);
+    EXPECT_GT(battery["Amperage"].get<int>(), 2000);
+    EXPECT_EQ(battery["DesignCapacity"], 8460);
+
+    Machine silicon = ostrel::test::builtinMachine("macbookpro18-2");
+    EXPECT_EQ(silicon.batteryProperties()["MaxCapacity"], 100) << "percent on Apple silicon";
+    EXPECT_EQ(silicon.batteryProperties()["AppleRawMaxCapacity"], 8693);
+
+    Machine desktop = ostrel::test::builtinMachine("macpro7-1");
+    EXPECT_TRUE(desktop.batteryProperties().is_null());
+    EXPECT_TRUE(desktop.temperatureSensors().empty());
+    EXPECT_EQ(desktop.fanCount(), 4u);
+}
+
+std::vector<std::uint8_t> tableBytes(const Machine &machine) {
+    std::vector<std::uint8_t> bytes;
+    for (const KeyEntry &entry : machine.keys().entries()) {
+        bytes.insert(bytes.end(), entry.bytes.begin(), entry.bytes.begin() + entry.size);
+    }
+    return bytes;
+}
+
+TEST(Determinism, ARunDependsOnlyOnProfileScenarioAndSeed) {
+    Scenario scenario = parseScenario(
+        "at 0 cpu 0.1\nat 20 cpu 1 gpu 0.7 over 10\nat 200 power battery\nat 300 cpu 0.2 over 30\n",
+        "s");
+    auto run = [&](std::uint64_t seed, double slice) {
+        Machine machine(loadProfile("macbookpro10-1"), seed);
+        machine.play(scenario);
+        for (double t = 0; t < 400 - 1e-9; t += slice) {
+            machine.advance(slice);
+        }
+        return machine;
+    };
+    Machine a = run(7, 1);
+    Machine b = run(7, 1);
+    Machine sliced = run(7, 0.25);
+    Machine otherSeed = run(8, 1);
+    EXPECT_EQ(statusJson(a), statusJson(b));
+    EXPECT_EQ(tableBytes(a), tableBytes(b));
+    EXPECT_EQ(statusJson(a), statusJson(sliced)) << "how time is sliced does not matter";
+    EXPECT_EQ(tableBytes(a), tableBytes(sliced));
+    EXPECT_EQ(a.simulation().state().temperature, otherSeed.simulation().state().temperature)
+        << "the seed only chooses sensor noise";
+    EXPECT_NE(tableBytes(a), tableBytes(otherSeed));
+    EXPECT_FALSE(a.simulation().state().battery.external);
+}
+
+}  // namespace
