@@ -1,0 +1,223 @@
+// The fan writer against the virtual Mac's firmware rules, read back from its journal; and
+// one closed loop of sampler, engine and writer on a machine whose time passes.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "ostrel/fan_writer.h"
+#include "ostrel/policy_engine.h"
+#include "ostrel/sampler.h"
+#include "support/temp_dir.h"
+#include "support/test_machine.h"
+
+namespace {
+
+using namespace ostrel;
+using testing::ElementsAre;
+using Write = std::pair<std::string, double>;
+
+class FanWriterTest : public testing::Test {
+  protected:
+    test::TempDir root;
+    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"HOME", root.path()}}};
+    platform::FakeClock clock;
+    SystemAccess system{&env, &platform::realFiles(), &clock};
+    std::unique_ptr<vsmc::Machine> machine;
+    std::shared_ptr<SMC> smc;
+    std::unique_ptr<FanWriter> writer;
+
+    void useMachine(vsmc::Machine m) {
+        writer.reset();
+        smc.reset();
+        machine = std::make_unique<vsmc::Machine>(std::move(m));
+        smc = std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(*machine));
+        writer = std::make_unique<FanWriter>(smc, loadDiscovery(*smc, false, system), clock);
+        machine->clearJournal();
+    }
+
+    // The accepted writes since the last call, decoded with each key's type.
+    std::vector<Write> writes() {
+        std::vector<Write> out;
+        for (const vsmc::ExchangeRecord &r : machine->journal()) {
+            if (r.command != SMC_CMD_WRITE || r.kern != 0 || r.result != 0) {
+                continue;
+            }
+            const vsmc::KeyEntry *entry = machine->keys().find(r.key);
+            double value = 0;
+            smc_decode_double(entry->type, r.bytes.data(),
+                              static_cast<std::uint32_t>(r.bytes.size()), &value);
+            out.emplace_back(FourCC(r.key).description(), value);
+        }
+        machine->clearJournal();
+        return out;
+    }
+    std::size_t refusedModeWrites() {
+        std::size_t n = 0;
+        for (const vsmc::ExchangeRecord &r : machine->journal()) {
+            n += r.command == SMC_CMD_WRITE && r.result != 0;
+        }
+        return n;
+    }
+};
+
+TEST_F(FanWriterTest, ForceMaskMachineSetsAndClearsItsBit) {
+    useMachine(test::builtinMachine("macbookpro10-1"));
+    EXPECT_EQ(writer->setManual(1, 3000), 3000);
+    EXPECT_THAT(writes(), ElementsAre(Write{"FS! ", 2}, Write{"F1Tg", 3000}));
+    EXPECT_TRUE(machine->fanManual(1));
+    writer->setManual(0, 9000);
+    EXPECT_THAT(writes(), ElementsAre(Write{"FS! ", 3}, Write{"F0Tg", 5940}));
+    writer->setAuto(1);
+    EXPECT_THAT(writes(), ElementsAre(Write{"FS! ", 1}));
+    EXPECT_FALSE(machine->fanManual(1));
+    writer->setAllAuto();
+    EXPECT_THAT(writes(), ElementsAre(Write{"FS! ", 0}, Write{"FS! ", 0}));
+}
+
+TEST_F(FanWriterTest, ModeKeyMachineWritesModeThenTargetAndRestoresTheOriginalMode) {
+    vsmc::Machine t2 = test::builtinMachine("macbookpro16-1");
+    t2.keys().find(FourCC("F1Md").rawValue)->bytes[0] = 3;  // a "system" mode to restore
+    useMachine(std::move(t2));
+    EXPECT_EQ(writer->originalMode().at(1), 3);
+    EXPECT_EQ(writer->setManual(1, 500), 1700) << "raised to the minimum";
+    EXPECT_THAT(writes(), ElementsAre(Write{"F1Md", 1}, Write{"F1Tg", 1700}));
+    writer->setManual(0, std::numeric_limits<double>::infinity());
+    EXPECT_THAT(writes(), ElementsAre(Write{"F0Md", 1}, Write{"F0Tg", 5297.39990234375}));
+    writer->setAllAuto();
+    EXPECT_THAT(writes(), ElementsAre(Write{"F0Md", 0}, Write{"F1Md", 3}));
+    // A fan found in manual mode is handed back to automatic, not left manual.
+    machine->keys().find(FourCC("F0Md").rawValue)->bytes[0] = 1;
+    FanWriter second(smc, writer->discovery(), clock);
+    EXPECT_EQ(second.originalMode().at(0), 0);
+}
+
+TEST_F(FanWriterTest, WithoutTheTestKeyARefusedModeWriteFailsAtOnce) {
+    useMachine(test::builtinMachine("macbookpro16-1"));
+    machine->injectFault({FourCC("F0Md").rawValue, SMC_CMD_WRITE, 1, 0, 0x86});
+    EXPECT_THROW(writer->setManual(0, 2000), SMCError);
+    EXPECT_EQ(clock.sleeps(), 0);
+    EXPECT_TRUE(writes().empty()) << "no target written after a failed mode write";
+}
+
+TEST_F(FanWriterTest, TestKeyMachineUnlocksOnceAndWaitsOutTheFirmwareRefusals) {
+    useMachine(test::builtinMachine("macbookpro18-2"));
+    machine->setUnlockRefusals(49);
+    EXPECT_EQ(writer->setManual(0, 2500), 2500);
+    EXPECT_EQ(clock.sleeps(), 49);
+    EXPECT_EQ(clock.slept(), std::chrono::milliseconds(4900));
+    EXPECT_EQ(refusedModeWrites(), 49u);
+    EXPECT_THAT(writes(), ElementsAre(Write{"Ftst", 1}, Write{"F0Md", 1}, Write{"F0Tg", 2500}));
+    EXPECT_TRUE(writer->unlocked());
+    writer->setManual(1, 3000);
+    EXPECT_THAT(writes(), ElementsAre(Write{"F1Md", 1}, Write{"F1Tg", 3000})) << "no second Ftst";
+    writer->setAuto(1);
+    EXPECT_THAT(writes(), ElementsAre(Write{"F1Md", 0}));
+    EXPECT_TRUE(writer->unlocked()) << "one fan handed back leaves the test key set";
+    writer->setAllAuto();
+    EXPECT_THAT(writes(), ElementsAre(Write{"F0Md", 0}, Write{"F1Md", 0}, Write{"Ftst", 0}));
+    EXPECT_FALSE(writer->unlocked());
+    machine->setUnlockRefusals(0);
+    writer->setManual(0, 2500);
+    EXPECT_EQ(writes().front(), (Write{"Ftst", 1})) << "unlocked again after setAllAuto";
+}
+
+TEST_F(FanWriterTest, FiftyRefusalsFailWithTheFiftiethError) {
+    useMachine(test::builtinMachine("macbookpro18-2"));
+    machine->setUnlockRefusals(50);
+    try {
+        writer->setManual(0, 2500);
+        FAIL();
+    } catch (const SMCError &e) {
+        EXPECT_EQ(e, SMCError::firmware("F0Md"));
+    }
+    EXPECT_EQ(clock.sleeps(), 49);
+    EXPECT_EQ(refusedModeWrites(), 50u);
+    EXPECT_TRUE(writer->unlocked()) << "the test key write itself succeeded";
+}
+
+TEST_F(FanWriterTest, UnknownFansWriteNothing) {
+    useMachine(test::builtinMachine("macbookpro16-1"));
+    EXPECT_THROW(writer->setManual(7, 2000), FanControlError);
+    try {
+        writer->setAuto(7);
+    } catch (const FanControlError &e) {
+        EXPECT_STREQ(e.what(), "no fan with id 7");
+    }
+    EXPECT_EQ(machine->totalExchanges(), 0u);
+}
+
+TEST_F(FanWriterTest, FanTenUsesTheAKeys) {
+    useMachine(test::machineFromRows(
+        "key FAMd ui8  1 0xd0 0\nkey FAMn fpe2 2 0xc0 1000\nkey FAMx fpe2 2 0xc0 4000\n"
+        "key FATg fpe2 2 0xd0 1000\nkey FAAc fpe2 2 0x90 1000\n"));
+    Discovery discovery;
+    discovery.fans = {{10, "Fan 11", true}};
+    FanWriter tenth(smc, discovery, clock);
+    EXPECT_EQ(tenth.limits(10), (std::pair<double, double>{1000, 4000}));
+    tenth.setManual(10, 2000);
+    EXPECT_THAT(writes(), ElementsAre(Write{"FAMd", 1}, Write{"FATg", 2000}));
+}
+
+TEST_F(FanWriterTest, AMaskThatIsNoBitMaskFailsTheFanAndIsSkippedWhenAllGoBack) {
+    useMachine(test::machineFromRows(
+        "key FNum ui8 1 0x80 2\nkey FS! flt 4 0xc0 nan\n"
+        "key F0Mn fpe2 2 0xc0 1000\nkey F0Mx fpe2 2 0xc0 4000\nkey F0Tg fpe2 2 0xd0 1000\n"
+        "key F0Ac fpe2 2 0x90 1000\nkey F1Md ui8 1 0xd0 0\n"));
+    try {
+        writer->setManual(0, 2000);
+        FAIL();
+    } catch (const FanControlError &e) {
+        EXPECT_STREQ(e.what(), "SMC key 'FS! ' does not hold a fan bit mask (it reads nan)");
+    }
+    EXPECT_THROW(writer->setAuto(0), FanControlError);
+    machine->clearJournal();
+    writer->setAllAuto();
+    EXPECT_THAT(writes(), ElementsAre(Write{"F1Md", 0})) << "fan 0 skipped, fan 1 handed back";
+}
+
+// Sampler, engine and writer on a T2 machine whose time passes two seconds a tick, applying
+// actions as the daemon's controller does.
+TEST_F(FanWriterTest, ClosedLoopFollowsThePolicyAndHandsBackInTheFailsafe) {
+    useMachine(test::builtinMachine("macbookpro16-1"));
+    Sampler sampler(smc, SamplerScope::essential, false, system);
+    sampler.parts = {SamplerParts::temperatures, SamplerParts::fans};
+    FanPolicyEngine engine(SafetyLimits::forHardware(sampler.discovery().fanTestKey));
+    engine.set(FanPolicy::fixed(3000), 0);
+    engine.set(FanPolicy::curve(FanCurve("40:min,60:max", CurveSensor::cpu)), 1);
+    bool failsafe = false;
+    auto tick = [&] {
+        for (const FanPolicyEngine::Action &action : engine.tick(sampler.sample())) {
+            if (auto *manual = std::get_if<FanPolicyEngine::Manual>(&action)) {
+                writer->setManual(manual->fan, manual->rpm);
+            } else if (auto *automatic = std::get_if<FanPolicyEngine::Auto>(&action)) {
+                writer->setAuto(automatic->fan);
+            } else if (std::holds_alternative<FanPolicyEngine::Failsafe>(action)) {
+                writer->setAllAuto();
+                failsafe = true;
+            }
+        }
+        machine->advance(2.0);
+    };
+    for (int i = 0; i < 10; ++i) {
+        tick();
+    }
+    EXPECT_TRUE(machine->fanManual(0));
+    EXPECT_EQ(machine->number(FourCC("F0Tg").rawValue), 3000);
+    EXPECT_NEAR(*machine->number(FourCC("F0Ac").rawValue), 3000, 150) << "the fan got there";
+    EXPECT_TRUE(machine->fanManual(1));
+
+    machine->setLoad(1.0, 1.0);  // flat out with both fans held low: the CPU must overheat
+    engine.set(FanPolicy::fixed(0), 0);
+    engine.set(FanPolicy::fixed(0), 1);
+    for (int i = 0; i < 300 && !failsafe; ++i) {
+        tick();
+    }
+    ASSERT_TRUE(failsafe) << machine->time();
+    EXPECT_TRUE(engine.suspended());
+    EXPECT_FALSE(machine->fanManual(0));
+    EXPECT_FALSE(machine->fanManual(1));
+}
+
+}  // namespace
