@@ -70,6 +70,9 @@ class FanPolicyEngine {
     std::int64_t coolTicks() const { return coolTicks_; }
 
   private:
+    // Calls visit(fan, policy) for each snapshot fan that has a policy, in snapshot order.
+    template <typename Visit>
+    void forEachPolicyFan(const Snapshot &snapshot, Visit visit) const;
     std::vector<Action> policyActions(const Snapshot &snapshot) const;
     std::vector<Action> fullCoolingActions(const Snapshot &snapshot) const;
     void reset();

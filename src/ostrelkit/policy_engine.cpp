@@ -35,17 +35,23 @@ void FanPolicyEngine::clear() {
     reset();
 }
 
+template <typename Visit>
+void FanPolicyEngine::forEachPolicyFan(const Snapshot &snapshot, Visit visit) const {
+    for (const FanReading &fan : snapshot.fans()) {
+        auto it = policies_.find(fan.id);
+        if (it != policies_.end()) {
+            visit(fan, it->second);
+        }
+    }
+}
+
 std::vector<FanPolicyEngine::Action> FanPolicyEngine::policyActions(
     const Snapshot &snapshot) const {
     std::vector<Action> actions;
-    for (const FanReading &fan : snapshot.fans()) {
-        auto it = policies_.find(fan.id);
-        if (it == policies_.end()) {
-            continue;
-        }
-        if (const FanPolicy::Fixed *fixed = it->second.asFixed()) {
+    forEachPolicyFan(snapshot, [&](const FanReading &fan, const FanPolicy &policy) {
+        if (const FanPolicy::Fixed *fixed = policy.asFixed()) {
             actions.push_back(Manual{fan.id, resolveSpeed(fixed->rpm, fan.min, fan.max)});
-        } else if (const FanPolicy::Curve *curve = it->second.asCurve()) {
+        } else if (const FanPolicy::Curve *curve = policy.asCurve()) {
             std::optional<double> temperature = snapshot.temperature(curve->curve.sensor);
             if (!temperature) {
                 actions.push_back(Auto{fan.id});  // nothing to follow: the firmware decides
@@ -53,7 +59,7 @@ std::vector<FanPolicyEngine::Action> FanPolicyEngine::policyActions(
                 actions.push_back(Manual{fan.id, curve->curve.rpm(*temperature, fan.min, fan.max)});
             }
         }
-    }
+    });
     return actions;
 }
 
@@ -61,16 +67,12 @@ std::vector<FanPolicyEngine::Action> FanPolicyEngine::policyActions(
 std::vector<FanPolicyEngine::Action> FanPolicyEngine::fullCoolingActions(
     const Snapshot &snapshot) const {
     std::vector<Action> actions;
-    for (const FanReading &fan : snapshot.fans()) {
-        auto it = policies_.find(fan.id);
-        if (it == policies_.end()) {
-            continue;
-        }
-        const FanPolicy::Fixed *fixed = it->second.asFixed();
+    forEachPolicyFan(snapshot, [&](const FanReading &fan, const FanPolicy &policy) {
+        const FanPolicy::Fixed *fixed = policy.asFixed();
         if (fixed != nullptr && (std::isinf(fixed->rpm) || fixed->rpm >= 0.95 * fan.max)) {
             actions.push_back(Manual{fan.id, fan.max});
         }
-    }
+    });
     return actions;
 }
 

@@ -9,7 +9,7 @@
 #include "ostrel/fan_writer.h"
 #include "ostrel/sampler.h"
 #include "support/fake_applesmc.h"
-#include "support/temp_dir.h"
+#include "support/sandbox.h"
 #include "support/test_machine.h"
 
 namespace {
@@ -19,12 +19,9 @@ using test::FakeApplesmc;
 using Stores = std::vector<FakeApplesmc::Store>;
 
 class ApplesmcFanControlTest
-    : public testing::TestWithParam<std::pair<const char *, FakeApplesmc::Variant>> {
+    : public testing::TestWithParam<std::pair<const char *, FakeApplesmc::Variant>>,
+      protected test::Sandbox {
   protected:
-    test::TempDir root;
-    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"HOME", root.path()}}};
-    platform::FakeClock clock;
-    SystemAccess system{&env, &platform::realFiles(), &clock};
     vsmc::Machine machine = test::builtinMachine(GetParam().first);
     FakeApplesmc driver{machine, GetParam().second};
     std::unique_ptr<platform::Sysfs> files = driver.opener(0);

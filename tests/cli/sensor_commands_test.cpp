@@ -5,8 +5,8 @@
 
 #include <sstream>
 
-#include "cli.h"
-#include "support/temp_dir.h"
+#include "cli_harness.h"
+#include "support/sandbox.h"
 #include "support/test_machine.h"
 
 namespace {
@@ -14,11 +14,11 @@ namespace {
 using namespace ostrel;
 using testing::HasSubstr;
 
-class SensingCommandsTest : public testing::Test {
+class SensingCommandsTest : public testing::Test,
+                            protected test::Sandbox,
+                            protected test::CliHarness {
   protected:
-    test::TempDir root;
-    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"HOME", root.path()}}};
-    platform::FakeClock clock{platform::Clock::WallTime(std::chrono::milliseconds(1795000000123))};
+    SensingCommandsTest() { clock.advance(std::chrono::milliseconds(123)); }
     vsmc::Machine machine = test::machineFromRows(
         "key TC0P sp78 2 0xc0 63.5\n"
         "key TC0F sp78 2 0xc0 60\n"
@@ -40,17 +40,14 @@ class SensingCommandsTest : public testing::Test {
         "key F1Mx fpe2 2 0xc0 5500\n"
         "key F1Tg fpe2 2 0xd0 3500\n",
         "MacBookPro10,1");
-    std::ostringstream out, err;
 
     int run(std::vector<const char *> args) {
-        args.insert(args.begin(), "ostrel");
-        cli::Context context{
-            &out, &err,
+        return CliHarness::run(
+            std::move(args),
             [this] {
                 return std::make_shared<SMC>(std::make_unique<test::BareMemoryTransport>(machine));
             },
-            SystemAccess{&env, &platform::realFiles(), &clock}};
-        return cli::run(static_cast<int>(args.size()), args.data(), context);
+            system);
     }
 };
 
@@ -83,7 +80,7 @@ TEST_F(SensingCommandsTest, SensorsGroupedWithUnits) {
 TEST_F(SensingCommandsTest, SensorsJsonIsTheSnapshot) {
     ASSERT_EQ(run({"sensors", "--scope", "essential", "--json"}), 0) << err.str();
     EXPECT_EQ(Json::parse(out.str()), Json::parse(R"({
-        "timestamp": "2026-11-18T11:06:40.123Z",
+        "timestamp": "2025-12-18T00:00:00.123Z",
         "temperatures": [
             {"key": "TB0T", "name": "Battery", "group": "Battery", "value": 31, "known": true},
             {"key": "TC0P", "name": "CPU Proximity", "group": "CPU", "value": 63.5, "known": true},

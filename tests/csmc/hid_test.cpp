@@ -153,13 +153,4 @@ TEST(VirtualSensors, NamesAreFixedAtOpeningAndValuesFollowByName) {
     EXPECT_EQ(csmc::transportServices(std::make_unique<SensorTransport>(nullptr)), nullptr);
 }
 
-TEST(HwmonWords, KnownChipsMapToWordsTheGroupsUnderstand) {
-    EXPECT_EQ(csmc::hwmonChipWord("k10temp"), "CPU");
-    EXPECT_EQ(csmc::hwmonChipWord("nouveau"), "GPU");
-    EXPECT_EQ(csmc::hwmonChipWord("drivetemp"), "SSD");
-    EXPECT_EQ(csmc::hwmonChipWord("pch_cannonlake"), "PCH");
-    EXPECT_EQ(csmc::hwmonChipWord("BAT0"), "Battery");
-    EXPECT_EQ(csmc::hwmonChipWord("it8728"), "it8728");
-}
-
 }  // namespace

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "ostrel/sampler.h"
-#include "support/temp_dir.h"
+#include "support/sandbox.h"
 #include "support/test_machine.h"
 
 namespace {
@@ -13,13 +13,8 @@ using namespace ostrel;
 using testing::ElementsAre;
 
 // A machine, a connection to it, and a system whose files live in a temporary root.
-class DiscoveryTest : public testing::Test {
+class DiscoveryTest : public testing::Test, protected test::Sandbox {
   protected:
-    test::TempDir root;
-    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"HOME", root.path()}}};
-    platform::FakeClock clock;
-    SystemAccess system{&env, &platform::realFiles(), &clock};
-
     std::unique_ptr<vsmc::Machine> machine;
     std::unique_ptr<SMC> smc;
 

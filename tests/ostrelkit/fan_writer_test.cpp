@@ -9,7 +9,7 @@
 #include "ostrel/fan_writer.h"
 #include "ostrel/policy_engine.h"
 #include "ostrel/sampler.h"
-#include "support/temp_dir.h"
+#include "support/sandbox.h"
 #include "support/test_machine.h"
 
 namespace {
@@ -18,12 +18,8 @@ using namespace ostrel;
 using testing::ElementsAre;
 using Write = std::pair<std::string, double>;
 
-class FanWriterTest : public testing::Test {
+class FanWriterTest : public testing::Test, protected test::Sandbox {
   protected:
-    test::TempDir root;
-    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"HOME", root.path()}}};
-    platform::FakeClock clock;
-    SystemAccess system{&env, &platform::realFiles(), &clock};
     std::unique_ptr<vsmc::Machine> machine;
     std::shared_ptr<SMC> smc;
     std::unique_ptr<FanWriter> writer;

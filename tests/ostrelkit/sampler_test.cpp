@@ -6,7 +6,7 @@
 
 #include "ostrel/battery.h"
 #include "ostrel/sampler.h"
-#include "support/temp_dir.h"
+#include "support/sandbox.h"
 #include "support/test_machine.h"
 
 namespace {
@@ -35,12 +35,8 @@ const char *kRows =
     "key F1Md ui8  1 0xd0 0\n"
     "key F1Tg fpe2 2 0xd0 3000\n";
 
-class SamplerTest : public testing::Test {
+class SamplerTest : public testing::Test, protected test::Sandbox {
   protected:
-    test::TempDir root;
-    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"HOME", root.path()}}};
-    platform::FakeClock clock;
-    SystemAccess system{&env, &platform::realFiles(), &clock};
     vsmc::Machine machine = test::machineFromRows(kRows);
     std::shared_ptr<SMC> smc =
         std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));

@@ -112,11 +112,4 @@ TEST_F(MachineTest, FaultsMatchByKeyAndCommandAndRunOut) {
     EXPECT_EQ(machine.exchange(request(SMC_CMD_KEY_AT_INDEX), out), 0u);
 }
 
-TEST_F(MachineTest, KeyCountFollowsTheProfile) {
-    const KeyEntry *count = machine.keys().find(smc_fourcc("#KEY"));
-    ASSERT_NE(count, nullptr);
-    EXPECT_EQ(count->bytes[3], 4);  // three rows and #KEY itself
-    EXPECT_EQ(count->attributes, 0x80);
-}
-
 }  // namespace
