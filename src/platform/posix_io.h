@@ -2,12 +2,21 @@
 // interfaces, reporting errno instead of throwing.
 #pragma once
 
+#include <cstddef>
+#include <limits>
 #include <string>
+#include <string_view>
 
 namespace ostrel::platform::posix {
 
 // Opens `path` read-only and appends everything it holds to `out`. Returns 0 or the errno
-// of the open or of a read (reads interrupted by a signal are retried).
-int readAll(const std::string &path, std::string &out);
+// of the open or of a read (reads interrupted by a signal are retried); EFBIG when the file
+// holds more than `limit` bytes (what was read stays in `out`).
+int readAll(const std::string &path, std::string &out,
+            std::size_t limit = std::numeric_limits<std::size_t>::max());
+
+// write(2) until all of `data` is written (retrying after signals). Returns 0 or the errno;
+// a write that makes no progress counts as EIO.
+int writeAll(int fd, std::string_view data);
 
 }  // namespace ostrel::platform::posix
