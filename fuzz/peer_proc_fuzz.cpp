@@ -1,0 +1,21 @@
+// Any bytes as /proc/PID/maps and /proc/PID/status text: the readers never crash, and what
+// they keep is what vetting needs (file-backed mappings only).
+
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+#include "ostrel/peer_identity.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    std::string_view text(reinterpret_cast<const char *>(data), size);
+    if (auto mappings = ostrel::executableMappings(text)) {
+        for (const ostrel::ExecutableMapping &m : *mappings) {
+            if (m.inode == 0) {
+                std::abort();
+            }
+        }
+    }
+    ostrel::tracerPid(text);
+    return 0;
+}
