@@ -112,10 +112,12 @@ class SignatureCache {
 // Checks peers against one requirement. `access` must outlive the object. Thread-safe.
 class PeerVetting {
   public:
+    // Notes which trusted files this process itself runs (/proc/self/maps): they stay
+    // mapped, and so stay the same files, for as long as it lives, and a peer mapping them
+    // needs no further look at them.
     explicit PeerVetting(CodeRequirement requirement,
                          const platform::ProcessAccess &access = platform::realProcessAccess(),
-                         std::size_t cacheCapacity = 64)
-        : requirement_(std::move(requirement)), access_(access), cache_(cacheCapacity) {}
+                         std::size_t cacheCapacity = 64);
 
     // The verdict on `peer` as it is now. The daemon asks before serving each message: a
     // process can exec another program or get a debugger between two messages.
@@ -132,9 +134,11 @@ class PeerVetting {
     std::optional<std::string> foreignMapping(const std::string &proc,
                                               const platform::FileStatus &exe);
 
+    using FileId = std::pair<std::uint64_t, std::uint64_t>;  // device, inode
     CodeRequirement requirement_;
     const platform::ProcessAccess &access_;
     SignatureCache cache_;
+    std::vector<FileId> pinned_;  // trusted files mapped by this process
 };
 
 }  // namespace ostrel

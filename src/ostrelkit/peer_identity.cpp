@@ -37,6 +37,36 @@ ExecutableKey keyOf(const platform::FileStatus &st) {
     return {st.device, st.inode, st.size, st.modifiedNs, st.changedNs};
 }
 
+// Why the code mapped in `m` is foreign, or nothing when its path still names that very
+// file and only root can change it.
+std::optional<std::string> foreignCode(const ExecutableMapping &m,
+                                       const platform::FileAccess &files) {
+    // Otherwise what the path names now says nothing about the code that runs.
+    platform::StatusResult st = files.stat(m.path);
+    if (st.error != 0 || st.status.device != m.device || st.status.inode != m.inode) {
+        return "it runs code from " + m.path + ", which is no longer that file on disk";
+    }
+    if (!st.status.regular() || st.status.uid != 0 || (st.status.mode & 022) != 0) {
+        return "it runs code from " + m.path +
+               ", which is not a root-owned file closed to writes by group and others";
+    }
+    return std::nullopt;
+}
+
+// The executable mappings in `proc`/maps, or why they cannot be read.
+std::optional<std::vector<ExecutableMapping>> readMappings(const std::string &proc,
+                                                           const platform::FileAccess &files,
+                                                           std::string &problem) {
+    platform::TextResult maps = files.readText(proc + "/maps", kMaxMaps);
+    std::optional<std::vector<ExecutableMapping>> mappings = executableMappings(maps.text);
+    if (maps.error != 0 || !mappings) {
+        problem = "cannot read its mappings: " +
+                  (maps.error != 0 ? platform::errorText(maps.error) : "unexpected format");
+        return std::nullopt;
+    }
+    return mappings;
+}
+
 }  // namespace
 
 std::optional<std::vector<ExecutableMapping>> executableMappings(std::string_view maps) {
@@ -156,6 +186,18 @@ PeerLookup identifyPeer(int socketFd, const platform::ProcessAccess &access) {
     return {Peer{{peer.pid, peer.uid, peer.gid}, std::move(peer.pidfd)}, {}};
 }
 
+PeerVetting::PeerVetting(CodeRequirement requirement, const platform::ProcessAccess &access,
+                         std::size_t cacheCapacity)
+    : requirement_(std::move(requirement)), access_(access), cache_(cacheCapacity) {
+    std::string ignored;
+    for (const ExecutableMapping &m : readMappings("/proc/self", access.files(), ignored)
+                                          .value_or(std::vector<ExecutableMapping>{})) {
+        if (!foreignCode(m, access.files())) {
+            pinned_.emplace_back(m.device, m.inode);
+        }
+    }
+}
+
 PeerVerdict PeerVetting::check(const Peer &peer) {
     PeerVerdict verdict{false, peer.credentials, {}};
     std::optional<std::string> why = problem(peer.credentials.pid);
@@ -207,35 +249,24 @@ std::optional<std::string> PeerVetting::problem(int pid) {
 
 std::optional<std::string> PeerVetting::foreignMapping(const std::string &proc,
                                                        const platform::FileStatus &exe) {
-    const platform::FileAccess &files = access_.files();
-    platform::TextResult maps = files.readText(proc + "/maps", kMaxMaps);
-    std::optional<std::vector<ExecutableMapping>> mappings = executableMappings(maps.text);
-    if (maps.error != 0 || !mappings) {
-        return "cannot read its mappings: " +
-               (maps.error != 0 ? platform::errorText(maps.error) : "unexpected format");
+    std::string problem;
+    std::optional<std::vector<ExecutableMapping>> mappings =
+        readMappings(proc, access_.files(), problem);
+    if (!mappings) {
+        return problem;
     }
     bool runsExecutable = false;
-    std::vector<std::pair<std::uint64_t, std::uint64_t>> trusted;
+    std::vector<FileId> trusted = pinned_;
     for (const ExecutableMapping &m : *mappings) {
-        std::pair id{m.device, m.inode};
-        if (id == std::pair{exe.device, exe.inode}) {
+        FileId id{m.device, m.inode};
+        if (id == FileId{exe.device, exe.inode}) {
             runsExecutable = true;
-            continue;
+        } else if (std::find(trusted.begin(), trusted.end(), id) == trusted.end()) {
+            if (std::optional<std::string> foreign = foreignCode(m, access_.files())) {
+                return foreign;
+            }
+            trusted.push_back(id);
         }
-        if (std::find(trusted.begin(), trusted.end(), id) != trusted.end()) {
-            continue;
-        }
-        // The path must still name the mapped file; otherwise what it names now says
-        // nothing about the code that runs.
-        platform::StatusResult st = files.stat(m.path);
-        if (st.error != 0 || std::pair{st.status.device, st.status.inode} != id) {
-            return "it runs code from " + m.path + ", which is no longer that file on disk";
-        }
-        if (!st.status.regular() || st.status.uid != 0 || (st.status.mode & 022) != 0) {
-            return "it runs code from " + m.path +
-                   ", which is not a root-owned file closed to writes by group and others";
-        }
-        trusted.push_back(id);
     }
     if (!runsExecutable) {
         return std::string("its executable is not mapped: it is running something else");

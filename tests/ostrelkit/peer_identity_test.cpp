@@ -111,9 +111,12 @@ class PeerRulesTest : public testing::Test {
     }
 
     std::string reason(const std::string &status, const std::string &maps) {
+        return reason(status, maps, vetting);
+    }
+    std::string reason(const std::string &status, const std::string &maps, PeerVetting &by) {
         access.fakeFiles().put("/proc/42/status", "Name:\tostrel\n" + status + "Uid:\t0\n");
         access.fakeFiles().put("/proc/42/maps", maps);
-        PeerVerdict verdict = vetting.check(-1);
+        PeerVerdict verdict = by.check(-1);
         EXPECT_EQ(verdict.accepted, verdict.reason.empty());
         return verdict.reason;
     }
@@ -148,6 +151,16 @@ TEST_F(PeerRulesTest, ForeignCodeMakesAPeerUnverifiable) {
     EXPECT_THAT(reason(clean, exe + libc), HasSubstr("not a root-owned file closed to writes"));
     access.setExited(true);
     EXPECT_THAT(reason(clean, exe), HasSubstr("it has exited"));
+}
+
+TEST_F(PeerRulesTest, FilesThisProcessRunsStayTrustedWhenTheirPathsChange) {
+    std::string libc = "7f0000-7f1000 r-xp 00000000 00:01 200 /usr/lib/libc.so.6\n";
+    access.fakeFiles().put("/proc/self/maps", libc);
+    PeerVetting pinning(clientRequirement(std::nullopt), access);
+    // An upgrade puts a new file at the path; the old one lives on in both processes.
+    access.fakeFiles().put("/usr/lib/libc.so.6", "", {1, 201, 0, 0, 0, 0100755, 0, 0});
+    EXPECT_EQ(reason("TracerPid:\t0\n", exe + libc, pinning), "");
+    EXPECT_THAT(reason("TracerPid:\t0\n", exe + libc), HasSubstr("no longer that file"));
 }
 
 }  // namespace
