@@ -6,17 +6,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz_check.h"
 #include "ostrel/code_signature.h"
 
-namespace {
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-}  // namespace
+using ostrel::fuzz::check;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     using namespace ostrel;

@@ -36,19 +36,10 @@ class DescriptorFile final : public ReadableFile {
     const FileStatus &status() const override { return status_; }
 
     int readAt(std::uint64_t offset, std::span<char> out) const override {
-        std::size_t done = 0;
-        while (done < out.size()) {
-            ssize_t n = ::pread(fd_.get(), out.data() + done, out.size() - done,
-                                static_cast<off_t>(offset + done));
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                return n < 0 ? errno : EIO;
-            }
-            done += static_cast<std::size_t>(n);
-        }
-        return 0;
+        return posix::transferAll(out.size(), [&](std::size_t done) {
+            return ::pread(fd_.get(), out.data() + done, out.size() - done,
+                           static_cast<off_t>(offset + done));
+        });
     }
 
   private:

@@ -48,18 +48,9 @@ int readAll(const std::string &path, std::string &out, std::size_t limit) {
 }
 
 int writeAll(int fd, std::string_view data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return n < 0 ? errno : EIO;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return 0;
+    return transferAll(data.size(), [&](std::size_t done) {
+        return ::write(fd, data.data() + done, data.size() - done);
+    });
 }
 
 }  // namespace posix
