@@ -8,7 +8,8 @@
 //
 // Reading a block never trusts the file: every length is checked against the file's size,
 // and anything that does not parse is "not signed". None of the checks here throws, and
-// none caches: peer_identity.h keeps the cache.
+// none caches: peer_identity.h keeps the cache. Everything here may be used from any
+// thread.
 #pragma once
 
 #include <array>

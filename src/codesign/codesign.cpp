@@ -33,6 +33,10 @@ void sign(const std::string &path, const std::string &identifier,
     if (keyPath) {
         key.emplace(SigningKey::load(*keyPath, *c.files));
     }
+    // The new file is renamed over the path: over a link that would replace the link.
+    if (c.files->readLink(path).error == 0) {
+        throw CodeSigningError(path + " is a symbolic link; sign the file it names");
+    }
     platform::OpenedFile opened = c.files->open(path);
     if (opened.error != 0) {
         throw CodeSigningError("cannot open " + path + ": " + platform::errorText(opened.error));

@@ -91,6 +91,10 @@ TEST_F(CodesignTest, UsageAndFileErrors) {
     EXPECT_THAT(err.str(), HasSubstr("No such file or directory"));
     EXPECT_EQ(run({"sign", "--adhoc", "--identifier", "a", dir.path()}), 1);
     EXPECT_THAT(err.str(), HasSubstr("is not a regular file"));
+    std::string link = dir.path() + "/link";
+    ::symlink(dir.put("target", "x").c_str(), link.c_str());
+    EXPECT_EQ(run({"sign", "--adhoc", "--identifier", "a", link}), 1);
+    EXPECT_THAT(err.str(), HasSubstr("is a symbolic link"));
 }
 
 }  // namespace
