@@ -7,7 +7,8 @@
 
 #include <cerrno>
 
-// Debian 12's headers predate it; the value is the same on every architecture.
+// Debian 12's headers predate it. This is the generic value (x86, Arm, RISC-V); the few
+// architectures with their own socket numbers would need theirs here.
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
 #endif
