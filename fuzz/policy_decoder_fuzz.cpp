@@ -8,15 +8,12 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz_check.h"
 #include "ostrel/policy_coding.h"
 
 namespace {
 
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using ostrel::fuzz::check;
 
 void exercise(const ostrel::FanPolicy &policy) {
     std::string encoded = ostrel::PolicyCoding::encode(policy);

@@ -17,7 +17,7 @@ namespace ostrel::platform {
 
 namespace posix {
 
-int readAll(const std::string &path, std::string &out) {
+int readAll(const std::string &path, std::string &out, std::size_t limit) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return errno;
@@ -36,31 +36,26 @@ int readAll(const std::string &path, std::string &out) {
         if (n == 0) {
             break;
         }
+        if (static_cast<std::size_t>(n) > limit) {
+            ::close(fd);
+            return EFBIG;
+        }
+        limit -= static_cast<std::size_t>(n);
         out.append(chunk, static_cast<std::size_t>(n));
     }
     ::close(fd);
     return 0;
 }
 
+int writeAll(int fd, std::string_view data) {
+    return transferAll(data.size(), [&](std::size_t done) {
+        return ::write(fd, data.data() + done, data.size() - done);
+    });
+}
+
 }  // namespace posix
 
 namespace {
-
-// write(2) until done; false on any error.
-bool writeAll(int fd, const std::string &data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
 
 std::string parentOf(const std::string &path) {
     std::size_t slash = path.find_last_of('/');
@@ -114,7 +109,7 @@ class RealFiles final : public Files {
         if (fd < 0) {
             return false;
         }
-        bool ok = ::fchmod(fd, 0644) == 0 && writeAll(fd, contents) && ::fsync(fd) == 0;
+        bool ok = ::fchmod(fd, 0644) == 0 && posix::writeAll(fd, contents) == 0 && ::fsync(fd) == 0;
         ok = ::close(fd) == 0 && ok;
         if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
             ::unlink(temp.c_str());
