@@ -15,8 +15,8 @@
 namespace {
 
 using namespace ostrel;
+using test::Write;
 using testing::ElementsAre;
-using Write = std::pair<std::string, double>;
 
 class FanWriterTest : public testing::Test, protected test::Sandbox {
   protected:
@@ -33,22 +33,7 @@ class FanWriterTest : public testing::Test, protected test::Sandbox {
         machine->clearJournal();
     }
 
-    // The accepted writes since the last call, decoded with each key's type.
-    std::vector<Write> writes() {
-        std::vector<Write> out;
-        for (const vsmc::ExchangeRecord &r : machine->journal()) {
-            if (r.command != SMC_CMD_WRITE || r.kern != 0 || r.result != 0) {
-                continue;
-            }
-            const vsmc::KeyEntry *entry = machine->keys().find(r.key);
-            double value = 0;
-            smc_decode_double(entry->type, r.bytes.data(),
-                              static_cast<std::uint32_t>(r.bytes.size()), &value);
-            out.emplace_back(FourCC(r.key).description(), value);
-        }
-        machine->clearJournal();
-        return out;
-    }
+    std::vector<Write> writes() { return test::takeWrites(*machine); }
     std::size_t refusedModeWrites() {
         std::size_t n = 0;
         for (const vsmc::ExchangeRecord &r : machine->journal()) {
