@@ -149,6 +149,8 @@ TEST_P(ControllerTest, RaisesAtOnceLowersBy400PerTickAndSkipsChangesUnder50) {
     EXPECT_THAT(targetsOverTicks(1), ElementsAre(0));
     heat(70.6);
     EXPECT_NEAR(targetsOverTicks(1).at(0), 3060, 1);
+    setPolicy(FanPolicy::fixed(1200), 0);
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(1200)) << "a new policy is not ramped";
 }
 
 TEST_P(ControllerTest, AFailedWriteIsLoggedAndTheRampContinuesFromTheLastWrittenSpeed) {
