@@ -1,5 +1,5 @@
-// The helper link's constants, and the policies file: what loading keeps, what saving refuses, and that a save is atomic,
-// durable in its steps and leaves the modes the daemon promises, on the real file system.
+// The helper link's constants, and the policies file: what loading keeps, what saving
+// refuses, and, on the real file system, that a save is atomic and leaves exact modes.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
