@@ -16,16 +16,8 @@ std::string logLine(std::string_view message, platform::Clock::WallTime when) {
 void log(std::string_view message, int fd, const platform::Clock &clock) noexcept {
     try {
         std::string line = logLine(message, clock.now());
-        std::size_t done = 0;
-        while (done < line.size()) {
-            ssize_t n = ::write(fd, line.data() + done, line.size() - done);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                return;
-            }
-            done += static_cast<std::size_t>(n);
+        // One write: with O_APPEND (as systemd opens the log) the line lands whole.
+        while (::write(fd, line.data(), line.size()) < 0 && errno == EINTR) {
         }
     } catch (...) {
         // No memory for the line, or no local time: the message is lost, the caller goes on.

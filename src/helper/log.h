@@ -21,8 +21,8 @@ using LogSink = std::function<void(std::string_view message)>;
 std::string logLine(std::string_view message, platform::Clock::WallTime when);
 
 // Writes the line for `message` at `clock`'s time to `fd` in one write(2), so that lines
-// logged from several threads never interleave (a write cut short is finished with more).
-// Never fails visibly: a log that cannot be written is lost. Any thread.
+// logged from several threads never interleave. Never fails visibly: a line that cannot be
+// written is lost. Any thread.
 void log(std::string_view message, int fd, const platform::Clock &clock) noexcept;
 
 // A sink that logs to standard error on `clock`, which must outlive it.
