@@ -26,8 +26,6 @@ TEST(HelperConstantsTest, VersionJoinsProtocolAndProductAndPathsFollowTheRoot) {
     platform::FakeEnvironment env;
     env.set("OSTREL_ROOT", "/sandbox");
     EXPECT_EQ(HelperConstants::policiesFile(platform::Paths(env)), "/sandbox" + kPath);
-    EXPECT_EQ(HelperConstants::logFile(platform::Paths(env)),
-              "/sandbox/var/log/dev.ostrel.helper.log");
 }
 
 TEST(PolicyStoreTest, LoadDropsBadMembersOneByOneAndBadFilesWhole) {
@@ -37,18 +35,15 @@ TEST(PolicyStoreTest, LoadDropsBadMembersOneByOneAndBadFilesWhole) {
     };
     const FanPolicy f2500 = FanPolicy::fixed(2500);
     const Case cases[] = {
-        {R"({"0":{"fixed":{"rpm":2500}},"01":{"fixed":{"rpm":1000}},"-1":{"fixed":{"rpm":1000}},
-            "+1":{"fixed":{"rpm":1}},"-0":{"auto":{}},"99999999999999999999":{"auto":{}}})",
+        {R"({"0":{"fixed":{"rpm":2500}},"01":{"fixed":{"rpm":1}},"-1":{"fixed":{"rpm":1}}})",
          {{0, f2500}}},
         {R"({"0":{"fixed":{"rpm":-5}},"1":{"fixed":{"rpm":2500}},"2":{"fixed":{"rpm":"nan"}},
             "3":{"curve":{"_0":{"points":[{"temperature":70,"rpm":1},{"temperature":50,"rpm":2}],
             "sensor":"cpu"}}}})",
          {{1, f2500}}},
-        {R"({"4":{"fixed":{"rpm":"inf"}},"12":{"auto":{}}})",
-         {{4, FanPolicy::fixed(INFINITY)}, {12, FanPolicy()}}},
+        {R"({"4":{"fixed":{"rpm":"inf"}}})", {{4, FanPolicy::fixed(INFINITY)}}},
         {"hello", {}},
         {R"({"0":{"fixed":{"rpm":2500}},"1":{"fan":{}}})", {}},  // one undecodable value
-        {"[]", {}},
         {std::nullopt, {}},
         {R"({"0":{"fixed":{"rpm":2500}}})" + std::string(PolicyStore::kMaxFileSize, ' '), {}},
     };
@@ -71,8 +66,6 @@ TEST(PolicyStoreTest, SaveRefusesAnInvalidPolicyAndLeavesTheFileAsItWas) {
         EXPECT_STREQ(e.what(), "invalid fan speed");
     }
     EXPECT_EQ(files.read(kPath), "old");
-    files.setReadOnly(true);
-    EXPECT_THROW(PolicyStore::save({}, kPath, files), std::system_error);
 }
 
 class PolicyStoreFilesTest : public testing::Test {
@@ -114,17 +107,6 @@ TEST_F(PolicyStoreFilesTest, ASaveKilledWhileWritingLeavesTheOldFile) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) << status;
     EXPECT_EQ(PolicyStore::load(path, files), policies);
-}
-
-TEST_F(PolicyStoreFilesTest, AFailedSaveSaysWhereAndWhy) {
-    root.put("var/lib/dev.ostrel", "a file where the directory should be");
-    try {
-        PolicyStore::save(policies, path, files);
-        FAIL();
-    } catch (const std::system_error &e) {
-        EXPECT_EQ(std::string(e.what()), "cannot create directory " + root.path() +
-                                             "/var/lib/dev.ostrel: Not a directory");
-    }
 }
 
 }  // namespace
