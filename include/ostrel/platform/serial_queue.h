@@ -36,6 +36,8 @@ class Queue {
     virtual ~Queue() = default;
 
     // Queues `task` and returns at once. Callable from any thread, the queue's included.
+    // The queue sets no limit of its own on waiting work: whoever queues work for peers
+    // bounds it (the control service limits requests per connection and connections).
     virtual void async(Task task) = 0;
     // Queues `task` and waits until it has run, after everything queued before it; an
     // exception it throws comes out here. Callable from any thread except the queue's own:
