@@ -64,7 +64,6 @@ void Controller::start() {
     if (started_) {
         throw std::logic_error("Controller::start called twice");
     }
-    started_ = true;
     queue_.sync([this] {
         writer_->setAllAuto();
         const Discovery &discovery = sampler_->discovery();
@@ -84,6 +83,7 @@ void Controller::start() {
         }
         timer_ = queue_.repeating(kTickInterval, kTickInterval, kTickLeeway, [this] { tick(); });
     });
+    started_ = true;
 }
 
 void Controller::tick() {

@@ -40,7 +40,6 @@ void checkInterval(Queue::Duration interval) {
 // ---- SerialQueue ----------------------------------------------------------------------
 
 struct SerialQueue::Impl {
-    std::string label;
     std::function<void(const std::string &)> uncaught;
     asio::io_context io;
     asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};
@@ -127,7 +126,6 @@ class AsioTimerHandle final : public Queue::Timer {
 
 SerialQueue::SerialQueue(std::string label, std::function<void(const std::string &)> uncaught)
     : label_(std::move(label)), impl_(std::make_unique<Impl>()) {
-    impl_->label = label_;
     impl_->uncaught = std::move(uncaught);
     std::string name = label_.substr(label_.size() > 15 ? label_.size() - 15 : 0);
     name.erase(0, std::min(name.find_first_not_of('.'), name.size()));
