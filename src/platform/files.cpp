@@ -90,35 +90,11 @@ int writeAll(int fd, std::string_view data) {
 
 namespace {
 
-<<<<<<< HEAD
-std::string parentOf(const std::string &path) {
-    std::size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-=======
-// write(2) until done; false on any error, with errno set (EIO for a write that wrote nothing).
-bool writeAll(int fd, const std::string &data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            errno = n == 0 ? EIO : errno;
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
 // Flushes a directory's entries (a rename into it) to the disk; 0 or the errno.
 int syncDirectory(const std::string &dir) {
     int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
         return errno;
->>>>>>> control
     }
     int error = ::fsync(fd) == 0 ? 0 : errno;
     ::close(fd);
@@ -185,13 +161,11 @@ class RealFiles final : public Files {
         if (fd < 0) {
             return FileResult::failure("write", path, errno);
         }
-<<<<<<< HEAD
-        bool ok = ::fchmod(fd, 0644) == 0 && posix::writeAll(fd, contents) == 0 && ::fsync(fd) == 0;
-        ok = ::close(fd) == 0 && ok;
-        if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-=======
         ::fchmod(fd, mode);
-        int error = writeAll(fd, contents) && ::fsync(fd) == 0 ? 0 : errno;
+        int error = posix::writeAll(fd, contents);
+        if (error == 0 && ::fsync(fd) != 0) {
+            error = errno;
+        }
         if (::close(fd) != 0 && error == 0) {
             error = errno;
         }
@@ -199,7 +173,6 @@ class RealFiles final : public Files {
             error = errno;
         }
         if (error != 0) {
->>>>>>> control
             ::unlink(temp.c_str());
             return FileResult::failure("write", path, error);
         }
