@@ -2,17 +2,13 @@
 // where the daemon's files live on this system.
 //
 // The paths come from platform::Paths, so OSTREL_ROOT moves them all into a sandbox.
-//
-// The code-signing requirement that peers of the daemon must meet (the client
-// requirement: signing identifier "dev.ostrel.cli" or "dev.ostrel.app", and the daemon's
-// own team when it has one) belongs here as `clientRequirement(team)`; it is built on the
-// signature code and joins this header with it.
 #pragma once
 
 #include <array>
 #include <string>
 #include <string_view>
 
+#include "ostrel/code_signature.h"
 #include "ostrel/platform/paths.h"
 #include "ostrel/version.h"
 
@@ -67,6 +63,15 @@ inline std::string policiesFile(const platform::Paths &paths) {
 // The daemon's log: systemd appends its standard error there.
 inline std::string logFile(const platform::Paths &paths) {
     return paths.helperLog();
+}
+
+// What a peer of the daemon must be: the command-line program or the app
+// ("dev.ostrel.cli", "dev.ostrel.app"), and, when the running executable carries a valid
+// keyed signature, signed with that same key. Computed afresh on every call (it hashes the
+// running executable through `files`), so call it once at start-up and keep the value.
+inline CodeRequirement clientRequirement(const platform::FileAccess &files) {
+    std::optional<Signer> self = CodeSignature::signer(files);
+    return self ? ostrel::clientRequirement(*self) : ostrel::clientRequirement(std::nullopt);
 }
 
 }  // namespace ostrel::HelperConstants
