@@ -1,0 +1,222 @@
+// Self-update: which sources are acceptable, the version query and ordering, and every
+// outcome of an attempt on fake files and processes; then one real attempt on real files.
+
+#include "ostrel/helper_self_update.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "support/signing.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace ostrel;
+using namespace HelperSelfUpdate;
+
+const std::string kSource = "/usr/lib/ostrel/ostrel-helper";
+const std::string kDest = "/usr/local/libexec/dev.ostrel.helper";
+const std::string kStaging = kDest + ".new";
+
+platform::ProcessResult printed(std::string output, int exitCode = 0) {
+    platform::ProcessResult result;
+    result.exitCode = exitCode;
+    result.output = std::move(output);
+    return result;
+}
+
+// One team for every test: keys are cheap, but a shared one keeps the reasons constant.
+const SigningKey &teamKey() {
+    static const SigningKey key = SigningKey::generate();
+    return key;
+}
+
+// The daemon's files on fakes: the installed daemon and a newer copy signed by the team,
+// which prints 1.1.14 when asked.
+struct Rig {
+    Rig() {
+        files.put(kDest, "old daemon");
+        put(kSource, &teamKey());
+        processes.respond = [this](const platform::ProcessSpec &) { return answer; };
+    }
+    void put(const std::string &path, const SigningKey *key,
+             const std::string &identifier = "dev.ostrel.helper") {
+        files.put(path, test::signedBytes("new daemon", identifier, key));
+    }
+    Outcome attempt(const std::string &source = kSource) {
+        return update(source, kDest, Signer{teamKey().team(), teamKey().publicKey()}, "1.1.13",
+                      services);
+    }
+
+    platform::FakeFileAccess files;
+    platform::FakeProcesses processes;
+    platform::ProcessResult answer = printed("1.1.14\n");
+    platform::FakeEnvironment env;
+    platform::Paths paths{env};
+    UpdateServices services{files, processes, paths, 0, 0};
+};
+
+class SelfUpdateTest : public testing::Test, protected Rig {};
+
+TEST_F(SelfUpdateTest, SourcesMustBeRegularFilesWhoseRealPathIsInAnInstallLocation) {
+    files.put("/home/alice/.local/lib/ostrel/ostrel-helper", "x");
+    files.put("/home/alice/Desktop/ostrel-helper", "x");
+    files.put("/home//.local/lib/ostrel/ostrel-helper", "x");
+    files.put("/opt/ostrel-evil/ostrel-helper", "x");
+    files.link("/opt/ostrel/link", kSource);  // the link itself is examined
+    files.link("/opt/ostrel/real", "/tmp/elsewhere");
+    files.put("/tmp/elsewhere", "x");
+    const std::pair<std::string, bool> cases[] = {
+        {kSource, true},
+        {"/home/alice/.local/lib/ostrel/ostrel-helper", true},
+        {"/home/alice/Desktop/ostrel-helper", false},
+        {"/home//.local/lib/ostrel/ostrel-helper", false},
+        {"/opt/ostrel-evil/ostrel-helper", false},
+        {"/opt/ostrel/link", false},
+        {"/opt/ostrel/missing", false},
+    };
+    for (const auto &[path, ok] : cases) {
+        EXPECT_EQ(acceptableSource(path, paths, files).has_value(), ok) << path;
+    }
+
+    env.set("OSTREL_ROOT", "/sandbox/");
+    files.put("/sandbox", "");  // the fake resolves only paths it holds
+    files.put("/sandbox/opt/ostrel/h", "x");
+    EXPECT_EQ(acceptableSource("/sandbox/opt/ostrel/h", paths, files), "/sandbox/opt/ostrel/h");
+    EXPECT_FALSE(acceptableSource(kSource, paths, files));
+}
+
+TEST_F(SelfUpdateTest, VersionsCompareRunsOfDigitsByValue) {
+    const std::tuple<const char *, const char *, int> cases[] = {
+        {"1.1.9", "1.1.13", -1}, {"1.1.14", "1.1.13", 1},
+        {"1.1.13", "1.1.13", 0}, {"1.2.0", "1.1.99", 1},
+        {"1.01", "1.1", 0},      {"1.1", "1.1.0", -1},
+        {"2", "10", -1},         {"1.123456789012345678901", "1.99", 1},
+    };
+    for (const auto &[a, b, order] : cases) {
+        EXPECT_EQ(compareVersions(a, b), order) << a << " vs " << b;
+        EXPECT_EQ(compareVersions(b, a), -order) << b << " vs " << a;
+    }
+}
+
+TEST_F(SelfUpdateTest, VersionIsTheTrimmedOutputOfASuccessfulRun) {
+    EXPECT_EQ(version("/x", processes), "1.1.14");
+    ASSERT_EQ(processes.runs.size(), 1u);
+    EXPECT_EQ(processes.runs[0].args, std::vector<std::string>{"--print-version"});
+    EXPECT_EQ(processes.runs[0].timeout, std::chrono::milliseconds(5000));
+    EXPECT_EQ(processes.runs[0].error, platform::Stream::null);
+    const std::pair<platform::ProcessResult, std::optional<std::string>> cases[] = {
+        {printed(" \r\n1.2.0 \n"), "1.2.0"},
+        {printed("1.2\xff"), "1.2\xEF\xBF\xBD"},
+        {printed(""), std::nullopt},
+        {printed(" \n"), std::nullopt},
+        {printed("1.2.0\n", 1), std::nullopt},
+        {platform::ProcessResult{0, true, std::nullopt, 9, "1.2.0", ""}, std::nullopt},
+        {platform::ProcessResult{ENOEXEC, false, std::nullopt, std::nullopt, "", ""}, std::nullopt},
+    };
+    for (const auto &[result, expected] : cases) {
+        answer = result;
+        EXPECT_EQ(version("/x", processes), expected) << result.output;
+    }
+}
+
+TEST_F(SelfUpdateTest, ANewerSignedCopyIsStagedCheckedAndRenamedIntoPlace) {
+    files.put(kStaging, "leftover of an interrupted attempt");
+    services.ownerUid = 7;  // a sandbox's user
+    EXPECT_EQ(attempt(), Outcome(Updated{"1.1.14"}));
+    // Only the staged copy ran, root-owned and executable when it did.
+    ASSERT_EQ(processes.runs.size(), 1u);
+    EXPECT_EQ(processes.runs[0].program, kStaging);
+    EXPECT_EQ(files.find(kDest)->bytes, files.find(kSource)->bytes);
+    EXPECT_EQ(files.find(kDest)->status.mode & 07777, 0755u);
+    EXPECT_EQ(files.find(kDest)->status.uid, 7u);
+    EXPECT_EQ(files.find(kStaging), nullptr);
+}
+
+TEST_F(SelfUpdateTest, IdenticalFilesAreUnchangedWithoutStaging) {
+    files.put(kDest, files.find(kSource)->bytes);
+    EXPECT_EQ(attempt(), Outcome(Unchanged{}));
+    EXPECT_EQ(files.find(kStaging), nullptr);
+    EXPECT_TRUE(processes.runs.empty());
+}
+
+TEST_F(SelfUpdateTest, EveryRejectionSaysWhyAndLeavesTheDestinationAndNoStagingFile) {
+    const std::string notUsable =
+        " is not usable right now (missing, a link, or not in an install location)";
+    const std::string unsigned_ = kSource + " is not signed by team " + teamKey().team();
+    static const SigningKey other = SigningKey::generate();
+    struct Case {
+        const char *name;
+        std::function<void(Rig &)> arrange;
+        std::string reason;
+        bool ran = false;  // whether the candidate was executed
+    };
+    const Case cases[] = {
+        {"link", [](Rig &r) { r.files.link("/opt/ostrel/h", kSource); },
+         "/opt/ostrel/h" + notUsable},
+        {"copy", [](Rig &r) { r.files.fail("copyNew", kStaging, ENOSPC); },
+         "could not stage " + kSource},
+        {"chown", [](Rig &r) { r.files.fail("changeOwner", kStaging, EPERM); },
+         "could not stage " + kSource},
+        {"chmod", [](Rig &r) { r.files.fail("changeMode", kStaging, EPERM); },
+         "could not stage " + kSource},
+        {"other team", [](Rig &r) { r.put(kSource, &other); }, unsigned_},
+        {"ad hoc", [](Rig &r) { r.put(kSource, nullptr); }, unsigned_},
+        {"not the daemon", [](Rig &r) { r.put(kSource, &teamKey(), "dev.ostrel.cli"); }, unsigned_},
+        {"silent", [](Rig &r) { r.answer = printed(""); }, kSource + " did not report a version",
+         true},
+        {"older", [](Rig &r) { r.answer = printed("1.1.9"); },
+         kSource + " is version 1.1.9, not newer than 1.1.13", true},
+        {"same version", [](Rig &r) { r.answer = printed("1.1.13"); },
+         kSource + " is version 1.1.13, not newer than 1.1.13", true},
+        {"rename", [](Rig &r) { r.files.fail("rename", kDest, EXDEV); },
+         "could not replace " + kDest, true},
+    };
+    for (const Case &c : cases) {
+        Rig r;
+        c.arrange(r);
+        EXPECT_EQ(r.attempt(c.name == std::string("link") ? "/opt/ostrel/h" : kSource),
+                  Outcome(Rejected{c.reason}))
+            << c.name;
+        EXPECT_EQ(r.files.find(kDest)->bytes, "old daemon") << c.name;
+        EXPECT_EQ(r.files.find(kStaging), nullptr) << c.name;
+        EXPECT_EQ(r.processes.runs.size(), c.ran ? 1u : 0u) << c.name;
+    }
+}
+
+// The real file system and a real candidate: a signed script in the sandbox's package
+// location replaces the installed file; a link to it is refused.
+TEST(SelfUpdateFiles, ReplacesTheInstalledFileWithTheStagedCopy) {
+    test::TempDir root;
+    platform::FakeEnvironment env({{"OSTREL_ROOT", root.path()}});
+    platform::Paths paths(env);
+    std::unique_ptr<platform::Processes> processes = platform::realProcesses(platform::realClock());
+    UpdateServices services{platform::realFileAccess(), *processes, paths, getuid(), getgid()};
+    std::string source = root.path() + kSource, dest = root.path() + kDest;
+    std::filesystem::create_directories(std::filesystem::path(source).parent_path());
+    std::filesystem::create_directories(std::filesystem::path(dest).parent_path());
+    test::writeExecutable(source, test::signedBytes("#!/bin/sh\necho 1.1.14\nexit 0\n",
+                                                    "dev.ostrel.helper", &teamKey()));
+    test::writeExecutable(dest, "old");
+    std::filesystem::create_symlink(source, root.path() + "/usr/lib/ostrel/link");
+    Signer team{teamKey().team(), teamKey().publicKey()};
+
+    EXPECT_EQ(update(root.path() + "/usr/lib/ostrel/link", dest, team, "1.1.13", services),
+              Outcome(Rejected{root.path() + "/usr/lib/ostrel/link" +
+                               " is not usable right now (missing, a link, or not in an "
+                               "install location)"}));
+    EXPECT_EQ(update(source, dest, team, "1.1.13", services), Outcome(Updated{"1.1.14"}));
+    EXPECT_EQ(test::fileBytes(dest), test::fileBytes(source));
+    struct stat st {};
+    ASSERT_EQ(::stat(dest.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_FALSE(std::filesystem::exists(dest + ".new"));
+    EXPECT_EQ(update(source, dest, team, "1.1.13", services), Outcome(Unchanged{}));
+}
+
+}  // namespace
