@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "support/signing.h"
+#include "support/self_update_rig.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -19,47 +19,12 @@ namespace {
 using namespace ostrel;
 using namespace HelperSelfUpdate;
 
-const std::string kSource = "/usr/lib/ostrel/ostrel-helper";
-const std::string kDest = "/usr/local/libexec/dev.ostrel.helper";
-const std::string kStaging = kDest + ".new";
-
-platform::ProcessResult printed(std::string output, int exitCode = 0) {
-    platform::ProcessResult result;
-    result.exitCode = exitCode;
-    result.output = std::move(output);
-    return result;
-}
-
-// One team for every test: keys are cheap, but a shared one keeps the reasons constant.
-const SigningKey &teamKey() {
-    static const SigningKey key = SigningKey::generate();
-    return key;
-}
-
-// The daemon's files on fakes: the installed daemon and a newer copy signed by the team,
-// which prints 1.1.14 when asked.
-struct Rig {
-    Rig() {
-        files.put(kDest, "old daemon");
-        put(kSource, &teamKey());
-        processes.respond = [this](const platform::ProcessSpec &) { return answer; };
-    }
-    void put(const std::string &path, const SigningKey *key,
-             const std::string &identifier = "dev.ostrel.helper") {
-        files.put(path, test::signedBytes("new daemon", identifier, key));
-    }
-    Outcome attempt(const std::string &source = kSource) {
-        return update(source, kDest, Signer{teamKey().team(), teamKey().publicKey()}, "1.1.13",
-                      services);
-    }
-
-    platform::FakeFileAccess files;
-    platform::FakeProcesses processes;
-    platform::ProcessResult answer = printed("1.1.14\n");
-    platform::FakeEnvironment env;
-    platform::Paths paths{env};
-    UpdateServices services{files, processes, paths, 0, 0};
-};
+using test::printed;
+using test::teamKey;
+using Rig = test::SelfUpdateRig;
+const std::string kSource = Rig::source;
+const std::string kDest = Rig::destination;
+const std::string kStaging = Rig::staging;
 
 class SelfUpdateTest : public testing::Test, protected Rig {};
 
@@ -204,7 +169,7 @@ TEST(SelfUpdateFiles, ReplacesTheInstalledFileWithTheStagedCopy) {
                                                     "dev.ostrel.helper", &teamKey()));
     test::writeExecutable(dest, "old");
     std::filesystem::create_symlink(source, root.path() + "/usr/lib/ostrel/link");
-    Signer team{teamKey().team(), teamKey().publicKey()};
+    Signer team = test::teamSigner();
 
     EXPECT_EQ(update(root.path() + "/usr/lib/ostrel/link", dest, team, "1.1.13", services),
               Outcome(Rejected{root.path() + "/usr/lib/ostrel/link" +
