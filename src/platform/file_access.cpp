@@ -4,9 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
@@ -144,6 +142,16 @@ class RealFileAccess final : public FileAccess {
         }
     }
 
+    TextResult realPath(const std::string &path) const override {
+        char *resolved = ::realpath(path.c_str(), nullptr);
+        if (resolved == nullptr) {
+            return {errno, {}};
+        }
+        TextResult result{0, resolved};
+        std::free(resolved);
+        return result;
+    }
+
     int replace(const std::string &path, std::string_view contents,
                 const FileStatus &like) const override {
         std::string temp = path + ".XXXXXX";
@@ -179,15 +187,6 @@ class RealFileAccess final : public FileAccess {
         return {0, statusOf(st)};
     }
 
-    TextResult realPath(const std::string &path) const override {
-        std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
-                                                             &std::free);
-        if (!resolved) {
-            return {errno, {}};
-        }
-        return {0, resolved.get()};
-    }
-
     int copyNew(const std::string &from, const std::string &to) const override {
         UniqueFd in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         struct stat st {};
@@ -203,9 +202,9 @@ class RealFileAccess final : public FileAccess {
             return errno;
         }
         int error = 0;
-        std::array<char, 65536> chunk;
+        char chunk[65536];
         for (;;) {
-            ssize_t n = ::read(in.get(), chunk.data(), chunk.size());
+            ssize_t n = ::read(in.get(), chunk, sizeof chunk);
             if (n < 0 && errno == EINTR) {
                 continue;
             }
@@ -213,7 +212,7 @@ class RealFileAccess final : public FileAccess {
                 error = n < 0 ? errno : 0;
                 break;
             }
-            if ((error = posix::writeAll(out.get(), {chunk.data(), static_cast<std::size_t>(n)}))) {
+            if ((error = posix::writeAll(out.get(), {chunk, static_cast<std::size_t>(n)}))) {
                 break;
             }
         }
@@ -309,6 +308,21 @@ TextResult FakeFileAccess::readLink(const std::string &path) const {
     return {0, it->second};
 }
 
+TextResult FakeFileAccess::realPath(const std::string &path) const {
+    std::string at = path;
+    for (int hops = 0; hops < 40; ++hops) {  // as many as the kernel follows
+        if (files_.contains(at)) {
+            return {0, at};
+        }
+        auto it = links_.find(at);
+        if (it == links_.end()) {
+            return {ENOENT, {}};
+        }
+        at = it->second;
+    }
+    return {ELOOP, {}};
+}
+
 int FakeFileAccess::replace(const std::string &path, std::string_view contents,
                             const FileStatus &like) const {
     FileStatus status = like;
@@ -330,18 +344,6 @@ StatusResult FakeFileAccess::linkStatus(const std::string &path) const {
         return {0, status};
     }
     return stat(path);
-}
-
-TextResult FakeFileAccess::realPath(const std::string &path) const {
-    std::string at = path;
-    for (int hops = 0; hops < 40; ++hops) {
-        auto link = links_.find(at);
-        if (link == links_.end()) {
-            return files_.contains(at) ? TextResult{0, at} : TextResult{ENOENT, {}};
-        }
-        at = link->second;
-    }
-    return {ELOOP, {}};
 }
 
 int FakeFileAccess::copyNew(const std::string &from, const std::string &to) const {

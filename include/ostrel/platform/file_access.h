@@ -72,6 +72,9 @@ class FileAccess {
     virtual TextResult readText(const std::string &path, std::size_t maxBytes) const = 0;
     // Where the symbolic link at `path` points.
     virtual TextResult readLink(const std::string &path) const = 0;
+    // The absolute path `path` names with every symbolic link, "." and ".." resolved
+    // (realpath(3)); the file must exist.
+    virtual TextResult realPath(const std::string &path) const = 0;
     // Replaces the file's contents atomically (a temporary file in the same directory,
     // renamed over it), giving the new file the permission bits, owner and group of `like`.
     // Returns 0 or an errno; on failure the old file is untouched and no temporary is left.
@@ -87,8 +90,6 @@ class FileAccess {
     //
     // The status of the link itself when `path` is one (lstat).
     virtual StatusResult linkStatus(const std::string &path) const = 0;
-    // The absolute path with every link, "." and ".." resolved; the file must exist.
-    virtual TextResult realPath(const std::string &path) const = 0;
     // Copies the regular file `from` into a new file `to` of mode 0600 (EEXIST when
     // something is there) and flushes it; on failure no `to` is left behind. The source
     // is read once, from one descriptor.
@@ -126,12 +127,13 @@ class FakeFileAccess final : public FileAccess {
     StatusResult stat(const std::string &path) const override;
     TextResult readText(const std::string &path, std::size_t maxBytes) const override;
     TextResult readLink(const std::string &path) const override;
+    // Follows links() made with link() (whole paths only) to a file that was put().
+    TextResult realPath(const std::string &path) const override;
     int replace(const std::string &path, std::string_view contents,
                 const FileStatus &like) const override;
     int createExclusive(const std::string &path, std::string_view contents,
                         std::uint32_t mode) const override;
     StatusResult linkStatus(const std::string &path) const override;
-    TextResult realPath(const std::string &path) const override;
     int copyNew(const std::string &from, const std::string &to) const override;
     int changeOwner(const std::string &path, std::uint32_t uid, std::uint32_t gid) const override;
     int changeMode(const std::string &path, std::uint32_t mode) const override;
