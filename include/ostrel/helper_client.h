@@ -16,10 +16,11 @@
 //
 // Threads: the connection lives on an Asio io_context run by a thread of the client's own.
 // Time limits are timers on the `deadlines` queue, so they fire on that queue's thread and
-// follow its clock (a ManualQueue in tests). The client arms a timer on the thread that
-// makes the request (or calls blocking) and cancels timers only from the queue's own work
-// and from its destructor; a single-threaded queue therefore works when those calls are
-// made on the thread that drives it.
+// follow its clock (a ManualQueue in tests). The client touches the queue only on the
+// threads that make requests or call blocking (arming timers, and cancelling those of
+// requests that have finished), in the queue's own work, and in its destructor; a
+// single-threaded queue therefore works when those calls are made on the thread that
+// drives it.
 #pragma once
 
 #include <chrono>

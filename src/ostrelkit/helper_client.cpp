@@ -259,10 +259,21 @@ struct HelperClient::State : std::enable_shared_from_this<State> {
             }
         };
         pending->fail = [promise](std::exception_ptr error) { promise->set_exception(error); };
+        std::vector<std::unique_ptr<Timer>> spent;  // cancelled here, on a requesting thread
         {
             std::lock_guard guard(lock);
             request.id = nextId++;
             requests.emplace(request.id, pending);
+            // The deadlines of requests that finished otherwise, so that a busy client
+            // keeps no more timers than it has requests in flight.
+            for (auto it = timers.begin(); it != timers.end();) {
+                if (requests.contains(it->first)) {
+                    ++it;
+                } else {
+                    spent.push_back(std::move(it->second));
+                    it = timers.erase(it);
+                }
+            }
         }
         std::int64_t id = request.id;
         auto timer = after(deadlines, limit, [weak = weak_from_this(), id, limit] {
