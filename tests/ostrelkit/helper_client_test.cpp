@@ -57,6 +57,15 @@ class HelperClientTest : public ::testing::Test {
     std::unique_ptr<FakeDaemon> daemon(FakeDaemon::Mode mode) {
         return std::make_unique<FakeDaemon>(socket(), mode, answers);
     }
+    // Moves time to just short of `limit` (the request still waits), then to it; returns
+    // the request's failure.
+    template <class T>
+    std::string failureAt(std::chrono::milliseconds limit, std::future<T> future) {
+        deadlines.advance(limit - 1ms);
+        EXPECT_EQ(future.wait_for(0s), std::future_status::timeout);
+        deadlines.advance(1ms);
+        return failure(std::move(future), FanControlError::Kind::helperUnavailable);
+    }
 
     test::TempDir dir;
     platform::FakeClock clock;
@@ -122,22 +131,14 @@ TEST_F(HelperClientTest, ASilentDaemonCostsEachRequestItsLimitAndTheConnection) 
     auto version = client.version();
     auto set = client.setPolicy(FanPolicy::fixed(2000), 0);
     fake->awaitRequests(2);
-    deadlines.advance(2999ms);
-    EXPECT_EQ(version.wait_for(0s), std::future_status::timeout);
-    deadlines.advance(1ms);
-    EXPECT_EQ(failure(std::move(version), FanControlError::Kind::helperUnavailable),
-              "no answer within 3 s");
+    EXPECT_EQ(failureAt(3s, std::move(version)), "no answer within 3 s");
     // The time-out dropped the connection, and with it the other request on it.
     EXPECT_EQ(failure(std::move(set), FanControlError::Kind::helperUnavailable),
               "the connection was closed after a request got no answer");
 
     auto again = client.setPolicy(FanPolicy::fixed(2000), 0);
     fake->awaitRequests(3);
-    deadlines.advance(9999ms);
-    EXPECT_EQ(again.wait_for(0s), std::future_status::timeout);
-    deadlines.advance(1ms);
-    EXPECT_EQ(failure(std::move(again), FanControlError::Kind::helperUnavailable),
-              "no answer within 10 s");
+    EXPECT_EQ(failureAt(10s, std::move(again)), "no answer within 10 s");
     EXPECT_EQ(fake->connections(), 2);
     EXPECT_EQ(client.inFlight(), 0u);
 }

@@ -196,22 +196,12 @@ TEST(HelperInstallerTest, SelfUpdateSourcesAreThePackageAndUserLocationsOnly) {
 
 // The real code with real processes: every program the scripts run is a sandbox fake.
 TEST(HelperInstallerTest, InstallsAndUninstallsInASandbox) {
-    test::TempDir root;
-    std::string log = test::installFakePrograms(root);
+    test::InstallerSandbox sandbox;
+    const test::TempDir &root = sandbox.root;
     std::string from = root.put("usr/lib/ostrel/ostrel-helper", "daemon");
     ::chmod(from.c_str(), 0755);
     root.put("var/lib/dev.ostrel/fan-policies.json", "{}");
-    root.put("tmp/.keep", "");
-    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"TMPDIR", root.path() + "/tmp"}}};
-    platform::Paths paths(env);
-    platform::FakeClock clock;
-    auto processes = platform::realProcesses(clock);
-    HelperInstaller installer({&paths,
-                               &env,
-                               &platform::realFiles(),
-                               &platform::realFileAccess(),
-                               processes.get(),
-                               {1000, 812}});
+    HelperInstaller installer = sandbox.installer();
 
     installer.install(from);
     EXPECT_TRUE(installer.isInstalled());
@@ -233,20 +223,9 @@ TEST(HelperInstallerTest, InstallsAndUninstallsInASandbox) {
 }
 
 TEST(HelperInstallerTest, ADismissedPromptInTheSandboxIsCancelledByUser) {
-    test::TempDir root;
-    test::installFakePrograms(root, 126);
-    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}}};
-    platform::Paths paths(env);
-    platform::FakeClock clock;
-    auto processes = platform::realProcesses(clock);
-    HelperInstaller installer({&paths,
-                               &env,
-                               &platform::realFiles(),
-                               &platform::realFileAccess(),
-                               processes.get(),
-                               {1000, 812}});
-    EXPECT_EQ(messageOf([&] { installer.uninstall(); }), "cancelled by user");
-    EXPECT_EQ(installer.serviceState(), std::nullopt);  // the fake systemctl says nothing
+    test::InstallerSandbox sandbox(126);
+    EXPECT_EQ(messageOf([&] { sandbox.installer().uninstall(); }), "cancelled by user");
+    EXPECT_EQ(sandbox.installer().serviceState(), std::nullopt);  // the fake says nothing
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 
+#include "ostrel/helper_installer.h"
 #include "support/temp_dir.h"
 
 namespace ostrel::test {
@@ -36,5 +37,28 @@ inline std::string installFakePrograms(const TempDir &root, int pkexecStatus = 0
     }
     return log;
 }
+
+// An OSTREL_ROOT sandbox with the fake programs, and an installer that runs them for a
+// user who is not root (so through the fake pkexec).
+struct InstallerSandbox {
+    explicit InstallerSandbox(int pkexecStatus = 0) : log(installFakePrograms(root, pkexecStatus)) {
+        root.put("tmp/.keep", "");
+    }
+    HelperInstaller installer() {
+        return HelperInstaller({&paths,
+                                &env,
+                                &platform::realFiles(),
+                                &platform::realFileAccess(),
+                                processes.get(),
+                                {1000, 812}});
+    }
+
+    TempDir root;
+    std::string log;
+    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"TMPDIR", root.path() + "/tmp"}}};
+    platform::Paths paths{env};
+    platform::FakeClock clock;
+    std::unique_ptr<platform::Processes> processes = platform::realProcesses(clock);
+};
 
 }  // namespace ostrel::test
