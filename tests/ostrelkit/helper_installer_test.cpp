@@ -8,190 +8,128 @@
 #include "ostrel/fan_policy.h"
 #include "ostrel/helper_installer.h"
 #include "support/fake_programs.h"
-#include "support/temp_dir.h"
 
 namespace {
 
 using namespace ostrel;
 
-// The installer on fakes: no root, files in memory, processes recorded.
+// The installer on fakes: files in memory, processes recorded, no root.
 struct FakeSystem {
-    FakeSystem() {
-        env.set("TMPDIR", "/tmp");
-        env.set("HOME", "/home/ann");
-        executable("/usr/lib/ostrel/ostrel-helper");
-    }
+    FakeSystem() { executable("/usr/lib/ostrel/ostrel-helper"); }
     HelperInstaller installer(unsigned userId = 1000) {
         return HelperInstaller({&paths, &env, &files, &access, &processes, {userId, 812}});
     }
     void executable(const std::string &path) { access.put(path, "ELF").status.mode = 0100755; }
-    // The script the one run so far was given.
-    std::string script() const {
-        EXPECT_EQ(processes.runs.size(), 1u);
-        return processes.runs.empty() ? "" : processes.runs.back().args.back();
+    std::string script() const { return processes.runs.at(0).args.back(); }
+    // The message of what `action` throws.
+    std::string error(const std::function<void(HelperInstaller &)> &action) {
+        try {
+            HelperInstaller subject = installer();
+            action(subject);
+        } catch (const FanControlError &e) {
+            return e.what();
+        }
+        return "(no error)";
     }
 
-    platform::FakeEnvironment env;
+    platform::FakeEnvironment env{{{"TMPDIR", "/tmp"}}};
     platform::Paths paths{env};
     platform::FakeFiles files;
     platform::FakeFileAccess access;
     platform::FakeProcesses processes;
 };
 
-std::string messageOf(const std::function<void()> &action) {
-    try {
-        action();
-    } catch (const FanControlError &e) {
-        EXPECT_EQ(e.kind(), FanControlError::Kind::helper);
-        return e.what();
-    }
-    return "(no error)";
-}
-
-TEST(HelperInstallerTest, TheInstallScriptQuotesEveryPathForTheShell) {
-    const std::string fixed =
-        "'/bin/systemctl' stop dev.ostrel.helper.service 2>/dev/null; "
-        "'/bin/mkdir' -p '/usr/local/libexec' '/etc/systemd/system'; "
-        "'/usr/bin/install' -o root -g root -m 755 ";
-    const std::string tail =
-        " '/usr/local/libexec/dev.ostrel.helper'; "
-        "'/usr/bin/install' -m 644 '/tmp/dev.ostrel.helper.812.service' "
-        "'/etc/systemd/system/dev.ostrel.helper.service'; "
-        "'/bin/systemctl' daemon-reload; "
-        "'/bin/systemctl' enable --now dev.ostrel.helper.service";
-    struct Case {
-        std::string from, quoted;
-    };
-    const Case cases[] = {
-        {"/usr/lib/ostrel/ostrel-helper", "'/usr/lib/ostrel/ostrel-helper'"},
-        {"/home/ann/O'Neil/ostrel-helper", R"('/home/ann/O'\''Neil/ostrel-helper')"},
-        {"/home/ann/say \"hi\"/ostrel-helper", "'/home/ann/say \"hi\"/ostrel-helper'"},
-    };
-    for (const Case &c : cases) {
+TEST(HelperInstallerTest, TheScriptsQuoteEveryPathForTheShell) {
+    for (auto [from, quoted] : std::map<std::string, std::string>{
+             {"/usr/lib/ostrel/ostrel-helper", "'/usr/lib/ostrel/ostrel-helper'"},
+             {"/home/ann/O'Neil/ostrel-helper", R"('/home/ann/O'\''Neil/ostrel-helper')"},
+             {"/home/ann/\"hi\"/ostrel-helper", "'/home/ann/\"hi\"/ostrel-helper'"}}) {
         FakeSystem system;
-        system.executable(c.from);
-        system.installer().install(c.from);
-        EXPECT_EQ(system.script(), fixed + c.quoted + tail);
-        const platform::ProcessSpec &run = system.processes.runs.back();
-        EXPECT_EQ(run.program, "/usr/bin/pkexec");
-        EXPECT_EQ(run.args.front(), "/bin/sh");
+        system.executable(from);
+        system.installer().install(from);
+        EXPECT_EQ(system.script(),
+                  "'/bin/systemctl' stop dev.ostrel.helper.service 2>/dev/null; "
+                  "'/bin/mkdir' -p '/usr/local/libexec' '/etc/systemd/system'; "
+                  "'/usr/bin/install' -o root -g root -m 755 " +
+                      quoted +
+                      " '/usr/local/libexec/dev.ostrel.helper'; '/usr/bin/install' -m 644 "
+                      "'/tmp/dev.ostrel.helper.812.service' "
+                      "'/etc/systemd/system/dev.ostrel.helper.service'; "
+                      "'/bin/systemctl' daemon-reload; "
+                      "'/bin/systemctl' enable --now dev.ostrel.helper.service");
+        EXPECT_EQ(system.processes.runs[0].program, "/usr/bin/pkexec");
         EXPECT_FALSE(system.files.read("/tmp/dev.ostrel.helper.812.service")) << "staging left";
     }
-}
-
-TEST(HelperInstallerTest, TheUninstallScriptRemovesTheDaemonItsUnitAndThePolicies) {
-    FakeSystem system;
-    system.installer(0).uninstall();
-    EXPECT_EQ(system.script(),
+    FakeSystem root;
+    root.installer(0).uninstall();
+    EXPECT_EQ(root.processes.runs[0].program, "/bin/sh");  // root needs no prompt
+    EXPECT_EQ(root.script(),
               "'/bin/systemctl' disable --now dev.ostrel.helper.service 2>/dev/null; "
               "'/bin/rm' -f '/etc/systemd/system/dev.ostrel.helper.service' "
               "'/usr/local/libexec/dev.ostrel.helper' '/var/lib/dev.ostrel/fan-policies.json'; "
               "'/bin/systemctl' daemon-reload; true");
-    EXPECT_EQ(system.processes.runs.back().program, "/bin/sh");  // root needs no prompt
 }
 
-TEST(HelperInstallerTest, FailuresOfThePrivilegedRunSayWhatHappened) {
+TEST(HelperInstallerTest, FailuresSayWhatHappenedAndNothingRunsWithoutItsFiles) {
     struct Case {
-        int status;
-        std::string error;
-        unsigned userId;
-        std::string message;
+        int status, startError;
+        std::string error, message;
     };
-    const Case cases[] = {
-        {126, "", 1000, "cancelled by user"},
-        {126, "sh: 1: x: Permission denied\n", 0,
-         "privileged install failed: sh: 1: x: "
-         "Permission denied"},
-        {127, "Error executing command as another user: Not authorized\n", 1000,
-         "privileged install failed: Error executing command as another user: Not authorized"},
-        {1, "", 1000, "privileged install failed: exit status 1"},
-    };
-    for (const Case &c : cases) {
+    for (const Case &c : std::vector<Case>{
+             {126, 0, "", "cancelled by user"},
+             {127, 0, "Not authorized\n", "privileged install failed: Not authorized"},
+             {1, 0, "", "privileged install failed: exit status 1"},
+             {0, ENOENT, "",
+              "cannot run /usr/bin/pkexec: No such file or directory (install "
+              "the pkexec package, or run this command as root)"}}) {
         FakeSystem system;
         system.processes.respond = [&c](const platform::ProcessSpec &) {
-            platform::ProcessResult result;
-            result.exitCode = c.status;
-            result.error = c.error;
-            return result;
+            return platform::ProcessResult{c.startError, false, c.status, {}, {}, c.error};
         };
-        EXPECT_EQ(messageOf([&] { system.installer(c.userId).runPrivileged("true"); }), c.message);
+        EXPECT_EQ(system.error([](auto &installer) { installer.uninstall(); }), c.message);
     }
-    FakeSystem missing;
-    missing.processes.respond = [](const platform::ProcessSpec &) {
-        platform::ProcessResult result;
-        result.startError = ENOENT;
-        return result;
-    };
-    EXPECT_EQ(messageOf([&] { missing.installer().runPrivileged("true"); }),
-              "cannot run /usr/bin/pkexec: No such file or directory (install the pkexec "
-              "package, or run this command as root)");
-}
-
-TEST(HelperInstallerTest, NothingRunsWithoutAnExecutableOrAStagingFile) {
     FakeSystem system;
-    EXPECT_EQ(messageOf([&] { system.installer().install("/nowhere/ostrel-helper"); }),
+    EXPECT_EQ(system.error([](auto &installer) { installer.install("/nowhere/ostrel-helper"); }),
               "/nowhere/ostrel-helper is not an executable file");
     system.files.setReadOnly(true);
-    EXPECT_EQ(messageOf([&] { system.installer().install("/usr/lib/ostrel/ostrel-helper"); }),
+    EXPECT_EQ(system.error([](auto &in) { in.install("/usr/lib/ostrel/ostrel-helper"); }),
               "cannot write /tmp/dev.ostrel.helper.812.service: Read-only file system");
     EXPECT_TRUE(system.processes.runs.empty());
 }
 
-TEST(HelperInstallerTest, InstalledMeansBothTheDaemonAndItsUnit) {
+TEST(HelperInstallerTest, InstalledMeansBothFilesAndTheDaemonIsFoundNextToTheProgramFirst) {
     FakeSystem system;
-    EXPECT_FALSE(system.installer().isInstalled());
     system.executable("/usr/local/libexec/dev.ostrel.helper");
     EXPECT_FALSE(system.installer().isInstalled());
     system.access.put("/etc/systemd/system/dev.ostrel.helper.service", "[Unit]");
     EXPECT_TRUE(system.installer().isInstalled());
-}
 
-TEST(HelperInstallerTest, TheDaemonIsLookedForNextToTheProgramFirst) {
-    FakeSystem system;
     system.access.link("/proc/self/exe", "/usr/bin/ostrel");
-    EXPECT_EQ(system.installer().locateHelperBinary(), "/usr/lib/ostrel/ostrel-helper");
     system.access.put("/usr/bin/ostrel-helper", "not executable");
-    system.executable("/usr/lib/ostrel/ostrel-helper");
     EXPECT_EQ(system.installer().locateHelperBinary(), "/usr/lib/ostrel/ostrel-helper");
     system.executable("/usr/bin/ostrel-helper");
     EXPECT_EQ(system.installer().locateHelperBinary(), "/usr/bin/ostrel-helper");
-
-    FakeSystem elsewhere;
-    elsewhere.access = {};
-    EXPECT_EQ(elsewhere.installer().locateHelperBinary(), std::nullopt);
-    elsewhere.executable("/home/ann/.local/lib/ostrel/ostrel-helper");
-    EXPECT_EQ(elsewhere.installer().locateHelperBinary(),
-              "/home/ann/.local/lib/ostrel/ostrel-helper");
 }
 
-TEST(HelperInstallerTest, TheUnitQuotesItsArgumentsBySystemdsRules) {
-    FakeSystem system;
-    std::string unit = system.installer().unitText("/usr/local/libexec/dev.ostrel.helper",
-                                                   "/opt/ostrel/100% \"new\"/ostrel-helper");
+TEST(HelperInstallerTest, TheUnitQuotesArgumentsBySystemdsRulesAndSourcesAreChecked) {
+    std::string unit = FakeSystem().installer().unitText("/usr/local/libexec/dev.ostrel.helper",
+                                                         "/opt/ostrel/100% \"new\"/x");
     EXPECT_NE(unit.find("\nExecStart=\"/usr/local/libexec/dev.ostrel.helper\" \"--source\" "
-                        "\"/opt/ostrel/100%% \\\"new\\\"/ostrel-helper\"\n"),
+                        "\"/opt/ostrel/100%% \\\"new\\\"/x\"\n"),
               std::string::npos)
         << unit;
     EXPECT_EQ(systemdQuote("$HOME\\\n"), "\"$$HOME\\\\\\x0a\"");
-    EXPECT_EQ(system.installer().unitText("/x", std::nullopt).find("--source"), std::string::npos);
-}
 
-TEST(HelperInstallerTest, SelfUpdateSourcesAreThePackageAndUserLocationsOnly) {
-    platform::FakeEnvironment env;
+    platform::FakeEnvironment env{{{"OSTREL_ROOT", "/sandbox"}}};
     platform::Paths paths(env);
-    for (const char *good :
-         {"/usr/lib/ostrel/ostrel-helper", "/opt/ostrel/bin/ostrel-helper",
-          "/usr/local/lib/ostrel/ostrel-helper", "/home/ann/.local/lib/ostrel/ostrel-helper"}) {
-        EXPECT_TRUE(isAcceptableSourceLocation(good, paths)) << good;
+    for (auto [path, acceptable] : std::map<std::string, bool>{
+             {"/sandbox/usr/lib/ostrel/ostrel-helper", true},
+             {"/sandbox/home/ann/.local/lib/ostrel/ostrel-helper", true},
+             {"/usr/lib/ostrel/ostrel-helper", false},  // outside the sandbox
+             {"/sandbox/usr/lib/ostrelx/ostrel-helper", false},
+             {"/sandbox/home/ann/x/.local/lib/ostrel/h", false}}) {
+        EXPECT_EQ(isAcceptableSourceLocation(path, paths), acceptable) << path;
     }
-    for (const char *bad : {"/usr/lib/ostrel/", "/usr/lib/ostrelx/ostrel-helper",
-                            "/tmp/ostrel-helper", "/home//.local/lib/ostrel/h",
-                            "/home/ann/x/.local/lib/ostrel/h", "/home/ann/.local/lib/ostrel/"}) {
-        EXPECT_FALSE(isAcceptableSourceLocation(bad, paths)) << bad;
-    }
-    env.set("OSTREL_ROOT", "/sandbox");
-    EXPECT_TRUE(isAcceptableSourceLocation("/sandbox/opt/ostrel/ostrel-helper", paths));
-    EXPECT_FALSE(isAcceptableSourceLocation("/opt/ostrel/ostrel-helper", paths));
 }
 
 // The real code with real processes: every program the scripts run is a sandbox fake.
@@ -206,26 +144,20 @@ TEST(HelperInstallerTest, InstallsAndUninstallsInASandbox) {
     installer.install(from);
     EXPECT_TRUE(installer.isInstalled());
     EXPECT_EQ(root.read("usr/local/libexec/dev.ostrel.helper"), "daemon");
-    std::string unit = root.read("etc/systemd/system/dev.ostrel.helper.service");
-    EXPECT_NE(unit.find("\"--source\" \"" + from + "\""), std::string::npos) << unit;
+    EXPECT_NE(root.read("etc/systemd/system/dev.ostrel.helper.service")
+                  .find("\"--source\" \"" + from + "\""),
+              std::string::npos);
     EXPECT_FALSE(std::filesystem::exists(root.path() + "/tmp/dev.ostrel.helper.812.service"));
 
     installer.uninstall();
     EXPECT_FALSE(installer.isInstalled());
     EXPECT_FALSE(std::filesystem::exists(root.path() + "/var/lib/dev.ostrel/fan-policies.json"));
     std::string calls = root.read("calls.log");
-    for (const char *call : {"systemctl stop dev.ostrel.helper.service", "install -o root",
+    for (const char *call : {"pkexec /", "systemctl stop dev.ostrel.helper.service",
                              "systemctl enable --now dev.ostrel.helper.service",
                              "systemctl disable --now dev.ostrel.helper.service"}) {
         EXPECT_NE(calls.find(call), std::string::npos) << call << " in\n" << calls;
     }
-    EXPECT_EQ(calls.rfind("pkexec", 0), 0u);
-}
-
-TEST(HelperInstallerTest, ADismissedPromptInTheSandboxIsCancelledByUser) {
-    test::InstallerSandbox sandbox(126);
-    EXPECT_EQ(messageOf([&] { sandbox.installer().uninstall(); }), "cancelled by user");
-    EXPECT_EQ(sandbox.installer().serviceState(), std::nullopt);  // the fake says nothing
 }
 
 }  // namespace
