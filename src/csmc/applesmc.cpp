@@ -1,5 +1,7 @@
 #include "csmc/applesmc.h"
 
+#include "csmc/keys.h"
+
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -74,7 +76,7 @@ constexpr std::uint8_t kReadOnly = 0x80;
 constexpr std::uint8_t kReadWrite = 0xC0;
 constexpr std::uint8_t kControl = 0xD0;
 
-const std::uint32_t kForceMask = smc_fourcc("FS! ");
+constexpr std::uint32_t kForceMask = kForceMaskKey;
 
 std::string_view chomp(std::string_view text) {
     if (!text.empty() && text.back() == '\n') {

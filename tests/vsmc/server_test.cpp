@@ -22,8 +22,8 @@
 #include "app.h"
 #include "csmc/smc.h"
 #include "csmc/vsmc_transport.h"
-#include "ostrel/json.h"
 #include "ostrel/platform/environment.h"
+#include "ostrel/platform/json.h"
 #include "support/test_machine.h"
 
 extern char **environ;

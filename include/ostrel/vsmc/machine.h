@@ -17,9 +17,10 @@
 #include <string_view>
 #include <vector>
 
+#include "csmc/keys.h"
 #include "csmc/smc.h"
 #include "csmc/transport.h"
-#include "ostrel/json.h"
+#include "ostrel/platform/json.h"
 #include "ostrel/vsmc/profile.h"
 #include "ostrel/vsmc/simulation.h"
 
@@ -83,9 +84,7 @@ enum class FanControlKind {
 // honoured). Any result other than 0 and 0x84 is a firmware refusal to the channel.
 inline constexpr std::uint8_t kResultModeLocked = 0x82;
 
-// A fan's key: "F", the index as an upper-case hexadecimal digit, then the suffix
-// (fanKey(10, "Md") is 'FAMd').
-std::uint32_t fanKey(std::size_t index, std::string_view suffix);
+using csmc::fanKey;
 
 // A planned failure: the next `times` exchanges that match get `kern` (when non-zero) or
 // else the result byte `result`, and have no other effect.

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ostrel/json.h"
+#include "ostrel/platform/json.h"
 #include "ostrel/vsmc/machine.h"
 
 namespace ostrel::vsmc {
