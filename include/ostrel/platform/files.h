@@ -9,6 +9,9 @@
 
 namespace ostrel::platform {
 
+// What a path names.
+enum class FileKind { none, regular, directory, socket, other };
+
 class Files {
   public:
     virtual ~Files() = default;
@@ -24,6 +27,11 @@ class Files {
     virtual bool writeAtomic(const std::string &path, const std::string &contents) const = 0;
     // Deletes the file; false when it did not exist or could not be removed.
     virtual bool remove(const std::string &path) const = 0;
+    // What is at `path`, a final symbolic link not followed (it is `other`); `none` when
+    // nothing is there or it cannot be examined.
+    virtual FileKind kind(const std::string &path) const = 0;
+    // Sets the permission bits (chmod); false when that fails.
+    virtual bool setMode(const std::string &path, unsigned mode) const = 0;
 };
 
 // The real file system.
@@ -38,6 +46,8 @@ class FakeFiles final : public Files {
     bool createDirectories(const std::string &dir) const override;
     bool writeAtomic(const std::string &path, const std::string &contents) const override;
     bool remove(const std::string &path) const override;
+    FileKind kind(const std::string &path) const override;
+    bool setMode(const std::string &path, unsigned mode) const override;
 
     void put(const std::string &path, std::string contents) { files_[path] = std::move(contents); }
     // Makes writes fail, as on a read-only or full file system.
