@@ -17,7 +17,7 @@ using namespace ostrel;
 constexpr const char *kProfile = "macbookpro18-2";
 
 struct Setup {
-    vsmc::Machine machine{vsmc::loadProfile(kProfile)};
+    vsmc::Machine machine{vsmc::builtinProfile(kProfile)};
     std::string dir = std::filesystem::temp_directory_path() / "ostrel-bench-cache";
     platform::FakeEnvironment env{{{"XDG_CACHE_HOME", dir}, {"OSTREL_ROOT", dir + "/root"}}};
     platform::FakeClock clock;

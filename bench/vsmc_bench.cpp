@@ -23,8 +23,8 @@ class BenchServer {
         : path_((std::filesystem::temp_directory_path() /
                  ("ostrel-bench-" + std::to_string(::getpid()) + ".sock"))
                     .string()),
-          mac_(ostrel::vsmc::loadProfile("macbookpro16-1"), 0, 0),
-          server_(io_, mac_, path_),
+          mac_(ostrel::vsmc::builtinProfile("macbookpro16-1"), 0, 0),
+          server_(io_, mac_, path_, ostrel::platform::realFiles(), ostrel::platform::realClock()),
           thread_([this] { io_.run(); }) {}
     ~BenchServer() {
         asio::post(io_, [this] { server_.stop(); });
@@ -46,7 +46,8 @@ BenchServer &server() {
 }
 
 void BM_SocketRead(benchmark::State &state) {
-    csmc::OpenedTransport opened = csmc::VsmcTransport::open(server().path());
+    csmc::OpenedTransport opened =
+        csmc::VsmcTransport::open(server().path(), ostrel::platform::realClock());
     smc_conn *conn = nullptr;
     csmc::openConnection(&conn, std::move(opened.transport));
     std::uint32_t key = smc_fourcc("TC0P");
@@ -68,7 +69,7 @@ void BM_SimulationStep(benchmark::State &state) {
     static const char *const kProfiles[] = {"macbookpro10-1", "macbookpro16-1", "macbookpro18-2",
                                             "macpro7-1"};
     const char *name = kProfiles[state.range(0)];
-    ostrel::vsmc::Machine machine(ostrel::vsmc::loadProfile(name));
+    ostrel::vsmc::Machine machine(ostrel::vsmc::builtinProfile(name));
     machine.setLoad(1, 1);
     for (auto _ : state) {
         machine.advance(ostrel::vsmc::Simulation::kStep);  // one step and every key written
@@ -79,7 +80,7 @@ void BM_SimulationStep(benchmark::State &state) {
 BENCHMARK(BM_SimulationStep)->DenseRange(0, 3);
 
 void BM_SimulatedMinute(benchmark::State &state) {
-    ostrel::vsmc::Machine machine(ostrel::vsmc::loadProfile("macbookpro10-1"));
+    ostrel::vsmc::Machine machine(ostrel::vsmc::builtinProfile("macbookpro10-1"));
     machine.setLoad(1, 1);
     for (auto _ : state) {
         machine.advance(60);  // 600 steps, keys written once

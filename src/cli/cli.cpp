@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <iostream>
 
 #include "commands.h"
 #include "ostrel/fan_policy.h"
@@ -40,10 +39,6 @@ std::set<SensorGroup> parseGroups(const std::vector<std::string> &names) {
 }
 
 }  // namespace
-
-Context defaultContext() {
-    return {&std::cout, &std::cerr, [] { return std::make_shared<SMC>(); }, SystemAccess{}};
-}
 
 int run(int argc, const char *const *argv, Context &context) {
     std::ostream &out = *context.out;
@@ -171,7 +166,7 @@ int run(int argc, const char *const *argv, Context &context) {
             } else if (read->parsed()) {
                 smcRead(*smc, keyText, json, out);
             } else if (dump->parsed()) {
-                smcDump(*smc, json, out);
+                smcDump(*smc, context.system, json, out);
             }
         }
     } catch (const SMCError &e) {

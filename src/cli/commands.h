@@ -19,7 +19,7 @@ namespace ostrel::cli {
 // smc keys / smc read KEY / smc dump
 void smcKeys(SMC &smc, bool json, std::ostream &out);
 void smcRead(SMC &smc, const std::string &key, bool json, std::ostream &out);
-void smcDump(SMC &smc, bool json, std::ostream &out);
+void smcDump(SMC &smc, const SystemAccess &system, bool json, std::ostream &out);
 
 // curve TEXT [--sensor] [--min --max] [--at]...
 struct CurveOptions {

@@ -8,8 +8,8 @@
 #include <ostream>
 
 #include "commands.h"
+#include "csmc/key_rows.h"
 #include "ostrel/machine_model.h"
-#include "ostrel/vsmc/profile.h"
 
 namespace ostrel::cli {
 
@@ -93,8 +93,8 @@ void smcRead(SMC &smc, const std::string &keyText, bool json, std::ostream &out)
 
 // The key table in the virtual Mac's profile format, so that a real machine's dump can be
 // loaded as a profile (and attached to bug reports).
-void smcDump(SMC &smc, bool json, std::ostream &out) {
-    std::string model = machineModel(&smc);
+void smcDump(SMC &smc, const SystemAccess &system, bool json, std::ostream &out) {
+    std::string model = machineModel(&smc, system.paths(), *system.files);
     Json rows = Json::array();
     if (!json) {
         fmt::print(out,
@@ -115,7 +115,7 @@ void smcDump(SMC &smc, bool json, std::ostream &out) {
             fmt::print(out, "# index {} skipped: {}\n", row.index, row.error);
             return;
         }
-        vsmc::KeyEntry entry{row.info->key.rawValue,
+        csmc::KeyEntry entry{row.info->key.rawValue,
                              row.info->type.rawValue,
                              row.info->size,
                              row.info->attributes,
@@ -126,9 +126,9 @@ void smcDump(SMC &smc, bool json, std::ostream &out) {
                         entry.bytes.begin());
         } else {
             fmt::print(out, "# {} could not be read ({}); its value is left zero\n",
-                       vsmc::codeToken(entry.key), row.error);
+                       csmc::codeToken(entry.key), row.error);
         }
-        out << vsmc::formatKeyRow(entry);
+        out << csmc::formatKeyRow(entry);
     });
     if (json) {
         out << Json{{"model", model}, {"keys", rows}}.dump(2) << '\n';

@@ -539,4 +539,11 @@ OpenedTransport openApplesmc(std::string_view dir, ostrel::platform::Sysfs &sysf
     return {SMC_OK, std::make_unique<ApplesmcTransport>(*device, paths.applesmcLock(), sysfs), ""};
 }
 
+void addApplesmcTransport(TransportRegistry &registry, ostrel::platform::Sysfs &sysfs,
+                          ostrel::platform::Paths paths) {
+    auto open = [&sysfs, paths](std::string_view dir) { return openApplesmc(dir, sysfs, paths); };
+    registry.add("applesmc", "applesmc[:DIR]", open);
+    registry.setDefault(open);
+}
+
 }  // namespace csmc

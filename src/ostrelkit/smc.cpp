@@ -195,6 +195,10 @@ SMC::SMC() {
     check(smc_open(&conn_), FourCC::unknown);
 }
 
+SMC::SMC(csmc::OpenedTransport opened) {
+    check(csmc::openConnection(&conn_, std::move(opened)), FourCC::unknown);
+}
+
 SMC::SMC(std::unique_ptr<csmc::Transport> transport) {
     check(csmc::openConnection(&conn_, std::move(transport)), FourCC::unknown);
 }

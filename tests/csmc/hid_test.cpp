@@ -4,6 +4,7 @@
 
 #include "csmc/hid.h"
 #include "support/temp_dir.h"
+#include "support/transports.h"
 
 namespace {
 
@@ -92,6 +93,9 @@ class HwmonTree : public testing::Test {
   protected:
     TempDir root;
     FakeEnvironment env{{{"OSTREL_ROOT", root.path()}}};
+    // What smc_hid_open reaches in a process whose OSTREL_SMC is unset.
+    csmc::ProcessMachine machine{ostrel::test::allTransports(env), "", root.path() + "/sys",
+                                 &realFiles()};
 
     void chip(const std::string &hwmon, const std::string &name,
               std::vector<std::tuple<int, std::string, std::string>> temps) {
@@ -114,7 +118,7 @@ TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmc) {
     chip("hwmon3", "applesmc", {{1, "TC0P", "60000"}});
     chip("hwmon4", "amdgpu", {{1, "edge", "41000"}, {2, "", "garbage"}});
     chip("hwmon5", "acpitz", {{1, "", "0"}});
-    Handle h{csmc::openHid(csmc::defaultServices(env, realFiles()))};
+    Handle h{csmc::openHid(csmc::selectedServices(machine))};
     ASSERT_EQ(smc_hid_count(h.hid), 7);
     EXPECT_EQ(h.read(16), (std::vector<std::pair<std::string, double>>{{"CPU Package id 0", 52.0},
                                                                        {"CPU Core 0", 49.0},
@@ -125,7 +129,15 @@ TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmc) {
 }
 
 TEST_F(HwmonTree, NoHwmonDirectoryMeansNoHandle) {
-    EXPECT_EQ(csmc::openHid(csmc::defaultServices(env, realFiles())), nullptr);
+    EXPECT_EQ(csmc::openHid(csmc::selectedServices(machine)), nullptr);
+}
+
+TEST_F(HwmonTree, ASelectedVirtualMacBringsItsOwnList) {
+    chip("hwmon2", "coretemp", {{1, "Package id 0", "52000"}});
+    machine.selector = "memory:macbookpro18-2";
+    Handle h{csmc::openHid(csmc::selectedServices(machine))};
+    ASSERT_GT(smc_hid_count(h.hid), 1);
+    EXPECT_EQ(h.read(1)[0].first, "pACC MTR Temp Sensor0");
 }
 
 // A virtual Mac's transport whose sensor list a test controls.

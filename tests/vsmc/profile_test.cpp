@@ -134,7 +134,7 @@ TEST(ProfileText, LoadingAMissingProfileSaysSoAndListsTheBuiltIns) {
 class BuiltinProfile : public testing::TestWithParam<std::string> {};
 
 TEST_P(BuiltinProfile, FormatsAndParsesBackToTheSameProfile) {
-    Profile original = loadProfile(GetParam());
+    Profile original = builtinProfile(GetParam());
     Profile again = parseProfile(formatProfile(original), "again");
     EXPECT_EQ(again.model, original.model);
     EXPECT_EQ(again.keys, original.keys);
@@ -146,7 +146,7 @@ TEST_P(BuiltinProfile, FormatsAndParsesBackToTheSameProfile) {
 
 TEST_P(BuiltinProfile, AKeyTableDumpLoadsAsAMachineWithFansAndHeat) {
     // What `ostrel smc dump` writes holds only the model and the keys.
-    Machine original(loadProfile(GetParam()));
+    Machine original(builtinProfile(GetParam()));
     Profile dump;
     dump.model = original.model();
     dump.keys = original.keys().entries();
@@ -223,25 +223,25 @@ TEST(BuiltinProfiles, CoverTheThreeWriteSemanticsAndADesktop) {
     auto has = [](const Machine &m, const char *key) {
         return m.keys().find(smc_fourcc(key)) != nullptr;
     };
-    Machine forceMask(loadProfile("macbookpro10-1"));
+    Machine forceMask(builtinProfile("macbookpro10-1"));
     EXPECT_TRUE(has(forceMask, "FS! "));
     EXPECT_FALSE(has(forceMask, "F0Md"));
     EXPECT_EQ(forceMask.keys().find(smc_fourcc("F0Ac"))->type, smc_fourcc("fpe2"));
     EXPECT_TRUE(has(forceMask, "F1ID"));
 
-    Machine t2(loadProfile("macbookpro16-1"));
+    Machine t2(builtinProfile("macbookpro16-1"));
     EXPECT_TRUE(has(t2, "F1Md"));
     EXPECT_FALSE(has(t2, "FS! "));
     EXPECT_FALSE(has(t2, "Ftst"));
     EXPECT_EQ(t2.keys().find(smc_fourcc("F0Tg"))->type, smc_fourcc("flt "));
 
-    Machine silicon(loadProfile("macbookpro18-2"));
+    Machine silicon(builtinProfile("macbookpro18-2"));
     EXPECT_TRUE(has(silicon, "Ftst"));
     EXPECT_TRUE(has(silicon, "F0Md"));
     EXPECT_EQ(silicon.keys().find(smc_fourcc("Tp01"))->type, smc_fourcc("flt "));
     EXPECT_FALSE(silicon.temperatureSensors().empty());
 
-    Machine desktop(loadProfile("macpro7-1"));
+    Machine desktop(builtinProfile("macpro7-1"));
     EXPECT_EQ(desktop.model(), "MacPro7,1");
     EXPECT_EQ(desktop.fanControl(), FanControlKind::modeKeys);
     EXPECT_EQ(desktop.keys().find(smc_fourcc("F3Mx"))->type, smc_fourcc("flt "));

@@ -11,7 +11,7 @@ using ostrel::Json;
 
 class VirtualMacCalls : public testing::Test {
   protected:
-    VirtualMac mac{loadProfile("macbookpro10-1"), 3, 2};
+    VirtualMac mac{builtinProfile("macbookpro10-1"), 3, 2};
 
     std::string error(const Json &request) {
         Json reply = mac.call(request);
