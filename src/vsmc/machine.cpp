@@ -259,7 +259,7 @@ std::uint32_t Machine::exchange(const smc_param &in, smc_param &out, const Calle
     }
     std::uint32_t kern = record.kern;
     journal_.push_back(std::move(record));
-    if (journalLimit_ > 0 && journal_.size() >= 2 * journalLimit_) {
+    if (journal_.size() >= 2 * journalLimit_) {
         journal_.erase(journal_.begin(),
                        journal_.end() - static_cast<std::ptrdiff_t>(journalLimit_));
     }

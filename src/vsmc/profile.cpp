@@ -175,9 +175,21 @@ KeyEntry parseKeyRow(const std::vector<Token> &tokens, const LineContext &at) {
                             "bytes in <...>)",
                             tokens[5].text));
         }
-        if (!smc_encode_double(entry.type, entry.size, entry.bytes.data(), *number)) {
+        if (!std::isfinite(*number) ||
+            !smc_encode_double(entry.type, entry.size, entry.bytes.data(), *number)) {
             at.fail(fmt::format("value {} cannot be encoded as type '{}' in {} bytes",
                                 tokens[5].text, codeToken(entry.type), entry.size));
+        }
+        // The codec keeps only the low bytes of an integer and turns a float that is too
+        // large into infinity: what the key would read must be the number that was written.
+        double stored = *number;
+        smc_decode_double(entry.type, entry.bytes.data(), entry.size, &stored);
+        if (!std::isfinite(stored) ||
+            std::abs(stored - *number) > std::max(0.5, std::abs(*number) * 1e-6)) {
+            at.fail(
+                fmt::format("value {} is out of range for type '{}' in {} bytes (it would "
+                            "read {})",
+                            tokens[5].text, codeToken(entry.type), entry.size, stored));
         }
         return entry;
     }
@@ -196,6 +208,12 @@ KeyEntry parseKeyRow(const std::vector<Token> &tokens, const LineContext &at) {
             fmt::format("value has {} bytes but the key's size is {}", bytes.size(), entry.size));
     }
     std::copy(bytes.begin(), bytes.end(), entry.bytes.begin());
+    double stored = 0;
+    if (smc_decode_double(entry.type, entry.bytes.data(), entry.size, &stored) &&
+        !std::isfinite(stored)) {
+        at.fail(fmt::format("the bytes of a '{}' value must hold a finite number",
+                            codeToken(entry.type)));
+    }
     return entry;
 }
 

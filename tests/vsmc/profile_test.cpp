@@ -68,6 +68,15 @@ TEST(ProfileText, ErrorsNameTheFileAndLine) {
     EXPECT_THAT(errorOf(model + "key TC0P sp78 33 0xc0\n"), HasSubstr(":2: size '33'"));
     EXPECT_THAT(errorOf(model + "key TC0P sp78 2 0x100 1\n"), HasSubstr(":2: attributes"));
     EXPECT_THAT(errorOf(model + "key TC0P sp78 2 0xc0 warm\n"), HasSubstr("is not a number"));
+    // Values a machine could not hold: they would read back as something else, or not at
+    // all as a number, and poison the physics.
+    EXPECT_EQ(errorOf(model + "key F0Mx flt 4 0xc0 1e39\n"),
+              "fans.profile:2: value 1e39 is out of range for type 'flt' in 4 bytes (it would "
+              "read inf)");
+    EXPECT_THAT(errorOf(model + "key F0Mx ui16 2 0xc0 70000\n"), HasSubstr("(it would read 4464)"));
+    EXPECT_THAT(errorOf(model + "key F0Mx flt 4 0xc0 nan\n"), HasSubstr(":2: value nan cannot"));
+    EXPECT_THAT(errorOf(model + "key F0Mx flt 4 0xc0 <00 00 80 7f>\n"),
+                HasSubstr(":2: the bytes of a 'flt' value must hold a finite number"));
     EXPECT_THAT(errorOf(model + "key TC0P sp78 2 0xc0 1 2\n"),
                 HasSubstr("must be the whole value"));
     EXPECT_THAT(errorOf(model + "key RPlt ch8* 2 0x80 \"abc\"\n"),
@@ -142,6 +151,19 @@ TEST_P(BuiltinProfile, FormatsAndParsesBackToTheSameProfile) {
     EXPECT_EQ(again.bindings, original.bindings);
     EXPECT_EQ(again.sensors, original.sensors);
     EXPECT_EQ(again.battery, original.battery);
+}
+
+TEST_P(BuiltinProfile, DescribesAMachineAtRest) {
+    // memory: machines never move from their profile's values, so a hot one would keep a
+    // daemon in its failsafe for ever: every temperature stays below where the Intel
+    // failsafe lets go (85 degC).
+    Machine machine(builtinProfile(GetParam()));
+    for (const KeyEntry &entry : machine.keys().entries()) {
+        std::optional<double> celsius = machine.number(entry.key);
+        if ((entry.key >> 24) == 'T' && celsius) {
+            EXPECT_LT(*celsius, 85) << codeToken(entry.key);
+        }
+    }
 }
 
 TEST_P(BuiltinProfile, AKeyTableDumpLoadsAsAMachineWithFansAndHeat) {
