@@ -3,20 +3,16 @@
 // The same bytes go through the map decoder, as a client or the policy store reads them.
 
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <string_view>
 
+#include "check.h"
 #include "ostrel/policy_coding.h"
 
 namespace {
 
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+using ostrel::fuzz::check;
 
 void exercise(const ostrel::FanPolicy &policy) {
     std::string encoded = ostrel::PolicyCoding::encode(policy);

@@ -48,6 +48,29 @@ std::optional<std::string> answer(VirtualMac &mac, const wire::Split &frame,
 
 }  // namespace
 
+std::optional<std::size_t> answerFrames(VirtualMac &mac, std::string_view buffered,
+                                        const platform::PeerCredentials &peer,
+                                        const std::function<bool(std::string)> &reply) {
+    std::size_t consumed = 0;
+    for (;;) {
+        wire::Split frame = wire::splitFrame(buffered.substr(consumed), true);
+        if (frame.state == wire::Split::bad) {
+            return std::nullopt;
+        }
+        if (frame.state == wire::Split::incomplete) {
+            return consumed;
+        }
+        std::optional<std::string> answered = answer(mac, frame, peer);
+        if (!answered) {
+            return std::nullopt;
+        }
+        consumed += frame.size;
+        if (!reply(std::move(*answered))) {
+            return consumed;
+        }
+    }
+}
+
 struct Server::Impl : platform::UnixServerHandler, std::enable_shared_from_this<Server::Impl> {
     Impl(asio::io_context &io, VirtualMac &mac, const platform::Clock &clock,
          std::chrono::milliseconds tick)
@@ -55,29 +78,14 @@ struct Server::Impl : platform::UnixServerHandler, std::enable_shared_from_this<
 
     std::optional<std::size_t> received(platform::UnixConnection &connection,
                                         std::string_view buffered) override {
-        std::size_t consumed = 0;
-        for (;;) {
-            wire::Split frame = wire::splitFrame(buffered.substr(consumed), true);
-            if (frame.state == wire::Split::bad) {
-                return std::nullopt;
-            }
-            if (frame.state == wire::Split::incomplete) {
-                return consumed;
-            }
-            if (frame.header.kind == wire::kCall) {
-                catchUp();  // time before the call passes at the speed it had
-            }
-            std::optional<std::string> reply = answer(mac, frame, connection.peer());
-            if (!reply) {
-                return std::nullopt;
-            }
-            connection.send(std::move(*reply));
-            consumed += frame.size;
-            armTick();
-            if (!connection.isOpen()) {
-                return consumed;  // cut off for not reading its replies: `buffered` is gone
-            }
-        }
+        catchUp();  // time until now passes at the speed it had, before a call changes it
+        auto consumed = answerFrames(mac, buffered, connection.peer(), [&](std::string reply) {
+            connection.send(std::move(reply));
+            // Cut off for not reading its replies: `buffered` is gone with the connection.
+            return connection.isOpen();
+        });
+        armTick();
+        return consumed;
     }
 
     void catchUp() {

@@ -9,7 +9,9 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ostrel/platform/clock.h"
@@ -23,6 +25,16 @@ class io_context;
 namespace ostrel::vsmc {
 
 class VirtualMac;
+
+// Answers the whole request frames at the front of `buffered` (csmc/vsmc_protocol.h) on
+// `mac`, as `peer` asked them, handing each reply frame to `reply`, which returns false
+// when the connection went away (answering then stops). Returns the bytes consumed (a
+// frame still arriving is left for later), or nothing when the bytes are not a frame a
+// client may send. This is how the server reads a connection; it touches no socket, so
+// it can be fuzzed.
+std::optional<std::size_t> answerFrames(VirtualMac &mac, std::string_view buffered,
+                                        const platform::PeerCredentials &peer,
+                                        const std::function<bool(std::string)> &reply);
 
 class Server {
   public:
