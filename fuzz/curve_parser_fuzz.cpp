@@ -3,16 +3,18 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <string_view>
 
-#include "check.h"
+#include "fuzz_check.h"
 #include "ostrel/fan_curve.h"
 #include "ostrel/fan_policy.h"
 
+using ostrel::fuzz::check;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     using namespace ostrel;
-    using fuzz::check;
     std::string_view text(reinterpret_cast<const char *>(data), size);
     FanCurve curve;
     try {

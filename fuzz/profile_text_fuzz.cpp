@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "check.h"
+#include "fuzz_check.h"
 #include "ostrel/vsmc/machine.h"
 #include "ostrel/vsmc/profile.h"
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "check.h"
 #include "csmc/vsmc_protocol.h"
+#include "fuzz_check.h"
 #include "ostrel/vsmc/server.h"
 #include "ostrel/vsmc/virtual_mac.h"
 

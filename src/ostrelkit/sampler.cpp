@@ -189,9 +189,8 @@ Discovery loadDiscovery(SMC &smc, bool useCache, const SystemAccess &system) {
     Discovery discovery = discover(smc, model, keyCount, system);
     if (useCache) {
         // A cache that cannot be written only costs the next run a scan.
-        std::string dir = path.substr(0, path.find_last_of('/'));
-        if (system.files->createDirectories(dir)) {
-            system.files->writeAtomic(path, discovery.cacheData());
+        if (system.files->createDirectories(platform::parentDirectory(path), 0755).ok()) {
+            system.files->writeAtomic(path, discovery.cacheData(), 0644);
         }
     }
     return discovery;

@@ -19,11 +19,6 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // An emptied input buffer keeps this much capacity; more is given back.
 constexpr std::size_t kKeptCapacity = 4 * 1024;
 
-std::string parentOf(const std::string &path) {
-    std::size_t slash = path.find_last_of('/');
-    return slash == std::string::npos || slash == 0 ? "" : path.substr(0, slash);
-}
-
 PeerCredentials credentialsOf(Protocol::socket &socket) {
     ucred peer{};
     socklen_t length = sizeof peer;
@@ -210,9 +205,8 @@ void UnixServer::Impl::listen() {
                                   std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes",
                               false);
     }
-    std::string parent = parentOf(path);
-    if (!parent.empty() && !files.createDirectories(parent)) {
-        throw UnixServerError("cannot create the directory " + parent + " for " + path, false);
+    if (FileResult made = files.createDirectories(parentDirectory(path), 0755); !made.ok()) {
+        throw UnixServerError(made.message(), false);
     }
     switch (files.kind(path)) {
         case FileKind::none:
@@ -241,8 +235,8 @@ void UnixServer::Impl::listen() {
     } catch (const std::system_error &e) {
         throw UnixServerError("cannot listen on " + path + ": " + e.code().message(), false);
     }
-    if (!files.setMode(path, limits.socketMode)) {
-        throw UnixServerError("cannot set the mode of " + path, false);
+    if (FileResult moded = files.setMode(path, limits.socketMode); !moded.ok()) {
+        throw UnixServerError(moded.message(), false);
     }
 }
 

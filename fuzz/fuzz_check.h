@@ -1,5 +1,5 @@
-// What the fuzz targets assert: a broken property aborts, which libFuzzer reports as a
-// finding with the input that broke it.
+// The fuzz targets' assertion: a broken property aborts, which libFuzzer reports with the
+// input that caused it (assert would vanish under NDEBUG).
 #pragma once
 
 #include <cstdlib>
