@@ -39,19 +39,6 @@ TEST_F(VirtualMacCalls, RequestsThatCannotBeCarriedOutSayWhy) {
     EXPECT_EQ(error({{"call", "restore"}, {"key", "TC0P"}}), "that key has not vanished");
 }
 
-TEST_F(VirtualMacCalls, RealTimeAdvancesTheMachineAtItsSpeed) {
-    mac.elapse(1.5);
-    EXPECT_DOUBLE_EQ(mac.machine().time(), 3);
-    EXPECT_EQ(mac.call({{"call", "speed"}, {"value", 0}})["ok"], true);
-    mac.elapse(10);
-    EXPECT_DOUBLE_EQ(mac.machine().time(), 3);
-    EXPECT_EQ(mac.call({{"call", "advance"}, {"seconds", 7}})["time"], 10.0);
-    Json status = mac.call({{"call", "status"}})["status"];
-    EXPECT_EQ(status["speed"], 0.0);
-    EXPECT_EQ(status["profile"], "builtin:macbookpro10-1");
-    EXPECT_EQ(status["seed"], 3);
-}
-
 TEST_F(VirtualMacCalls, FaultsAndLimitsChangeTheMachine) {
     ASSERT_EQ(mac.call({{"call", "fault"},
                         {"key", "FS!"},
