@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "ostrel/fan_policy.h"
 #include "ostrel/platform/text.h"
+#include "ostrel/version.h"
 
 namespace ostrel::cli {
 
@@ -46,6 +47,7 @@ int run(int argc, const char *const *argv, Context &context) {
 
     CLI::App app{"ostrel: fan control and sensors for Apple machines", "ostrel"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", std::string(OstrelVersion::string), "Print the version");
     bool json = false;
     auto jsonFlag = [&](CLI::App *command, const char *help = "Print JSON") {
         return command->add_flag("--json", json, help);
@@ -131,6 +133,9 @@ int run(int argc, const char *const *argv, Context &context) {
         }
     } catch (const CLI::CallForHelp &) {
         out << app.help();
+        return 0;
+    } catch (const CLI::CallForVersion &e) {
+        out << e.what() << "\n";
         return 0;
     } catch (const CLI::ParseError &e) {
         err << "ostrel: " << e.what() << "\nRun 'ostrel --help' for usage.\n";

@@ -56,6 +56,8 @@ TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
     EXPECT_EQ(run({"smc", "read"}), 2);
     EXPECT_THAT(err.str(), HasSubstr("KEY is required"));
     EXPECT_EQ(run({"frobnicate"}), 2);
+    EXPECT_EQ(run({"--version"}), 0);  // needs no command
+    EXPECT_EQ(out.str(), "1.1.13\n");
 }
 
 TEST(CliDump, AMachinesDumpLoadsAsTheSameTable) {
