@@ -1,7 +1,9 @@
 // Time behind an interface: the real clocks, or a fake that tests move by hand. Nothing in
-// the project reads a clock or sleeps except through this. Event loops may wake on their
-// own timers, but how much time has passed is always this interface's answer, so a test
-// that moves a fake clock decides what the code sees.
+// the project reads a clock or sleeps except through this: library code is handed a Clock
+// by its executable's main, and the real implementations of the other interfaces (the
+// serial queue's timers) ask realClock(). Event loops may wake on their own timers, but
+// how much time has passed is always this interface's answer, so a test that moves a fake
+// clock decides what the code sees.
 #pragma once
 
 #include <chrono>
