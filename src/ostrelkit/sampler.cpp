@@ -61,19 +61,19 @@ void promoteEssentials(std::vector<SensorDescriptor> &sensors,
     }
 }
 
-// The fan count from FNum: truncated, capped at 16; a failed read, a negative or a
-// non-finite value means no fans.
+// The fan count from FNum, truncated toward zero, and that count capped at 16; a failed
+// read, a negative or a non-finite value means no fans.
 std::pair<std::size_t, double> fanCount(SMC &smc) {
     double count = 0;
     try {
-        count = smc.readDouble(kFanCount);
+        count = std::trunc(smc.readDouble(kFanCount));
     } catch (const SMCError &) {
         return {0, 0};
     }
     if (!std::isfinite(count) || count < 1) {
-        return {0, count};
+        return {0, 0};
     }
-    return {static_cast<std::size_t>(std::min(std::trunc(count), double(kMaxFans))), count};
+    return {static_cast<std::size_t>(std::min(count, double(kMaxFans))), count};
 }
 
 }  // namespace
@@ -145,6 +145,7 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
     }
     promoteEssentials(discovery.sensors, valueByKey);
 
+    // A lone fan is just "Fan", however the count is encoded (a flt FNum of 1.5 is one fan).
     auto [count, uncapped] = fanCount(smc);
     for (std::size_t i = 0; i < count; ++i) {
         FanDescriptor fan{static_cast<std::int64_t>(i), "", false};

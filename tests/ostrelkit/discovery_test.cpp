@@ -114,9 +114,12 @@ TEST_F(DiscoveryTest, EssentialPromotionPerGroup) {
 }
 
 TEST_F(DiscoveryTest, FanCountsAndNames) {
-    useRows("key FNum ui8 1 0x80 1\n");
-    EXPECT_THAT(discover(*smc, "m", std::nullopt, system).fans,
-                ElementsAre(FanDescriptor{0, "Fan", false}));
+    for (const char *one : {"key FNum ui8 1 0x80 1\n", "key FNum flt 4 0x80 1.5\n"}) {
+        useRows(one);
+        EXPECT_THAT(discover(*smc, "m", std::nullopt, system).fans,
+                    ElementsAre(FanDescriptor{0, "Fan", false}))
+            << one;
+    }
     useRows(
         "key FNum ui8 1 0x80 2\n"
         "key F0ID {fds 4 0x80 <00 00 0c 00>\n"               // no room for a name
