@@ -175,7 +175,9 @@ Discovery loadDiscovery(SMC &smc, bool useCache, const SystemAccess &system) {
     std::uint32_t keyCount = smc.keyCount();
     std::string path = cachePath(system);
     if (useCache) {
-        if (auto bytes = system.files->read(path)) {
+        // Only a file of our own: a cache planted by someone else would name the sensors
+        // and seed the channel with made-up key information.
+        if (auto bytes = system.files->readOwn(path)) {
             std::optional<Discovery> cached = Discovery::fromCache(*bytes);
             if (cached && cached->model == model && cached->keyCount == keyCount) {
                 for (const SensorDescriptor &sensor : cached->sensors) {

@@ -17,11 +17,7 @@ namespace ostrel::platform {
 
 namespace posix {
 
-int readAll(const std::string &path, std::string &out) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return errno;
-    }
+int readRest(int fd, std::string &out) {
     char chunk[65536];
     for (;;) {
         ssize_t n = ::read(fd, chunk, sizeof chunk);
@@ -29,17 +25,23 @@ int readAll(const std::string &path, std::string &out) {
             continue;
         }
         if (n < 0) {
-            int error = errno;
-            ::close(fd);
-            return error;
+            return errno;
         }
         if (n == 0) {
-            break;
+            return 0;
         }
         out.append(chunk, static_cast<std::size_t>(n));
     }
+}
+
+int readAll(const std::string &path, std::string &out) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    int error = readRest(fd, out);
     ::close(fd);
-    return 0;
+    return error;
 }
 
 }  // namespace posix
@@ -73,10 +75,30 @@ std::string parentOf(const std::string &path) {
 class RealFiles final : public Files {
   public:
     std::optional<std::string> read(const std::string &path) const override {
-        std::string contents;
-        if (posix::readAll(path, contents) != 0) {
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
             return std::nullopt;
         }
+        std::string contents;
+        posix::readRest(fd, contents);  // a failing read ends the file where it failed
+        ::close(fd);
+        return contents;
+    }
+
+    std::optional<std::string> readOwn(const std::string &path) const override {
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd < 0) {
+            return std::nullopt;
+        }
+        struct stat st {};
+        std::optional<std::string> contents;
+        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+            (st.st_uid == ::geteuid() || st.st_uid == 0) &&
+            (st.st_mode & (S_IWGRP | S_IWOTH)) == 0) {
+            contents.emplace();
+            posix::readRest(fd, *contents);
+        }
+        ::close(fd);
         return contents;
     }
 
@@ -141,6 +163,13 @@ std::optional<std::string> FakeFiles::read(const std::string &path) const {
     return it->second;
 }
 
+std::optional<std::string> FakeFiles::readOwn(const std::string &path) const {
+    if (foreign_.contains(path)) {
+        return std::nullopt;
+    }
+    return read(path);
+}
+
 std::optional<std::vector<std::string>> FakeFiles::list(const std::string &dir) const {
     std::string prefix = dir + "/";
     std::vector<std::string> names;
@@ -179,6 +208,7 @@ bool FakeFiles::writeAtomic(const std::string &path, const std::string &contents
         return false;
     }
     files_[path] = contents;
+    foreign_.erase(path);
     return true;
 }
 

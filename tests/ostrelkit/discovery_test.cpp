@@ -274,6 +274,14 @@ TEST_F(LoadDiscoveryTest, AStaleOrBrokenFileIsRescannedAndOverwritten) {
     other.model = "MacBookPro11,1";
     root.put(".cache/dev.ostrel/discovery-v2.txt", other.cacheData());
     EXPECT_EQ(loadDiscovery(*smc, true, system).model, "MacBookPro10,1");
+
+    // A valid file that others may write could have been planted: it is not read.
+    Discovery planted = d;
+    planted.sensors.resize(1);
+    std::string file = root.put(".cache/dev.ostrel/discovery-v2.txt", planted.cacheData());
+    std::filesystem::permissions(file, std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::add);
+    EXPECT_EQ(loadDiscovery(*smc, true, system), d);
 }
 
 TEST_F(LoadDiscoveryTest, WithoutTheCacheNoFileIsReadOrWrittenAndClearCacheRemovesIt) {
