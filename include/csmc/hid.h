@@ -25,6 +25,10 @@ class TemperatureServices {
     // names() (nothing for a service that has no reading now), and stops reading as soon as
     // `take` returns false: a caller with room for a few readings costs a few reads.
     virtual void read(const std::function<bool(std::size_t, std::optional<double>)> &take) = 0;
+    // Whether these are the sensor services of an Apple-silicon chip (a virtual Mac's list,
+    // or Linux's macsmc_hwmon chip) rather than the hwmon chips Linux finds on any PC
+    // (coretemp, the GPU's, the SSD's). Discovery tells the machine's family by it.
+    virtual bool chipServices() const = 0;
 };
 
 // The hwmon temperature inputs under `sysfs`/class/hwmon, every chip but applesmc.

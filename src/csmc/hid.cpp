@@ -81,6 +81,7 @@ class HwmonServices final : public TemperatureServices {
     }
 
     std::vector<std::string> names() override { return names_; }
+    bool chipServices() const override { return chipServices_; }
 
     void read(const std::function<bool(std::size_t, std::optional<double>)> &take) override {
         for (std::size_t i = 0; i < inputs_.size(); ++i) {
@@ -124,6 +125,7 @@ class HwmonServices final : public TemperatureServices {
             }
         }
         std::string word = hwmonChipWord(chipName);
+        chipServices_ = chipServices_ || (chipName == "macsmc_hwmon" && !inputs.empty());
         for (const auto &[n, entry] : inputs) {
             auto label = files_.read(dir + "/temp" + std::to_string(n) + "_label");
             std::string text = label ? trimmed(*label) : "";
@@ -135,6 +137,7 @@ class HwmonServices final : public TemperatureServices {
     const ostrel::platform::Files &files_;
     std::vector<std::string> names_;
     std::vector<std::string> inputs_;
+    bool chipServices_ = false;
 };
 
 class VirtualServices final : public TemperatureServices {
@@ -150,10 +153,11 @@ class VirtualServices final : public TemperatureServices {
     }
 
     std::vector<std::string> names() override { return names_; }
+    bool chipServices() const override { return true; }
 
     // The list is matched to the names fixed at opening by position while it has the same
-    // length, and by name otherwise (a sensor that came or went since).
-    // One call fetches the whole list, so stopping early saves nothing but the matching.
+    // length, and by name otherwise (a sensor that came or went since). One call fetches
+    // the whole list, so stopping early saves nothing but the matching.
     void read(const std::function<bool(std::size_t, std::optional<double>)> &take) override {
         auto sensors = transport_.temperatureSensors();
         if (!sensors) {

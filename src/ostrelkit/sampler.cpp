@@ -23,9 +23,9 @@ const FourCC kBatteryTemperature("TB0T");
 constexpr std::size_t kMaxFans = 16;
 
 // The temperature services of the machine `smc` reaches, whatever OSTREL_SMC says.
-smc_hid *openTemperatureServices(SMC &smc, const SystemAccess &system) {
-    return csmc::openHid(
-        csmc::connectionServices(smc.conn(), system.paths().sysfs(), *system.files));
+std::unique_ptr<csmc::TemperatureServices> temperatureServices(SMC &smc,
+                                                               const SystemAccess &system) {
+    return csmc::connectionServices(smc.conn(), system.paths().sysfs(), *system.files);
 }
 
 // Integer and flag types carry counts, states and bit fields, never measurements.
@@ -104,7 +104,14 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
     discovery.model = model;
     discovery.keyCount = keyCount ? *keyCount : smc.keyCount();
 
-    std::map<std::uint32_t, double> valueByKey;
+    // The keys worth keeping, with the value each read at the scan; named once the
+    // machine's family is known.
+    struct Candidate {
+        SMCKeyInfo info;
+        Quantity quantity;
+        double value;
+    };
+    std::vector<Candidate> candidates;
     for (std::uint32_t i = 0; i < discovery.keyCount; ++i) {
         std::uint32_t raw = 0;
         if (smc_key_at_index(smc.conn(), i, &raw) != SMC_OK) {
@@ -119,8 +126,7 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
             discovery.fanTestKey = true;
             continue;
         }
-        std::string text = key.description();
-        std::optional<Quantity> quantity = Catalog::quantity(text);
+        std::optional<Quantity> quantity = Catalog::quantity(key.description());
         if (!quantity) {
             continue;
         }
@@ -132,18 +138,10 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
         } catch (const SMCError &) {
             continue;
         }
-        if (!Catalog::plausible(value, *quantity) || isIntegerType(info.type)) {
-            continue;
+        if (Catalog::plausible(value, *quantity) && !isIntegerType(info.type)) {
+            candidates.push_back({info, *quantity, value});
         }
-        Catalog::Name name = Catalog::name(text, *quantity);
-        SensorGroup group = *quantity == Quantity::temperature
-                                ? Catalog::temperature(text).entry.group
-                                : SensorGroup::other;
-        discovery.sensors.push_back({info, *quantity, name.name, group, name.known,
-                                     name.known && Catalog::isEssential(text)});
-        valueByKey[raw] = value;
     }
-    promoteEssentials(discovery.sensors, valueByKey);
 
     // A lone fan is just "Fan", however the count is encoded (a flt FNum of 1.5 is one fan).
     auto [count, uncapped] = fanCount(smc);
@@ -156,9 +154,35 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
         discovery.fans.push_back(std::move(fan));
     }
 
-    smc_hid *hid = openTemperatureServices(smc, system);
+    std::unique_ptr<csmc::TemperatureServices> services = temperatureServices(smc, system);
+    bool chipServices = services && services->chipServices();
+    smc_hid *hid = csmc::openHid(std::move(services));
     discovery.hid = smc_hid_count(hid) > 0;
     smc_hid_close(hid);
+
+    // The family, decided once: Apple silicon has the fan test key or its chip's own sensor
+    // services. On Intel machines keys shaped like Apple silicon's per-core temperatures
+    // (Tp.., Te.., Tg..) are other sensors (power supply, PCIe slots), so they are named
+    // and grouped like any unlisted key and never steer fan control.
+    bool appleSilicon = discovery.fanTestKey || (discovery.hid && chipServices);
+
+    std::map<std::uint32_t, double> valueByKey;
+    for (const Candidate &c : candidates) {
+        std::string text = c.info.key.description();
+        Catalog::Name name = Catalog::name(text, c.quantity);
+        SensorGroup group = c.quantity == Quantity::temperature
+                                ? Catalog::temperature(text).entry.group
+                                : SensorGroup::other;
+        if (!appleSilicon && c.quantity == Quantity::temperature &&
+            Catalog::isPerCorePattern(text)) {
+            name = {text, false};
+            group = SensorGroup::other;
+        }
+        discovery.sensors.push_back({c.info, c.quantity, name.name, group, name.known,
+                                     name.known && Catalog::isEssential(text)});
+        valueByKey[c.info.key.rawValue] = c.value;
+    }
+    promoteEssentials(discovery.sensors, valueByKey);
     return discovery;
 }
 
@@ -203,7 +227,7 @@ Sampler::Sampler(std::shared_ptr<SMC> smc, SamplerScope scope, bool useCache,
     : scope(scope), smc_(smc ? std::move(smc) : std::make_shared<SMC>()), system_(system) {
     discovery_ = loadDiscovery(*smc_, useCache, system_);
     if (discovery_.hid) {
-        hid_ = openTemperatureServices(*smc_, system_);
+        hid_ = csmc::openHid(temperatureServices(*smc_, system_));
         hidBuffer_.assign(static_cast<std::size_t>(smc_hid_count(hid_)), smc_hid_reading{});
     }
 }

@@ -27,6 +27,7 @@ class ListServices final : public csmc::TemperatureServices {
         for (std::size_t i = 0; i < sensors_->size() && take(i, (*sensors_)[i].second); ++i) {
         }
     }
+    bool chipServices() const override { return true; }
 
   private:
     std::vector<std::pair<std::string, std::optional<double>>> *sensors_;

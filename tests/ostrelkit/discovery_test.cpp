@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "ostrel/sampler.h"
 #include "support/sandbox.h"
 #include "support/test_machine.h"
@@ -84,6 +86,67 @@ TEST_F(DiscoveryTest, ModeKeyAndTestKeyMachines) {
     EXPECT_TRUE(sensor(silicon, "Tp01")->essential);
     EXPECT_EQ(sensor(silicon, "Tg0f")->group, SensorGroup::gpu);
     EXPECT_EQ(sensor(silicon, "TCMb"), nullptr) << "an unfitted flt sensor";
+}
+
+// Keys shaped like Apple silicon's per-core temperatures are cores only on Apple silicon;
+// on Intel they are other sensors and must not steer the CPU curve or the failsafe.
+TEST_F(DiscoveryTest, PerCoreShapedKeysAreCoresOnlyOnAppleSilicon) {
+    const std::string rows =
+        "key TC0D sp78 2 0xc0 50\nkey Te0T sp78 2 0xc0 80\n"
+        "key Tg0D sp78 2 0xc0 85\nkey Tp1P sp78 2 0xc0 90\n";
+    struct Case {
+        const char *machine;
+        std::string extraRows;
+        std::string hwmonChip;  // the services Linux finds, when any
+        bool appleSilicon;
+    };
+    for (const Case &c :
+         {Case{"Intel", "", "", false}, Case{"Intel with coretemp", "", "coretemp", false},
+          Case{"test key", "key Ftst ui8 1 0xd0 0\n", "", true},
+          Case{"Apple-silicon sensor chip", "", "macsmc_hwmon", true}}) {
+        SCOPED_TRACE(c.machine);
+        std::filesystem::remove_all(root.path() + "/sys");
+        if (!c.hwmonChip.empty()) {
+            root.put("sys/class/hwmon/hwmon0/name", c.hwmonChip + "\n");
+            root.put("sys/class/hwmon/hwmon0/temp1_input", "40000\n");
+        }
+        vsmc::Machine m = test::machineFromRows(rows + c.extraRows);
+        auto bare = std::make_shared<SMC>(std::make_unique<test::BareMemoryTransport>(m));
+        Sampler sampler(bare, SamplerScope::essential, false, system);
+        const SensorDescriptor *core = sensor(sampler.discovery(), "Tp1P");
+        ASSERT_NE(core, nullptr);
+        Snapshot essential = sampler.sample();
+        std::vector<std::string> read;
+        for (const Reading &r : essential.temperatures()) {
+            read.push_back(r.key);
+        }
+        if (c.appleSilicon) {
+            EXPECT_EQ(*core, (SensorDescriptor{core->info, Quantity::temperature, "CPU P-Core 1P",
+                                               SensorGroup::cpu, true, true}));
+            EXPECT_THAT(read, ElementsAre("TC0D", "Te0T", "Tg0D", "Tp1P"));
+            EXPECT_EQ(essential.temperature(CurveSensor::cpu), 90);
+        } else {
+            EXPECT_EQ(*core, (SensorDescriptor{core->info, Quantity::temperature, "Tp1P",
+                                               SensorGroup::other, false, false}));
+            EXPECT_EQ(sensor(sampler.discovery(), "Tg0D")->group, SensorGroup::other);
+            EXPECT_THAT(read, ElementsAre("TC0D")) << "the tick reads only what it uses";
+            EXPECT_EQ(essential.temperature(CurveSensor::cpu), 50);
+            EXPECT_EQ(essential.temperature(CurveSensor::gpu), 50) << "no GPU: the hottest";
+        }
+    }
+}
+
+TEST_F(DiscoveryTest, AMacProsPowerSupplySensorsAreNoCores) {
+    use(test::builtinMachine("macpro7-1"));
+    Discovery d = discover(*smc, "MacPro7,1", std::nullopt, system);
+    ASSERT_NE(sensor(d, "Tp0C"), nullptr);
+    for (const SensorDescriptor &s : d.sensors) {
+        EXPECT_EQ(s.name.find("-Core"), std::string::npos) << s.name;
+        if (s.info.key.description()[1] == 'p' || s.info.key.description()[1] == 'e') {
+            EXPECT_EQ(s.group, SensorGroup::other) << s.name;
+            EXPECT_FALSE(s.essential) << s.name;
+        }
+    }
 }
 
 TEST_F(DiscoveryTest, EssentialPromotionPerGroup) {
