@@ -126,7 +126,22 @@ class SMCError : public std::exception {
     const char *what() const noexcept override { return description_.c_str(); }
     const std::string &description() const { return description_; }
 
-    // Same case and payload (the payloads a case does not carry are not compared).
+    // What the platform said about the failure, when it said more than the case does: for
+    // a failed open, what was tried and what failed ("no virtual Mac answers at
+    // /tmp/vsmc.sock (no such socket); ..."); for a kernel-level failure, the Linux cause
+    // ("applesmc: reading /sys/.../key_at_index_data: No such device"). Often empty.
+    const std::string &detail() const { return detail_; }
+    SMCError withDetail(std::string detail) const;
+    // The message for a user: the detail alone for a failed open (it says more than
+    // "AppleSMC service not found"), else the description followed by the detail in
+    // parentheses, else the description.
+    std::string explanation() const;
+    // Whether the failure concerns the connection rather than one key (the service, the
+    // kernel, privileges, memory): every later call is likely to fail the same way.
+    bool concernsConnection() const;
+
+    // Same case and payload (the payloads a case does not carry are not compared; nor is
+    // the detail).
     bool operator==(const SMCError &other) const;
 
   private:
@@ -137,6 +152,7 @@ class SMCError : public std::exception {
     FourCC type_;
     std::int32_t code_;
     std::string description_;
+    std::string detail_;
 };
 
 // The connection to the SMC. Owns one channel connection for its whole life; share it as
@@ -145,7 +161,9 @@ class SMCError : public std::exception {
 class SMC {
   public:
     // Opens the transport named by OSTREL_SMC. Throws SMCError (noService, openFailed,
-    // outOfMemory); openDetail() then says why in more words.
+    // outOfMemory) whose detail() (also openDetail()) says what was tried and what failed.
+    // Every operation below throws SMCError; kernel-level ones carry the platform's cause
+    // in detail().
     SMC();
     // Opens a connection on a transport made by the caller.
     explicit SMC(std::unique_ptr<csmc::Transport> transport);
