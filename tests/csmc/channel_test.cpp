@@ -201,7 +201,9 @@ TEST(ChannelOpen, EnvironmentSelectsTheTransport) {
     csmc::OpenedTransport none = csmc::openTransport("");
     EXPECT_EQ(none.status, SMC_ENOSERVICE);
     EXPECT_NE(none.detail.find("OSTREL_SMC"), std::string::npos);
-    EXPECT_EQ(csmc::openTransport("telepathy:x").status, SMC_ENOSERVICE);
+    EXPECT_EQ(csmc::openTransport("vsmcc:/tmp/x").detail,
+              "unknown transport \"vsmcc\" in OSTREL_SMC=vsmcc:/tmp/x (expected memory:PROFILE, "
+              "vsmc:SOCKET or applesmc[:DIR])");
     EXPECT_EQ(csmc::openTransport("memory:").status, SMC_ENOSERVICE);
     EXPECT_EQ(csmc::openTransport("memory:/no/such/profile").status, SMC_ENOSERVICE);
     EXPECT_EQ(csmc::openTransport("memory:macbookpro16-1").status, SMC_OK);
