@@ -238,13 +238,21 @@ Sampler::~Sampler() {
 
 std::optional<double> Sampler::readNumber(FourCC key) {
     double value = 0;
-    if (smc_read_double(smc_->conn(), key.rawValue, &value) != SMC_OK) {
+    std::int32_t status = smc_read_double(smc_->conn(), key.rawValue, &value);
+    if (status != SMC_OK) {
+        if (!lastFailure_) {
+            SMCError error = SMCError::fromStatus(status, key, FourCC::unknown);
+            if (error.concernsConnection()) {
+                lastFailure_ = error.withDetail(smc_error_detail());
+            }
+        }
         return std::nullopt;
     }
     return value;
 }
 
 Snapshot Sampler::sample() {
+    lastFailure_.reset();
     std::vector<Reading> temperatures, power, voltages, currents;
     for (const SensorDescriptor &sensor : discovery_.sensors) {
         if ((scope == SamplerScope::essential && !sensor.essential) ||
