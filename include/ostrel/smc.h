@@ -49,7 +49,6 @@ struct FourCC {
 inline constexpr FourCC FourCC::unknown{0x3F3F3F3Fu};
 
 void to_json(Json &json, const FourCC &code);
-void from_json(const Json &json, FourCC &code);
 
 // What the SMC reports about a key.
 struct SMCKeyInfo {
@@ -59,13 +58,9 @@ struct SMCKeyInfo {
     std::uint8_t attributes = 0;
 
     bool operator==(const SMCKeyInfo &) const = default;
-
-    // Reads the JSON form strictly; throws DecodingError naming `path` and the member.
-    static SMCKeyInfo fromJson(const Json &value, const std::string &path = "");
 };
 
 void to_json(Json &json, const SMCKeyInfo &info);
-void from_json(const Json &json, SMCKeyInfo &info);
 
 // One read of a key: exactly as many bytes as the key's size.
 struct SMCValue {
@@ -197,15 +192,3 @@ class SMC {
 };
 
 }  // namespace ostrel
-
-template <>
-struct std::hash<ostrel::FourCC> {
-    std::size_t operator()(const ostrel::FourCC &code) const noexcept {
-        return std::hash<std::uint32_t>{}(code.rawValue);
-    }
-};
-
-template <>
-struct std::hash<ostrel::SMCKeyInfo> {
-    std::size_t operator()(const ostrel::SMCKeyInfo &info) const noexcept;
-};

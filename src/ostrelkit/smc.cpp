@@ -23,35 +23,11 @@ void to_json(Json &json, const FourCC &code) {
     json = code.description();
 }
 
-void from_json(const Json &json, FourCC &code) {
-    code = FourCC(json.get<std::string>());
-}
-
 void to_json(Json &json, const SMCKeyInfo &info) {
     json = Json{{"key", info.key},
                 {"type", info.type},
                 {"size", info.size},
                 {"attributes", info.attributes}};
-}
-
-SMCKeyInfo SMCKeyInfo::fromJson(const Json &value, const std::string &path) {
-    json::object(value, path);
-    auto bounded = [&](const char *name, std::int64_t max) {
-        std::int64_t n = json::memberInt64(value, name, path);
-        if (n < 0 || n > max) {
-            json::invalidValue(std::to_string(n), fmt::format("0 to {}", max),
-                               json::child(path, name));
-        }
-        return n;
-    };
-    return {FourCC(json::memberString(value, "key", path)),
-            FourCC(json::memberString(value, "type", path)),
-            static_cast<std::uint32_t>(bounded("size", 0xFFFFFFFF)),
-            static_cast<std::uint8_t>(bounded("attributes", 0xFF))};
-}
-
-void from_json(const Json &json, SMCKeyInfo &info) {
-    info = SMCKeyInfo::fromJson(json);
 }
 
 std::optional<double> SMCValue::doubleValue() const {
@@ -323,12 +299,3 @@ void SMC::write(FourCC key, double value) {
 }
 
 }  // namespace ostrel
-
-std::size_t std::hash<ostrel::SMCKeyInfo>::operator()(
-    const ostrel::SMCKeyInfo &info) const noexcept {
-    std::size_t h = info.key.rawValue;
-    h = h * 1000003u ^ info.type.rawValue;
-    h = h * 1000003u ^ info.size;
-    h = h * 1000003u ^ info.attributes;
-    return h;
-}

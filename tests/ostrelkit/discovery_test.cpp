@@ -277,28 +277,6 @@ TEST(DiscoveryCacheFormat, LenientWhereTheFormatIsLenient) {
     EXPECT_EQ(d->sensors[0].name, "N\uFFFD");
 }
 
-TEST(DiscoveryJson, RoundTripsAndNamesTheBadMember) {
-    Discovery d;
-    d.model = "M";
-    d.sensors = {{{"TC0P", "sp78", 2, 192},
-                  Quantity::temperature,
-                  "CPU Proximity",
-                  SensorGroup::cpu,
-                  true,
-                  true}};
-    d.fans = {{0, "Fan", true}};
-    Json json = d;
-    EXPECT_EQ(json.get<Discovery>(), d);
-    EXPECT_EQ(json["sensors"][0]["info"]["key"], "TC0P");
-    json["sensors"][0]["group"] = "cpu";
-    try {
-        json.get<Discovery>();
-        FAIL();
-    } catch (const DecodingError &e) {
-        EXPECT_THAT(e.what(), testing::HasSubstr("sensors[0].group"));
-    }
-}
-
 class LoadDiscoveryTest : public DiscoveryTest {
   protected:
     void SetUp() override { use(test::builtinMachine("macbookpro10-1")); }

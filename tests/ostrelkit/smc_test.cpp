@@ -23,16 +23,11 @@ TEST(FourCCTest, TextIsPaddedCutAndShownPrintable) {
     EXPECT_EQ(FourCC(0x00000041u).description(), "???A");
     EXPECT_EQ(FourCC("TC0P").rawValue, 0x54433050u);
     EXPECT_EQ(Json(FourCC("FS!")).get<std::string>(), "FS! ");
-    EXPECT_EQ(Json("ui8").get<FourCC>(), FourCC("ui8 "));
 }
 
-TEST(SMCKeyInfoTest, JsonHasTheFourMembersInOrderAndReadsBack) {
-    SMCKeyInfo info{"TC0P", "sp78", 2, 0xC0};
-    Json json = info;
+TEST(SMCKeyInfoTest, JsonHasTheFourMembersInOrder) {
+    Json json = SMCKeyInfo{"TC0P", "sp78", 2, 0xC0};
     EXPECT_EQ(json.dump(), R"({"key":"TC0P","type":"sp78","size":2,"attributes":192})");
-    EXPECT_EQ(json.get<SMCKeyInfo>(), info);
-    EXPECT_NE(std::hash<SMCKeyInfo>{}(info),
-              std::hash<SMCKeyInfo>{}(SMCKeyInfo{"TC0P", "sp78", 2, 0x80}));
 }
 
 TEST(SMCValueTest, DisplayPicksNumberTextOrBytes) {
