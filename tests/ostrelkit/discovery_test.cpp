@@ -136,19 +136,6 @@ TEST_F(DiscoveryTest, PerCoreShapedKeysAreCoresOnlyOnAppleSilicon) {
     }
 }
 
-TEST_F(DiscoveryTest, AMacProsPowerSupplySensorsAreNoCores) {
-    use(test::builtinMachine("macpro7-1"));
-    Discovery d = discover(*smc, "MacPro7,1", std::nullopt, system);
-    ASSERT_NE(sensor(d, "Tp0C"), nullptr);
-    for (const SensorDescriptor &s : d.sensors) {
-        EXPECT_EQ(s.name.find("-Core"), std::string::npos) << s.name;
-        if (s.info.key.description()[1] == 'p' || s.info.key.description()[1] == 'e') {
-            EXPECT_EQ(s.group, SensorGroup::other) << s.name;
-            EXPECT_FALSE(s.essential) << s.name;
-        }
-    }
-}
-
 TEST_F(DiscoveryTest, EssentialPromotionPerGroup) {
     useRows(
         "key Tm0P sp78 2 0xc0 45\n"  // board: the only known one, promoted
