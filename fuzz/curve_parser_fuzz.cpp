@@ -7,18 +7,11 @@
 #include <limits>
 #include <string_view>
 
+#include "check.h"
 #include "ostrel/fan_curve.h"
 #include "ostrel/fan_policy.h"
 
-namespace {
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-}  // namespace
+using ostrel::fuzz::check;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     using namespace ostrel;

@@ -6,18 +6,11 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "check.h"
 #include "ostrel/discovery.h"
 #include "ostrel/platform/text.h"
 
-namespace {
-
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-}  // namespace
+using ostrel::fuzz::check;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     using namespace ostrel;

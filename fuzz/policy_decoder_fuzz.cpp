@@ -8,15 +8,12 @@
 #include <string>
 #include <string_view>
 
+#include "check.h"
 #include "ostrel/policy_coding.h"
 
-namespace {
+using ostrel::fuzz::check;
 
-void check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
+namespace {
 
 void exercise(const ostrel::FanPolicy &policy) {
     std::string encoded = ostrel::PolicyCoding::encode(policy);
