@@ -7,7 +7,7 @@
 #include <limits>
 #include <string_view>
 
-#include "check.h"
+#include "fuzz_check.h"
 #include "ostrel/fan_curve.h"
 #include "ostrel/fan_policy.h"
 

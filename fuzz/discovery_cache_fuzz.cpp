@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "check.h"
+#include "fuzz_check.h"
 #include "ostrel/discovery.h"
 #include "ostrel/platform/text.h"
 

@@ -1,6 +1,7 @@
 // Any bytes as policy data, as a daemon receives them: decoding either fails with a
 // DecodingError or gives a policy whose encoding is stable across another round trip.
-// The same bytes go through the map decoder, as a client or the policy store reads them.
+// The same bytes go through the map decoder, as a client reads them, and are loaded as the
+// policies file: loading never throws and keeps only valid policies of canonical fans.
 
 #include <cstdint>
 #include <cstdlib>
@@ -8,12 +9,13 @@
 #include <string>
 #include <string_view>
 
-#include "check.h"
+#include "fuzz_check.h"
 #include "ostrel/policy_coding.h"
-
-using ostrel::fuzz::check;
+#include "ostrel/policy_store.h"
 
 namespace {
+
+using ostrel::fuzz::check;
 
 void exercise(const ostrel::FanPolicy &policy) {
     std::string encoded = ostrel::PolicyCoding::encode(policy);
@@ -41,6 +43,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             exercise(policy);
         }
     } catch (const DecodingError &) {
+    }
+    platform::FakeFiles files;
+    files.put("/policies.json", std::string(text));
+    for (const auto &[fan, policy] : PolicyStore::load("/policies.json", files)) {
+        check(fan >= 0);
+        policy.validate();  // anything invalid must have been dropped: a throw aborts
     }
     return 0;
 }

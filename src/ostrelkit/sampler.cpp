@@ -21,6 +21,8 @@ const FourCC kTestKey("Ftst");
 const FourCC kFanCount("FNum");
 const FourCC kBatteryTemperature("TB0T");
 constexpr std::size_t kMaxFans = 16;
+// A cache of the largest key tables is about 100 KiB; anything much bigger is not ours.
+constexpr std::size_t kMaxCacheBytes = 1 << 20;
 
 // The temperature services of the machine `smc` reaches, whatever OSTREL_SMC says.
 std::unique_ptr<csmc::TemperatureServices> temperatureServices(SMC &smc,
@@ -201,7 +203,7 @@ Discovery loadDiscovery(SMC &smc, bool useCache, const SystemAccess &system) {
     if (useCache) {
         // Only a file of our own: a cache planted by someone else would name the sensors
         // and seed the channel with made-up key information.
-        if (auto bytes = system.files->readOwn(path)) {
+        if (auto bytes = system.files->readOwn(path, kMaxCacheBytes)) {
             std::optional<Discovery> cached = Discovery::fromCache(*bytes);
             if (cached && cached->model == model && cached->keyCount == keyCount) {
                 for (const SensorDescriptor &sensor : cached->sensors) {
@@ -214,9 +216,8 @@ Discovery loadDiscovery(SMC &smc, bool useCache, const SystemAccess &system) {
     Discovery discovery = discover(smc, model, keyCount, system);
     if (useCache) {
         // A cache that cannot be written only costs the next run a scan.
-        std::string dir = path.substr(0, path.find_last_of('/'));
-        if (system.files->createDirectories(dir)) {
-            system.files->writeAtomic(path, discovery.cacheData());
+        if (system.files->createDirectories(platform::parentDirectory(path), 0755).ok()) {
+            system.files->writeAtomic(path, discovery.cacheData(), 0644);
         }
     }
     return discovery;

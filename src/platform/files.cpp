@@ -9,18 +9,47 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 
 #include "posix_io.h"
 
 namespace ostrel::platform {
 
+// The one place where this module turns errno into an error.
+FileResult FileResult::failure(std::string operation, std::string path, int errnoValue) {
+    return {std::error_code(errnoValue, std::generic_category()), std::move(operation),
+            std::move(path)};
+}
+
+std::string FileResult::message() const {
+    return ok() ? "" : "cannot " + operation + " " + path + ": " + error.message();
+}
+
+void FileResult::check() const {
+    if (!ok()) {
+        throw std::system_error(error, "cannot " + operation + " " + path);
+    }
+}
+
+std::string parentDirectory(const std::string &path) {
+    std::size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
 namespace posix {
 
-int readRest(int fd, std::string &out) {
+int readRest(int fd, std::string &out, std::size_t limit) {
     char chunk[65536];
+    std::size_t total = 0;
     for (;;) {
-        ssize_t n = ::read(fd, chunk, sizeof chunk);
+        // One byte past the limit is enough to know the file is too long.
+        std::size_t left = limit - total;
+        std::size_t room = left < sizeof chunk ? left + 1 : sizeof chunk;
+        ssize_t n = ::read(fd, chunk, room);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -30,46 +59,43 @@ int readRest(int fd, std::string &out) {
         if (n == 0) {
             return 0;
         }
+        if (static_cast<std::size_t>(n) > left) {
+            return EFBIG;
+        }
         out.append(chunk, static_cast<std::size_t>(n));
+        total += static_cast<std::size_t>(n);
     }
 }
 
-int readAll(const std::string &path, std::string &out) {
+int readAll(const std::string &path, std::string &out, std::size_t limit) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return errno;
     }
-    int error = readRest(fd, out);
+    int error = readRest(fd, out, limit);
     ::close(fd);
     return error;
+}
+
+int writeAll(int fd, std::string_view data) {
+    return transferAll(data.size(), [&](std::size_t done) {
+        return ::write(fd, data.data() + done, data.size() - done);
+    });
 }
 
 }  // namespace posix
 
 namespace {
 
-// write(2) until done; false on any error.
-bool writeAll(int fd, const std::string &data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
+// Flushes a directory's entries (a rename into it) to the disk; 0 or the errno.
+int syncDirectory(const std::string &dir) {
+    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
     }
-    return true;
-}
-
-std::string parentOf(const std::string &path) {
-    std::size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
+    int error = ::fsync(fd) == 0 ? 0 : errno;
+    ::close(fd);
+    return error;
 }
 
 class RealFiles final : public Files {
@@ -85,7 +111,17 @@ class RealFiles final : public Files {
         return contents;
     }
 
-    std::optional<std::string> readOwn(const std::string &path) const override {
+    std::optional<std::string> readAtMost(const std::string &path,
+                                          std::size_t maxBytes) const override {
+        std::string contents;
+        if (posix::readAll(path, contents, maxBytes) != 0) {
+            return std::nullopt;
+        }
+        return contents;
+    }
+
+    std::optional<std::string> readOwn(const std::string &path,
+                                       std::size_t maxBytes) const override {
         int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
         if (fd < 0) {
             return std::nullopt;
@@ -96,7 +132,9 @@ class RealFiles final : public Files {
             (st.st_uid == ::geteuid() || st.st_uid == 0) &&
             (st.st_mode & (S_IWGRP | S_IWOTH)) == 0) {
             contents.emplace();
-            posix::readRest(fd, *contents);
+            if (posix::readRest(fd, *contents, maxBytes) != 0) {
+                contents.reset();
+            }
         }
         ::close(fd);
         return contents;
@@ -118,31 +156,53 @@ class RealFiles final : public Files {
         return names;
     }
 
-    bool createDirectories(const std::string &dir) const override {
+    FileResult createDirectories(const std::string &dir, unsigned mode) const override {
         struct stat st {};
         if (::stat(dir.c_str(), &st) == 0) {
-            return S_ISDIR(st.st_mode);
+            return S_ISDIR(st.st_mode) ? FileResult{}
+                                       : FileResult::failure("create directory", dir, ENOTDIR);
         }
-        std::string parent = parentOf(dir);
-        if (parent != dir && !createDirectories(parent)) {
-            return false;
+        std::string parent = parentDirectory(dir);
+        if (parent != dir) {
+            FileResult made = createDirectories(parent, mode);
+            if (!made.ok()) {
+                return made;
+            }
         }
-        return ::mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST;
+        if (::mkdir(dir.c_str(), mode) != 0) {
+            return errno == EEXIST ? FileResult{}
+                                   : FileResult::failure("create directory", dir, errno);
+        }
+        // mkdir's mode passed through the umask; the caller asked for exactly `mode`.
+        ::chmod(dir.c_str(), mode);
+        return {};
     }
 
-    bool writeAtomic(const std::string &path, const std::string &contents) const override {
+    FileResult writeAtomic(const std::string &path, const std::string &contents,
+                           unsigned mode) const override {
         std::string temp = path + ".XXXXXX";
         int fd = ::mkostemp(temp.data(), O_CLOEXEC);
         if (fd < 0) {
-            return false;
+            return FileResult::failure("write", path, errno);
         }
-        bool ok = ::fchmod(fd, 0644) == 0 && writeAll(fd, contents) && ::fsync(fd) == 0;
-        ok = ::close(fd) == 0 && ok;
-        if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
+        ::fchmod(fd, mode);
+        int error = posix::writeAll(fd, contents);
+        if (error == 0 && ::fsync(fd) != 0) {
+            error = errno;
+        }
+        if (::close(fd) != 0 && error == 0) {
+            error = errno;
+        }
+        if (error == 0 && ::rename(temp.c_str(), path.c_str()) != 0) {
+            error = errno;
+        }
+        if (error != 0) {
             ::unlink(temp.c_str());
-            return false;
+            return FileResult::failure("write", path, error);
         }
-        return true;
+        // Without this the rename may still be lost in a power cut, leaving the old file.
+        error = syncDirectory(parentDirectory(path));
+        return error == 0 ? FileResult{} : FileResult::failure("write", path, error);
     }
 
     bool remove(const std::string &path) const override { return ::unlink(path.c_str()) == 0; }
@@ -163,11 +223,11 @@ std::optional<std::string> FakeFiles::read(const std::string &path) const {
     return it->second;
 }
 
-std::optional<std::string> FakeFiles::readOwn(const std::string &path) const {
+std::optional<std::string> FakeFiles::readOwn(const std::string &path, std::size_t maxBytes) const {
     if (foreign_.contains(path)) {
         return std::nullopt;
     }
-    return read(path);
+    return readAtMost(path, maxBytes);
 }
 
 std::optional<std::vector<std::string>> FakeFiles::list(const std::string &dir) const {
@@ -193,23 +253,31 @@ std::optional<std::vector<std::string>> FakeFiles::list(const std::string &dir) 
     return names;
 }
 
-bool FakeFiles::createDirectories(const std::string &dir) const {
-    if (readOnly_) {
-        return false;
-    }
-    for (std::string d = dir; !d.empty() && d != "/"; d = parentOf(d)) {
-        dirs_[d] = true;
-    }
-    return true;
+std::optional<std::string> FakeFiles::readAtMost(const std::string &path,
+                                                 std::size_t maxBytes) const {
+    std::optional<std::string> contents = read(path);
+    return contents && contents->size() <= maxBytes ? contents : std::nullopt;
 }
 
-bool FakeFiles::writeAtomic(const std::string &path, const std::string &contents) const {
+FileResult FakeFiles::createDirectories(const std::string &dir, unsigned mode) const {
     if (readOnly_) {
-        return false;
+        return FileResult::failure("create directory", dir, EROFS);
+    }
+    for (std::string d = dir; !d.empty() && d != "/" && d != "."; d = parentDirectory(d)) {
+        dirs_.try_emplace(d, mode);
+    }
+    return {};
+}
+
+FileResult FakeFiles::writeAtomic(const std::string &path, const std::string &contents,
+                                  unsigned mode) const {
+    if (readOnly_) {
+        return FileResult::failure("write", path, EROFS);
     }
     files_[path] = contents;
     foreign_.erase(path);
-    return true;
+    modes_[path] = mode;
+    return {};
 }
 
 bool FakeFiles::remove(const std::string &path) const {
@@ -217,6 +285,16 @@ bool FakeFiles::remove(const std::string &path) const {
         return false;
     }
     return files_.erase(path) > 0;
+}
+
+std::optional<unsigned> FakeFiles::mode(const std::string &path) const {
+    if (auto it = modes_.find(path); it != modes_.end()) {
+        return it->second;
+    }
+    if (auto it = dirs_.find(path); it != dirs_.end()) {
+        return it->second;
+    }
+    return std::nullopt;
 }
 
 }  // namespace ostrel::platform

@@ -130,14 +130,22 @@ class CountingFiles final : public ostrel::platform::Files {
         inputReads += path.ends_with("_input");
         return realFiles().read(path);
     }
-    std::optional<std::string> readOwn(const std::string &path) const override {
-        return realFiles().readOwn(path);
+    std::optional<std::string> readAtMost(const std::string &path, std::size_t max) const override {
+        return realFiles().readAtMost(path, max);
+    }
+    std::optional<std::string> readOwn(const std::string &path, std::size_t max) const override {
+        return realFiles().readOwn(path, max);
     }
     std::optional<std::vector<std::string>> list(const std::string &dir) const override {
         return realFiles().list(dir);
     }
-    bool createDirectories(const std::string &) const override { return false; }
-    bool writeAtomic(const std::string &, const std::string &) const override { return false; }
+    ostrel::platform::FileResult createDirectories(const std::string &, unsigned) const override {
+        return {};
+    }
+    ostrel::platform::FileResult writeAtomic(const std::string &, const std::string &,
+                                             unsigned) const override {
+        return {};
+    }
     bool remove(const std::string &) const override { return false; }
 };
 

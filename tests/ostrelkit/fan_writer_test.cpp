@@ -1,5 +1,5 @@
-// The fan writer against the virtual Mac's firmware rules, read back from its journal; and
-// one closed loop of sampler, engine and writer on a machine whose time passes.
+// The fan writer against the virtual Mac's firmware rules, read back from its journal. The
+// loop closed over sampler, engine and writer is the controller's (tests/helper).
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,6 @@
 #include <cmath>
 
 #include "ostrel/fan_writer.h"
-#include "ostrel/policy_engine.h"
 #include "ostrel/sampler.h"
 #include "support/sandbox.h"
 #include "support/test_machine.h"
@@ -15,8 +14,8 @@
 namespace {
 
 using namespace ostrel;
+using test::Write;
 using testing::ElementsAre;
-using Write = std::pair<std::string, double>;
 
 class FanWriterTest : public testing::Test, protected test::Sandbox {
   protected:
@@ -33,22 +32,7 @@ class FanWriterTest : public testing::Test, protected test::Sandbox {
         machine->clearJournal();
     }
 
-    // The accepted writes since the last call, decoded with each key's type.
-    std::vector<Write> writes() {
-        std::vector<Write> out;
-        for (const vsmc::ExchangeRecord &r : machine->journal()) {
-            if (r.command != SMC_CMD_WRITE || r.kern != 0 || r.result != 0) {
-                continue;
-            }
-            const vsmc::KeyEntry *entry = machine->keys().find(r.key);
-            double value = 0;
-            smc_decode_double(entry->type, r.bytes.data(),
-                              static_cast<std::uint32_t>(r.bytes.size()), &value);
-            out.emplace_back(FourCC(r.key).description(), value);
-        }
-        machine->clearJournal();
-        return out;
-    }
+    std::vector<Write> writes() { return test::takeWrites(*machine); }
     std::size_t refusedModeWrites() {
         std::size_t n = 0;
         for (const vsmc::ExchangeRecord &r : machine->journal()) {
@@ -168,49 +152,6 @@ TEST_F(FanWriterTest, AMaskThatIsNoBitMaskFailsTheFanAndIsSkippedWhenAllGoBack) 
     machine->clearJournal();
     writer->setAllAuto();
     EXPECT_THAT(writes(), ElementsAre(Write{"F1Md", 0})) << "fan 0 skipped, fan 1 handed back";
-}
-
-// Sampler, engine and writer on a T2 machine whose time passes two seconds a tick, applying
-// actions as the daemon's controller does.
-TEST_F(FanWriterTest, ClosedLoopFollowsThePolicyAndHandsBackInTheFailsafe) {
-    useMachine(test::builtinMachine("macbookpro16-1"));
-    Sampler sampler(smc, SamplerScope::essential, false, system);
-    sampler.parts = {SamplerParts::temperatures, SamplerParts::fans};
-    FanPolicyEngine engine(SafetyLimits::forHardware(sampler.discovery().fanTestKey));
-    engine.set(FanPolicy::fixed(3000), 0);
-    engine.set(FanPolicy::curve(FanCurve("40:min,60:max", CurveSensor::cpu)), 1);
-    bool failsafe = false;
-    auto tick = [&] {
-        for (const FanPolicyEngine::Action &action : engine.tick(sampler.sample())) {
-            if (auto *manual = std::get_if<FanPolicyEngine::Manual>(&action)) {
-                writer->setManual(manual->fan, manual->rpm);
-            } else if (auto *automatic = std::get_if<FanPolicyEngine::Auto>(&action)) {
-                writer->setAuto(automatic->fan);
-            } else if (std::holds_alternative<FanPolicyEngine::Failsafe>(action)) {
-                writer->setAllAuto();
-                failsafe = true;
-            }
-        }
-        machine->advance(2.0);
-    };
-    for (int i = 0; i < 10; ++i) {
-        tick();
-    }
-    EXPECT_TRUE(machine->fanManual(0));
-    EXPECT_EQ(machine->number(FourCC("F0Tg").rawValue), 3000);
-    EXPECT_NEAR(*machine->number(FourCC("F0Ac").rawValue), 3000, 150) << "the fan got there";
-    EXPECT_TRUE(machine->fanManual(1));
-
-    machine->setLoad(1.0, 1.0);  // flat out with both fans held low: the CPU must overheat
-    engine.set(FanPolicy::fixed(0), 0);
-    engine.set(FanPolicy::fixed(0), 1);
-    for (int i = 0; i < 300 && !failsafe; ++i) {
-        tick();
-    }
-    ASSERT_TRUE(failsafe) << machine->time();
-    EXPECT_TRUE(engine.suspended());
-    EXPECT_FALSE(machine->fanManual(0));
-    EXPECT_FALSE(machine->fanManual(1));
 }
 
 }  // namespace

@@ -44,10 +44,7 @@ class SamplerTest : public testing::Test, protected test::Sandbox {
     std::unique_ptr<Sampler> make(SamplerScope scope) {
         return std::make_unique<Sampler>(smc, scope, false, system);
     }
-    void set(const char *key, double value) {
-        vsmc::KeyEntry *entry = machine.keys().find(FourCC(key).rawValue);
-        smc_encode_double(entry->type, entry->size, entry->bytes.data(), value);
-    }
+    void set(const char *key, double value) { test::setNumber(machine, key, value); }
     static std::vector<std::string> keys(const std::vector<Reading> &readings) {
         std::vector<std::string> out;
         for (const Reading &r : readings) {

@@ -48,19 +48,23 @@ TEST(PathsTest, DiscoveryCacheFollowsXdgThenHome) {
         << "never one shared name in a directory anyone may write";
 }
 
-TEST(FilesTest, ReadKeepsBytesBeforeAFailedReadAndReadOwnRefusesFilesOthersMayWrite) {
+TEST(FilesTest, ReadKeepsBytesBeforeAFailedReadAndReadOwnRefusesFilesOthersMayWriteOrTooLong) {
     ostrel::test::TempDir dir;
     const ostrel::platform::Files &files = ostrel::platform::realFiles();
     EXPECT_EQ(files.read(dir.path()), "") << "opens, then the first read fails";
     EXPECT_EQ(files.read(dir.path() + "/missing"), std::nullopt);
     std::string file = dir.put("cache", "mine");
-    EXPECT_EQ(files.readOwn(file), "mine");
+    EXPECT_EQ(files.readOwn(file, 100), "mine");
+    EXPECT_EQ(files.readOwn(file, 3), std::nullopt) << "longer than asked for";
+    std::string big = dir.put("big", std::string(70000, 'x'));
+    EXPECT_EQ(files.readAtMost(big, 100000).value_or("").size(), 70000u);
+    EXPECT_EQ(files.readAtMost(big, 69999), std::nullopt);
     std::filesystem::permissions(file, std::filesystem::perms::group_write,
                                  std::filesystem::perm_options::add);
-    EXPECT_EQ(files.readOwn(file), std::nullopt);
+    EXPECT_EQ(files.readOwn(file, 100), std::nullopt);
     std::filesystem::create_symlink(dir.path() + "/cache", dir.path() + "/link2");
-    EXPECT_EQ(files.readOwn(dir.path() + "/link2"), std::nullopt) << "links are not followed";
-    EXPECT_EQ(files.readOwn(dir.path()), std::nullopt) << "not a regular file";
+    EXPECT_EQ(files.readOwn(dir.path() + "/link2", 100), std::nullopt) << "links are not followed";
+    EXPECT_EQ(files.readOwn(dir.path(), 100), std::nullopt) << "not a regular file";
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "csmc/smc.h"
 #include "csmc/transport.h"
@@ -64,6 +66,38 @@ inline std::int32_t writeNumber(smc_conn *conn, std::uint32_t key, double value)
 
 inline std::int32_t writeNumber(smc_conn *conn, const char *key, double value) {
     return writeNumber(conn, smc_fourcc(key), value);
+}
+
+// Sets a key of the machine to a number in the key's own type, behind the channel's back
+// (read-only keys included), as the hardware would change it.
+inline void setNumber(vsmc::Machine &machine, const char *key, double value) {
+    vsmc::KeyEntry *entry = machine.keys().find(smc_fourcc(key));
+    smc_encode_double(entry->type, entry->size, entry->bytes.data(), value);
+}
+
+// A write the machine accepted: the key's text and the number written.
+using Write = std::pair<std::string, double>;
+
+// The writes the machine accepted since its journal was last cleared, decoded with each
+// key's type, in order; clears the journal.
+inline std::vector<Write> takeWrites(vsmc::Machine &machine) {
+    std::vector<Write> out;
+    for (const vsmc::ExchangeRecord &r : machine.journal()) {
+        if (r.command != SMC_CMD_WRITE || r.kern != 0 || r.result != 0) {
+            continue;
+        }
+        const vsmc::KeyEntry *entry = machine.keys().find(r.key);
+        double value = 0;
+        smc_decode_double(entry->type, r.bytes.data(), static_cast<std::uint32_t>(r.bytes.size()),
+                          &value);
+        std::string key(4, ' ');
+        for (int i = 0; i < 4; ++i) {
+            key[i] = static_cast<char>(r.key >> (24 - 8 * i));
+        }
+        out.emplace_back(key, value);
+    }
+    machine.clearJournal();
+    return out;
 }
 
 }  // namespace ostrel::test

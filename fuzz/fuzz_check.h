@@ -1,5 +1,5 @@
-// What every fuzz target uses to report a broken property: an abort, which libFuzzer
-// records as a crash with the input that caused it.
+// The fuzz targets' assertion: a broken property aborts, which libFuzzer reports with the
+// input that caused it (assert would vanish under NDEBUG).
 #pragma once
 
 #include <cstdlib>

@@ -1,0 +1,266 @@
+// The fan controller on each built-in virtual Mac, with a fake clock and a manual queue:
+// start-up and restore, the 2 s loop, write smoothing, the failsafe, policy changes and
+// their storage, shutdown. What reaches the fans is read back from the machine's journal.
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "controller.h"
+#include "ostrel/policy_store.h"
+#include "support/sandbox.h"
+#include "support/test_machine.h"
+
+namespace {
+
+using namespace ostrel;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+struct Profile {
+    const char *name;
+    double hot = 95.3, cool = 80;  // above the failsafe's ceiling, below its resume point
+    const char *failsafeLine =
+        "FAILSAFE: 95.3 °C ≥ 95 °C; fans on auto, policies suspended until below 85 °C for 60 s";
+    const char *resumeLine = "cooled to 80.0 °C; resuming fan policies";
+};
+void PrintTo(const Profile &profile, std::ostream *out) {
+    *out << profile.name;
+}
+
+const Profile kProfiles[] = {
+    {"macbookpro10-1"},
+    {"macbookpro16-1"},
+    {"macbookpro18-2", 110.3, 99.5,
+     "FAILSAFE: 110.3 °C ≥ 110 °C; fans on auto, policies suspended until below 100 °C for 60 s",
+     "cooled to 99.5 °C; resuming fan policies"},
+    {"macpro7-1"},
+};
+
+// A controller on a built-in machine, driven by a manual queue, logging into `lines`.
+struct Harness : test::Sandbox {
+    explicit Harness(const char *profile) : machine(test::builtinMachine(profile)) {
+        machine.setUnlockRefusals(0);
+    }
+
+    const std::string path = "/var/lib/dev.ostrel/fan-policies.json";
+    vsmc::Machine machine;
+    platform::FakeFiles files;
+    platform::ManualQueue queue{clock};
+    std::vector<std::string> lines;
+    std::unique_ptr<helper::Controller> controller;
+
+    // Creates and starts the controller on a machine at 60 °C (one profile has a sensor
+    // that runs hot); `forget` drops the start's lines and exchanges.
+    void start(bool forget = true) {
+        controller = std::make_unique<helper::Controller>(helper::ControllerServices{
+            queue, system, files, path, [this](std::string_view line) { lines.emplace_back(line); },
+            [this] {
+                return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
+            }});
+        controller->start();
+        heat(60);
+        if (forget) {
+            machine.clearJournal();
+            lines.clear();
+        }
+    }
+    void setPolicy(const FanPolicy &policy, std::int64_t fan) {
+        queue.sync([&] { controller->setPolicy(policy, fan); });
+    }
+    void heat(double celsius) {  // every temperature sensor
+        for (const SensorDescriptor &s : controller->discovery().sensors) {
+            if (s.quantity == Quantity::temperature) {
+                test::setNumber(machine, s.info.key.description().c_str(), celsius);
+            }
+        }
+    }
+    // The target written to fan 0 in each of `ticks` ticks (0: none).
+    std::vector<double> targetsOverTicks(int ticks) {
+        std::vector<double> out;
+        for (int i = 0; i < ticks; ++i) {
+            queue.advance(2s);
+            out.push_back(0);
+            for (const test::Write &w : test::takeWrites(machine)) {
+                out.back() = w.first == "F0Tg" ? w.second : out.back();
+            }
+        }
+        return out;
+    }
+    bool anyFanManual() const {
+        bool any = false;
+        for (std::size_t i = 0; i < machine.fanCount(); ++i) {
+            any = any || machine.fanManual(i);
+        }
+        return any;
+    }
+};
+
+class ControllerTest : public testing::TestWithParam<Profile>, protected Harness {
+  protected:
+    ControllerTest() : Harness(GetParam().name) {}
+    void SetUp() override { ASSERT_TRUE(machine.setFanLimits(0, 1000, 6000)); }
+};
+
+TEST_P(ControllerTest, StartsWithEveryFanOnAutoAndLeavesTheSMCAloneWithoutPolicies) {
+    machine.keys().find(smc_fourcc("F1Md")) ? test::setNumber(machine, "F1Md", 1)
+                                            : test::setNumber(machine, "FS! ", 2);
+    start(false);
+    std::size_t essential = 0;
+    for (const SensorDescriptor &s : controller->discovery().sensors) {
+        essential += s.essential;
+    }
+    EXPECT_THAT(lines,
+                ElementsAre(fmt::format("started; {} fan(s), {} control sensors; fans set to auto",
+                                        machine.fanCount(), essential)));
+    EXPECT_FALSE(anyFanManual());
+    machine.clearJournal();
+    queue.advance(60s);
+    EXPECT_EQ(machine.totalExchanges(), 0u);
+}
+
+TEST_P(ControllerTest, RestoresStoredPoliciesOfFansThatExistAndTicksAfterTwoSeconds) {
+    files.put(path, R"({"7":{"fixed":{"rpm":3000}},"1":{"auto":{}},"0":{"fixed":{"rpm":"inf"}}})");
+    start(false);
+    EXPECT_THAT(lines, ElementsAre(testing::_, "fan 0: restored fixed max"));
+    EXPECT_EQ(controller->policies(), (PolicyMap{{0, FanPolicy::fixed(INFINITY)}}));
+    machine.clearJournal();
+    queue.advance(1900ms);
+    EXPECT_EQ(machine.totalExchanges(), 0u);
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(6000));
+}
+
+TEST_P(ControllerTest, RaisesAtOnceLowersBy400PerTickFromTheLastSuccessfulWrite) {
+    start();
+    setPolicy(FanPolicy::curve(FanCurve("50:1000,90:5000", CurveSensor::max)), 0);
+    heat(80);
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(4000));
+    heat(52);  // 1200 rpm; the first write fails and is tried again from 4000
+    machine.injectFault({smc_fourcc("F0Tg"), SMC_CMD_WRITE, 1, 0, 0x86});
+    EXPECT_THAT(targetsOverTicks(10),
+                ElementsAre(0, 3600, 3200, 2800, 2400, 2000, 1600, 1200, 0, 0));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1].rfind("fan 0: write failed: ", 0), 0u) << lines[1];
+    heat(70);  // 3000 rpm, then 3040 (not written) and 3060
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(3000));
+    heat(70.4);
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(0));
+    heat(70.6);
+    EXPECT_NEAR(targetsOverTicks(1).at(0), 3060, 1);
+    setPolicy(FanPolicy::fixed(1200), 0);
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(1200)) << "a new policy is not ramped";
+}
+
+TEST_P(ControllerTest, FailsafeHandsEveryFanBackAndResumesAfterThirtyCoolTicks) {
+    start();
+    setPolicy(FanPolicy::fixed(2000), 0);
+    heat(GetParam().hot);
+    EXPECT_THAT(targetsOverTicks(2), ElementsAre(2000, 0));
+    EXPECT_EQ(lines.back(), GetParam().failsafeLine);
+    EXPECT_FALSE(anyFanManual());
+    heat(GetParam().cool);
+    lines.clear();
+    std::vector<double> resumed(29, 0.0);
+    resumed.push_back(2000);
+    EXPECT_EQ(targetsOverTicks(30), resumed);
+    EXPECT_THAT(lines, ElementsAre(GetParam().resumeLine));
+}
+
+TEST_P(ControllerTest, PolicyChangesAreValidatedLoggedAndSavedAndFailedSavesLogged) {
+    start();
+    EXPECT_THROW(setPolicy(FanPolicy::fixed(-1), 0), FanControlError);
+    try {
+        setPolicy(FanPolicy::fixed(2500), 7);
+        FAIL();
+    } catch (const FanControlError &e) {
+        EXPECT_STREQ(e.what(), "no fan with id 7");
+    }
+    EXPECT_FALSE(files.read(path)) << "nothing saved for refused changes";
+    setPolicy(FanPolicy::fixed(INFINITY), 0);
+    setPolicy(FanPolicy::fixed(2500), -1);
+    queue.advance(2s);  // fans manual (and test keys set) before one goes back
+    setPolicy(FanPolicy(), 1);
+    std::vector<std::string> expected = {"fan 0: fixed max"};
+    for (std::size_t i = 0; i < machine.fanCount(); ++i) {
+        expected.push_back(fmt::format("fan {}: fixed 2500 rpm", i));
+    }
+    expected.push_back("fan 1: auto");
+    EXPECT_EQ(lines, expected);
+    EXPECT_FALSE(machine.fanManual(1));
+    EXPECT_EQ(PolicyStore::load(path, files), controller->policies());
+    files.setReadOnly(true);
+    setPolicy(FanPolicy::fixed(3000), 0);
+    EXPECT_EQ(lines.back(),
+              "could not save policies: cannot create directory "
+              "/var/lib/dev.ostrel: Read-only file system");
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(3000)) << "in force all the same";
+    setPolicy(FanPolicy(), -1);
+    EXPECT_EQ(machine.number(smc_fourcc("Ftst")).value_or(0), 0) << "handed back with the fans";
+}
+
+TEST_P(ControllerTest, AutoThatFailsResetsEveryFan) {
+    start();
+    setPolicy(FanPolicy::fixed(2500), -1);
+    queue.advance(2s);
+    ASSERT_TRUE(anyFanManual());
+    machine.injectFault({std::nullopt, SMC_CMD_WRITE, 1, 0, 0x86});
+    lines.clear();
+    setPolicy(FanPolicy(), 0);
+    EXPECT_THAT(lines.at(0),
+                testing::MatchesRegex("fan 0: auto failed \\(.+\\); resetting all fans"));
+    EXPECT_FALSE(anyFanManual());
+}
+
+TEST_P(ControllerTest, AllFansOnAMachineWithoutFansIsASuccessfulSave) {
+    ASSERT_TRUE(machine.vanishKey(smc_fourcc("FNum")));
+    start();
+    setPolicy(FanPolicy::fixed(2500), -1);
+    EXPECT_EQ(files.read(path), "{}");
+    EXPECT_TRUE(lines.empty());
+}
+
+TEST_P(ControllerTest, AfterShutdownNoTickTouchesTheFans) {
+    start();
+    setPolicy(FanPolicy::fixed(2500), 0);
+    queue.advance(2s);
+    queue.sync([this] { controller->shutdown("signal 15"); });
+    EXPECT_EQ(lines.back(), "signal 15; fans returned to auto");
+    EXPECT_FALSE(anyFanManual());
+    machine.clearJournal();
+    queue.async([this] { controller->tick(); });  // a request's tick queued behind the stop
+    queue.advance(10s);
+    EXPECT_EQ(machine.totalExchanges(), 0u);
+    EXPECT_THROW(controller->tick(), std::logic_error) << "off the queue";
+}
+
+// The loop closed over a machine whose time passes: the fans follow their policies, and a
+// machine flat out with its fans held low trips the failsafe.
+TEST(ControllerLoopTest, FansFollowTheirPoliciesUntilTheFailsafeHandsThemBack) {
+    Harness h("macbookpro16-1");
+    h.start();
+    h.setPolicy(FanPolicy::fixed(3000), 0);
+    h.setPolicy(FanPolicy::curve(FanCurve("40:min,60:max", CurveSensor::cpu)), 1);
+    auto run = [&](int ticks) {
+        for (int i = 0; i < ticks && !h.controller->engine().suspended(); ++i) {
+            h.queue.advance(2s);
+            h.machine.advance(2.0);
+        }
+    };
+    run(10);
+    EXPECT_NEAR(*h.machine.number(smc_fourcc("F0Ac")), 3000, 150) << "the fan got there";
+    EXPECT_TRUE(h.machine.fanManual(1));
+    h.machine.setLoad(1.0, 1.0);
+    h.setPolicy(FanPolicy::fixed(0), -1);
+    run(300);
+    ASSERT_TRUE(h.controller->engine().suspended()) << h.machine.time();
+    EXPECT_FALSE(h.anyFanManual());
+}
+
+INSTANTIATE_TEST_SUITE_P(BuiltinMachines, ControllerTest, testing::ValuesIn(kProfiles),
+                         [](const auto &info) {
+                             std::string name = info.param.name;
+                             std::erase(name, '-');
+                             return name;
+                         });
+
+}  // namespace

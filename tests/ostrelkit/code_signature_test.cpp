@@ -1,0 +1,162 @@
+// Signature blocks, team identifiers, requirements and the checks on files.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "ostrel/code_signature.h"
+#include "support/signing.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace ostrel;
+
+const std::string kContent = std::string(
+                                 "\x7f"
+                                 "ELF\x02\x01\x01",
+                                 7) +
+                             std::string(57, 'x');
+const std::string kZeroSeedKey =
+    "ostrel signing key 1\nAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=\n";
+
+SignatureInfo verifyBytes(const std::string &bytes) {
+    return verifySignature(*platform::memoryFile(bytes));
+}
+
+class CodeSignatureTest : public testing::Test {
+  protected:
+    SigningKey teamA = SigningKey::generate();
+    SigningKey teamB = SigningKey::generate();
+    test::TempDir dir;
+};
+
+TEST_F(CodeSignatureTest, SignedBlocksVerify) {
+    SignatureInfo keyed = verifyBytes(test::signedBytes(kContent, "dev.ostrel.cli", &teamA));
+    EXPECT_TRUE(keyed.valid()) << keyed.problem;
+    EXPECT_EQ(keyed.identifier, "dev.ostrel.cli");
+    EXPECT_EQ(keyed.team, teamA.team());
+    EXPECT_EQ(keyed.contentSize, kContent.size());
+
+    SignatureInfo adhoc = verifyBytes(test::signedBytes(kContent, "dev.ostrel.cli", nullptr));
+    EXPECT_TRUE(adhoc.valid() && adhoc.adhoc());
+    EXPECT_FALSE(adhoc.team);
+    EXPECT_THROW(signatureBlock(kContent, "has space", nullptr), CodeSigningError);
+}
+
+TEST_F(CodeSignatureTest, TeamIdentifierIsAFixedFunctionOfTheKey) {
+    // Worked out independently (BLAKE2b-256 of the key, 50 bits in Crockford base 32); the
+    // example in docs/code-signing.md.
+    EXPECT_EQ(SigningKey::fromText(kZeroSeedKey).team(), "D2ETWBVQP1");
+    EXPECT_NE(teamA.team(), teamB.team());
+    EXPECT_THROW(SigningKey::fromText("ostrel signing key 1\nAAAA\n"), CodeSigningError);
+}
+
+TEST_F(CodeSignatureTest, NoByteOfAKeyedFileCanChange) {
+    std::string good = test::signedBytes(kContent, "dev.ostrel.cli", &teamA);
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        std::string bad = good;
+        bad[i] = static_cast<char>(bad[i] ^ 0x01);
+        EXPECT_FALSE(verifyBytes(bad).valid()) << "byte " << i << " of " << good.size();
+    }
+}
+
+TEST_F(CodeSignatureTest, AdhocBlocksCoverTheContent) {
+    std::string good = test::signedBytes(kContent, "dev.ostrel.cli", nullptr);
+    for (std::size_t i = 0; i < kContent.size(); ++i) {
+        std::string bad = good;
+        bad[i] = static_cast<char>(bad[i] ^ 0x80);
+        EXPECT_EQ(verifyBytes(bad).status, SignatureStatus::invalid) << "byte " << i;
+    }
+}
+
+TEST_F(CodeSignatureTest, TruncatedOrMisleadingBlocksAreNotSigned) {
+    std::string good = test::signedBytes(kContent, "dev.ostrel.cli", &teamA);
+    for (std::size_t size = 0; size < good.size(); ++size) {
+        EXPECT_EQ(verifyBytes(good.substr(0, size)).status, SignatureStatus::notSigned) << size;
+    }
+    std::string trailerOnly = good.substr(good.size() - 16);
+    std::size_t body = good.size() - kContent.size() - 16;
+    auto withLength = [&](std::uint32_t length, std::string bytes) {
+        std::memcpy(bytes.data() + bytes.size() - 16, &length, 4);  // little-endian host
+        return bytes;
+    };
+    for (const std::string &bytes :
+         {trailerOnly, withLength(0xFFFFFFFF, good),
+          withLength(static_cast<std::uint32_t>(good.size()), good),
+          withLength(static_cast<std::uint32_t>(body + 1), good),
+          withLength(static_cast<std::uint32_t>(body - 1), good), std::string("plain text\n")}) {
+        SignatureInfo info = verifyBytes(bytes);
+        EXPECT_EQ(info.status, SignatureStatus::notSigned);
+        EXPECT_EQ(info.contentSize, bytes.size());
+    }
+}
+
+TEST_F(CodeSignatureTest, HelperCandidatesMustBeTheDaemonOfTheTeam) {
+    auto put = [&](const std::string &name, const std::string &identifier, const SigningKey *key) {
+        std::string path = dir.path() + "/" + name;
+        test::writeExecutable(path, test::signedBytes(kContent, identifier, key));
+        return path;
+    };
+    std::string good = put("helper", "dev.ostrel.helper", &teamA);
+    std::string link = dir.path() + "/link";
+    std::string fifo = dir.path() + "/fifo";
+    ASSERT_EQ(::symlink(good.c_str(), link.c_str()), 0);
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    struct Case {
+        std::string path;
+        bool satisfies;
+    } cases[] = {
+        {good, true},
+        {link, true},  // satisfies examines what a link names; lstat checks come before it
+        {put("other-team", "dev.ostrel.helper", &teamB), false},
+        {put("other-id", "dev.ostrel.cli", &teamA), false},
+        {put("adhoc", "dev.ostrel.helper", nullptr), false},
+        {dir.put("unsigned", kContent), false},
+        {dir.put("text", "#!/bin/sh\necho hi\n"), false},
+        {dir.path() + "/missing", false},
+        {dir.path(), false},
+        {fifo, false},  // and does not hang
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(HelperSelfUpdate::satisfies(c.path, teamA.team()), c.satisfies) << c.path;
+    }
+    EXPECT_FALSE(HelperSelfUpdate::satisfies(good, ""));
+    Signer pinned{teamA.team(), teamB.publicKey()};
+    EXPECT_FALSE(HelperSelfUpdate::satisfies(good, HelperSelfUpdate::requirement(pinned)));
+}
+
+TEST_F(CodeSignatureTest, RequirementsExplainWhatIsMissing) {
+    CodeRequirement client = clientRequirement(teamA.team());
+    EXPECT_EQ(client.text(), "team \"" + teamA.team() +
+                                 "\" and (identifier \"dev.ostrel.cli\" or identifier "
+                                 "\"dev.ostrel.app\")");
+    EXPECT_EQ(clientRequirement(std::nullopt).text(),
+              "(identifier \"dev.ostrel.cli\" or identifier \"dev.ostrel.app\")");
+    EXPECT_EQ(HelperSelfUpdate::requirement("T").text(),
+              "team \"T\" and identifier \"dev.ostrel.helper\"");
+
+    EXPECT_EQ(client.unmetBy(verifyBytes(test::signedBytes(kContent, "dev.ostrel.app", &teamB))),
+              "signed by team " + teamB.team() + ", not " + teamA.team());
+    EXPECT_EQ(client.unmetBy(verifyBytes(test::signedBytes(kContent, "dev.ostrel.app", nullptr))),
+              "ad hoc signed, but team " + teamA.team() + " is required");
+    EXPECT_EQ(client.unmetBy(verifyBytes(kContent)), "not signed");
+    EXPECT_TRUE(
+        clientRequirement(std::nullopt)
+            .isSatisfiedBy(verifyBytes(test::signedBytes(kContent, "dev.ostrel.app", nullptr))));
+}
+
+TEST_F(CodeSignatureTest, OwnTeamComesFromTheRunningExecutable) {
+    platform::FakeFileAccess files;
+    EXPECT_EQ(CodeSignature::teamIdentifier(files), std::nullopt);
+    files.put("/proc/self/exe", test::signedBytes(kContent, "dev.ostrel.helper", nullptr));
+    EXPECT_EQ(CodeSignature::teamIdentifier(files), std::nullopt);
+    files.put("/proc/self/exe", test::signedBytes(kContent, "dev.ostrel.helper", &teamA));
+    EXPECT_EQ(CodeSignature::teamIdentifier(files), teamA.team());
+    files.put("/proc/self/exe", test::signedBytes(kContent, "dev.ostrel.helper", &teamA) + "!");
+    EXPECT_EQ(CodeSignature::teamIdentifier(files), std::nullopt);
+}
+
+}  // namespace

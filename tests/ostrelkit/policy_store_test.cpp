@@ -1,0 +1,112 @@
+// The helper link's constants, and the policies file: what loading keeps, what saving
+// refuses, and, on the real file system, that a save is atomic and leaves exact modes.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <csignal>
+
+#include "ostrel/helper_constants.h"
+#include "ostrel/policy_store.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace ostrel;
+
+const std::string kPath = "/var/lib/dev.ostrel/fan-policies.json";
+
+TEST(HelperConstantsTest, VersionJoinsProtocolAndProductAndPathsFollowTheRoot) {
+    EXPECT_EQ(HelperConstants::version, "1/1.1.13");
+    platform::FakeEnvironment env;
+    env.set("OSTREL_ROOT", "/sandbox");
+    EXPECT_EQ(HelperConstants::policiesFile(platform::Paths(env)), "/sandbox" + kPath);
+}
+
+TEST(PolicyStoreTest, LoadDropsBadMembersOneByOneAndBadFilesWhole) {
+    struct Case {
+        std::optional<std::string> file;
+        PolicyMap expected;
+    };
+    const FanPolicy f2500 = FanPolicy::fixed(2500);
+    const Case cases[] = {
+        {R"({"0":{"fixed":{"rpm":2500}},"01":{"fixed":{"rpm":1}},"-1":{"fixed":{"rpm":1}}})",
+         {{0, f2500}}},
+        {R"({"0":{"fixed":{"rpm":-5}},"1":{"fixed":{"rpm":2500}},"2":{"fixed":{"rpm":"nan"}},
+            "3":{"curve":{"_0":{"points":[{"temperature":70,"rpm":1},{"temperature":50,"rpm":2}],
+            "sensor":"cpu"}}}})",
+         {{1, f2500}}},
+        {R"({"4":{"fixed":{"rpm":"inf"}}})", {{4, FanPolicy::fixed(INFINITY)}}},
+        {"hello", {}},
+        {R"({"0":{"fixed":{"rpm":2500}},"1":{"fan":{}}})", {}},  // one undecodable value
+        {std::nullopt, {}},
+        {R"({"0":{"fixed":{"rpm":2500}}})" + std::string(PolicyStore::kMaxFileSize, ' '), {}},
+    };
+    for (const Case &c : cases) {
+        platform::FakeFiles files;
+        if (c.file) {
+            files.put(kPath, *c.file);
+        }
+        EXPECT_EQ(PolicyStore::load(kPath, files), c.expected) << c.file.value_or("(none)");
+    }
+}
+
+TEST(PolicyStoreTest, SaveRefusesAnInvalidPolicyAndLeavesTheFileAsItWas) {
+    platform::FakeFiles files;
+    files.put(kPath, "old");
+    try {
+        PolicyStore::save({{0, FanPolicy::fixed(2000)}, {1, FanPolicy::fixed(-1)}}, kPath, files);
+        FAIL();
+    } catch (const FanControlError &e) {
+        EXPECT_STREQ(e.what(), "invalid fan speed");
+    }
+    EXPECT_EQ(files.read(kPath), "old");
+}
+
+class PolicyStoreFilesTest : public testing::Test {
+  protected:
+    test::TempDir root;
+    std::string path = root.path() + kPath;
+    const platform::Files &files = platform::realFiles();
+    PolicyMap policies{{0, FanPolicy::fixed(2500)}, {1, FanPolicy::fixed(INFINITY)}};
+};
+
+TEST_F(PolicyStoreFilesTest, SaveCreatesTheDirectoryAndGivesExactModesWhateverTheUmask) {
+    mode_t old = umask(077);
+    PolicyStore::save(policies, path, files);
+    umask(old);
+    EXPECT_EQ(root.read(kPath.substr(1)),
+              R"({"0":{"fixed":{"rpm":2500}},"1":{"fixed":{"rpm":"inf"}}})");
+    struct stat dir {
+    }, file{};
+    ASSERT_EQ(stat((root.path() + "/var/lib/dev.ostrel").c_str(), &dir), 0);
+    ASSERT_EQ(stat(path.c_str(), &file), 0);
+    EXPECT_EQ(dir.st_mode & 07777, 0755u);
+    EXPECT_EQ(file.st_mode & 07777, 0644u);
+    EXPECT_EQ(PolicyStore::load(path, files), policies);
+}
+
+TEST_F(PolicyStoreFilesTest, ASaveKilledWhileWritingLeavesTheOldFile) {
+    PolicyStore::save(policies, path, files);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The kernel kills the process (SIGXFSZ) as soon as the new file passes 16 bytes.
+        rlimit limit{16, 16};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        signal(SIGXFSZ, SIG_DFL);
+        PolicyStore::save({{0, FanPolicy::fixed(1000)}, {2, FanPolicy::fixed(3000)}}, path, files);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) << status;
+    EXPECT_EQ(PolicyStore::load(path, files), policies);
+}
+
+}  // namespace

@@ -1,0 +1,32 @@
+// Signed files for tests: copies of a program or plain bytes with a signature block.
+#pragma once
+
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+
+#include "ostrel/code_signature.h"
+
+namespace ostrel::test {
+
+// The bytes of the file at `path`.
+inline std::string fileBytes(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// `content` signed as `identifier` with `key`, or ad hoc when it is null.
+inline std::string signedBytes(const std::string &content, const std::string &identifier,
+                               const SigningKey *key) {
+    return content + signatureBlock(content, identifier, key);
+}
+
+// Writes `bytes` to the new file `path` with mode 0755.
+inline void writeExecutable(const std::string &path, const std::string &bytes) {
+    if (platform::realFileAccess().createExclusive(path, bytes, 0755) != 0) {
+        throw std::runtime_error("cannot write " + path);
+    }
+}
+
+}  // namespace ostrel::test
