@@ -183,6 +183,12 @@ TEST_F(SensingCommandsTest, BatteryFromPowerSupplyFilesOrNone) {
               "Power           18.90 W\n"
               "Charging        yes\n"
               "External power  yes\n");
+    out.str("");
+    ASSERT_EQ(run({"battery", "--json"}), 0);
+    EXPECT_EQ(Json::parse(out.str()),
+              Json::parse(R"({"percent": 81, "temperature": 31, "voltage": 12.6,
+                              "amperage": 1.5, "charging": true, "externalPower": true})"))
+        << "unknown values and the derived power are left out";
 }
 
 TEST_F(SensingCommandsTest, DiscoverySummaryAndRefresh) {

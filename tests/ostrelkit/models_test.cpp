@@ -1,4 +1,5 @@
-// Readings and snapshots: derived temperatures and powers, and the JSON forms.
+// Readings and snapshots: derived temperatures and powers, and the timestamp text. (The JSON
+// forms are checked where they are printed, in the CLI tests.)
 
 #include <gtest/gtest.h>
 
@@ -124,53 +125,6 @@ TEST(FanReadingTest, LoadIsClampedAndZeroWithoutLimits) {
         FanReading fan{0, "Left", c.rpm, c.min, c.max, std::nullopt, false};
         EXPECT_EQ(fan.load(), c.load) << c.rpm << " " << c.min << " " << c.max;
     }
-}
-
-Snapshot fullSnapshot() {
-    BatteryInfo battery;
-    battery.percent = 81;
-    battery.voltage = 12.5;
-    battery.amperage = -0.75;
-    battery.cycleCount = 312;
-    battery.charging = false;
-    battery.externalPower = true;
-    auto time = Snapshot::Clock::time_point(milliseconds(1795342530123));
-    return Snapshot(time,
-                    {temp("TC0P", SensorGroup::cpu, 61.25),
-                     {"hid:PMU tdie1", "PMU tdie1", SensorGroup::cpu, 58, true}},
-                    {{0, "Left", 2000, 1200, 6000, 2500.5, true},
-                     {1, "Right", 1800, 1200, 6000, std::nullopt, false}},
-                    {{"PSTR", "System Total", SensorGroup::other, 21.5, true}},
-                    {{"VD0R", "DC In", SensorGroup::other, 20.1, true}},
-                    {{"ID0R", "DC In", SensorGroup::other, 1.07, true}}, battery);
-}
-
-TEST(SnapshotJsonTest, WritesFieldsInOrderAndLeavesOutAbsentValues) {
-    Json json = fullSnapshot();
-    EXPECT_EQ(json["timestamp"], "2026-11-22T10:15:30.123Z");
-    EXPECT_EQ(json["temperatures"][0].dump(),
-              R"({"key":"TC0P","name":"TC0P","group":"CPU","value":61.25,"known":true})");
-    EXPECT_EQ(json["fans"][0].dump(),
-              R"({"id":0,"name":"Left","rpm":2000,"min":1200,"max":6000,"target":2500.5,)"
-              R"("manual":true})");
-    EXPECT_FALSE(json["fans"][1].contains("target"));
-    EXPECT_EQ(json["battery"].dump(),
-              R"({"percent":81,"voltage":12.5,"amperage":-0.75,"cycleCount":312,)"
-              R"("charging":false,"externalPower":true})");
-    Json keys = Json::array();
-    for (const auto &[key, value] : json.items()) {
-        keys.push_back(key);
-    }
-    EXPECT_EQ(keys.dump(),
-              R"(["timestamp","temperatures","fans","power","voltages","currents","battery"])");
-}
-
-TEST(SnapshotJsonTest, WritesNoDerivedValuesAndNoAbsentBattery) {
-    Json json = fullSnapshot();
-    EXPECT_FALSE(json["battery"].contains("power")) << "derived values are not written";
-    Json bare = withTemperatures({temp("TA0P", SensorGroup::ambient, 25)});
-    EXPECT_FALSE(bare.contains("battery"));
-    EXPECT_EQ(bare["timestamp"], "1970-01-01T00:00:00.000Z");
 }
 
 TEST(TimestampTest, MillisecondsRoundTowardThePast) {
