@@ -226,7 +226,7 @@ int run(int argc, const char *const *argv, Context &context) {
     std::ostream &err = *context.err;
 
     CLI::App app{"ostrel: fan control and sensors for Apple machines", "ostrel"};
-    app.set_version_flag("--version", "ostrel " + std::string(OstrelVersion::string));
+    app.set_version_flag("--version", std::string(OstrelVersion::string), "Print the version");
     Options options;
     std::map<const CLI::App *, const Command *> commands;
     for (const Command &command : kCommands) {

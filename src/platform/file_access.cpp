@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <system_error>
 
@@ -141,6 +142,16 @@ class RealFileAccess final : public FileAccess {
         }
     }
 
+    TextResult realPath(const std::string &path) const override {
+        char *resolved = ::realpath(path.c_str(), nullptr);
+        if (resolved == nullptr) {
+            return {errno, {}};
+        }
+        TextResult result{0, resolved};
+        std::free(resolved);
+        return result;
+    }
+
     int replace(const std::string &path, std::string_view contents,
                 const FileStatus &like) const override {
         std::string temp = path + ".XXXXXX";
@@ -228,6 +239,21 @@ TextResult FakeFileAccess::readLink(const std::string &path) const {
         return {EINVAL, {}};
     }
     return {0, it->second};
+}
+
+TextResult FakeFileAccess::realPath(const std::string &path) const {
+    std::string at = path;
+    for (int hops = 0; hops < 40; ++hops) {  // as many as the kernel follows
+        if (files_.contains(at)) {
+            return {0, at};
+        }
+        auto it = links_.find(at);
+        if (it == links_.end()) {
+            return {ENOENT, {}};
+        }
+        at = it->second;
+    }
+    return {ELOOP, {}};
 }
 
 int FakeFileAccess::replace(const std::string &path, std::string_view contents,

@@ -196,6 +196,10 @@ class RealProcesses final : public Processes {
 
 }  // namespace
 
+ProcessIdentity currentProcess() {
+    return {static_cast<unsigned>(::geteuid()), static_cast<int>(::getpid())};
+}
+
 std::unique_ptr<Processes> realProcesses(Clock &clock) {
     return std::make_unique<RealProcesses>(clock);
 }

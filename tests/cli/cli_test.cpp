@@ -68,7 +68,7 @@ TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
              {{}, 2, "a command is required"},
              {{"smc"}, 2, "'smc' needs a command"},
              {{"help", "nosuch"}, 2, "unknown command 'nosuch'"},
-             {{"--version"}, 0, "ostrel 1.1.13\n"},
+             {{"--version"}, 0, "1.1.13\n"},
              {{"help"}, 0, "Subcommands:"},
              {{"help", "smc", "read"}, 0, "1 to 4 printable ASCII characters"},
              {{"fans", "--help"}, 0, "Fan speeds, limits, mode and target"},

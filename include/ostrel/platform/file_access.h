@@ -70,6 +70,9 @@ class FileAccess {
     virtual TextResult readText(const std::string &path, std::size_t maxBytes) const = 0;
     // Where the symbolic link at `path` points.
     virtual TextResult readLink(const std::string &path) const = 0;
+    // The absolute path `path` names with every symbolic link, "." and ".." resolved
+    // (realpath(3)); the file must exist.
+    virtual TextResult realPath(const std::string &path) const = 0;
     // Replaces the file's contents atomically (a temporary file in the same directory,
     // renamed over it), giving the new file the permission bits, owner and group of `like`.
     // Returns 0 or an errno; on failure the old file is untouched and no temporary is left.
@@ -103,6 +106,8 @@ class FakeFileAccess final : public FileAccess {
     StatusResult stat(const std::string &path) const override;
     TextResult readText(const std::string &path, std::size_t maxBytes) const override;
     TextResult readLink(const std::string &path) const override;
+    // Follows links() made with link() (whole paths only) to a file that was put().
+    TextResult realPath(const std::string &path) const override;
     int replace(const std::string &path, std::string_view contents,
                 const FileStatus &like) const override;
     int createExclusive(const std::string &path, std::string_view contents,

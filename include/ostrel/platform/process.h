@@ -60,6 +60,15 @@ class Processes {
     virtual ProcessResult run(const ProcessSpec &spec) = 0;
 };
 
+// Who the running process is, as far as starting privileged work goes.
+struct ProcessIdentity {
+    unsigned userId = 0;  // the effective user id: 0 runs as root
+    int processId = 0;
+};
+
+// This process's identity (geteuid, getpid). Never fails.
+ProcessIdentity currentProcess();
+
 // The real one; `clock` measures the time limits and must outlive it.
 std::unique_ptr<Processes> realProcesses(Clock &clock);
 
