@@ -46,12 +46,14 @@ OpenedTransport openTransport(std::string_view selector) {
             return applesmc;
         }
         return {SMC_ENOSERVICE, nullptr,
-                "no SMC found; set OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or "
-                "applesmc[:DIR]"};
+                "no SMC found (" + applesmc.detail +
+                    "); set OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]"};
     }
+    std::string_view name = selector.substr(0, selector.find(':'));
     return {SMC_ENOSERVICE, nullptr,
-            "unknown transport in OSTREL_SMC='" + std::string(selector) +
-                "' (expected memory:PROFILE, vsmc:SOCKET or applesmc[:DIR])"};
+            "unknown transport \"" + std::string(name) +
+                "\" in OSTREL_SMC=" + std::string(selector) +
+                " (expected memory:PROFILE, vsmc:SOCKET or applesmc[:DIR])"};
 }
 
 }  // namespace csmc

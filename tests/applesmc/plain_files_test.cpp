@@ -84,7 +84,10 @@ TEST_F(PlainFilesTest, WithoutADeviceThereIsNoService) {
     fs::remove_all(root.path() + "/sys");
     EXPECT_THROW(SMC(), SMCError);
     EXPECT_EQ(SMC::openDetail(),
-              "no SMC found; set OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]");
+              "no SMC found (no applesmc device in " + root.path() +
+                  "/sys/devices/platform/applesmc.768 or " + root.path() +
+                  "/sys/bus/acpi/devices/APP0001:00 (is the applesmc module loaded?)); set "
+                  "OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]");
 
     ScopedVariable named("OSTREL_SMC", "applesmc");
     EXPECT_THROW(SMC(), SMCError);
