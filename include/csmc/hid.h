@@ -1,6 +1,7 @@
 // Where temperature-sensor services come from, behind smc_hid_open.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,9 +21,14 @@ class TemperatureServices {
     // The services' display names, in their fixed order. Called once, at opening; an
     // empty name stands for a service without one.
     virtual std::vector<std::string> names() = 0;
-    // The current readings, index for index with names(); nothing for a service that has
-    // no reading now.
-    virtual std::vector<std::optional<double>> read() = 0;
+    // Hands the current readings to `take` in the services' order, with their index into
+    // names() (nothing for a service that has no reading now), and stops reading as soon as
+    // `take` returns false: a caller with room for a few readings costs a few reads.
+    virtual void read(const std::function<bool(std::size_t, std::optional<double>)> &take) = 0;
+    // Whether these are the sensor services of an Apple-silicon chip (a virtual Mac's list,
+    // or Linux's macsmc_hwmon chip) rather than the hwmon chips Linux finds on any PC
+    // (coretemp, the GPU's, the SSD's). Discovery tells the machine's family by it.
+    virtual bool chipServices() const = 0;
 };
 
 // The hwmon temperature inputs under `sysfs`/class/hwmon, every chip but applesmc.

@@ -66,6 +66,11 @@ struct OpenedTransport {
     std::string detail;  // why it failed, for the user; empty on success
 };
 
+// Records why the exchange in progress on the calling thread failed, in words a user can
+// act on (the errno text and the file, say); the channel hands it out as
+// smc_error_detail(). Transports call it before returning a kernel code.
+void noteFailure(std::string detail);
+
 // Opens a connection on a transport made by the caller (tests, tools). Same contract as
 // smc_open; `transport` must not be null.
 std::int32_t openConnection(smc_conn **out, std::unique_ptr<Transport> transport);

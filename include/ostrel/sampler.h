@@ -106,6 +106,10 @@ class Sampler {
 
     // One snapshot. Never fails: anything that cannot be read is left out.
     Snapshot sample();
+    // Whether the last sample is whole: the first failure in it that concerned the
+    // connection rather than one key (the kernel, a vanished virtual Mac, privileges), with
+    // its cause; nothing when every read failed, if at all, for a reason of its own key.
+    const std::optional<SMCError> &lastFailure() const { return lastFailure_; }
     // Makes the next sample that collects fans read their limits again.
     void invalidateFanLimits() { fanLimitsRead_.reset(); }
 
@@ -131,6 +135,7 @@ class Sampler {
     std::vector<smc_hid_reading> hidBuffer_;
     std::map<std::int64_t, std::pair<double, double>> fanLimits_;
     std::optional<platform::Clock::Monotonic> fanLimitsRead_;  // empty: never read
+    std::optional<SMCError> lastFailure_;
 };
 
 }  // namespace ostrel

@@ -35,7 +35,10 @@ OpenedTransport TransportRegistry::open(std::string_view selector) const {
             OpenedTransport opened =
                 default_ ? default_("") : OpenedTransport{SMC_ENOSERVICE, nullptr, ""};
             if (opened.status == SMC_ENOSERVICE) {
-                opened.detail = "no SMC found; set OSTREL_SMC to " + usages();
+                // Why the platform's own SMC was not found, and what would do instead.
+                opened.detail = "no SMC found" +
+                                (opened.detail.empty() ? "" : " (" + opened.detail + ")") +
+                                "; set OSTREL_SMC to " + usages();
             }
             return opened;
         }
@@ -49,8 +52,8 @@ OpenedTransport TransportRegistry::open(std::string_view selector) const {
             }
         }
         return {SMC_ENOSERVICE, nullptr,
-                "unknown transport in OSTREL_SMC='" + std::string(selector) + "' (expected " +
-                    usages() + ")"};
+                "unknown transport \"" + std::string(scheme) +
+                    "\" in OSTREL_SMC=" + std::string(selector) + " (expected " + usages() + ")"};
     } catch (const std::bad_alloc &) {
         return {SMC_ENOMEM, nullptr, "out of memory"};
     }

@@ -6,8 +6,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 #include "csmc/vsmc_protocol.h"
 
@@ -18,8 +22,27 @@ namespace {
 namespace wire = vsmcwire;
 using ostrel::platform::Clock;
 
+constexpr const char *kNoAnswer = "no answer in time";
+
+// The one place where this transport's errno values become words. A user who typed a
+// socket path wants to hear "no such socket" or "connection refused", not a system call.
 std::string errnoText(const char *what) {
-    return std::string(what) + ": " + std::strerror(errno);
+    int error = errno;
+    if (std::string_view(what) == "connect") {
+        switch (error) {
+            case ENOENT:
+                return "no such socket";
+            case ECONNREFUSED:
+                return "connection refused: nothing listens there any more";
+            case ENOTSOCK:
+                return "that file is not a socket";
+            case EACCES:
+                return "permission denied";
+            default:
+                break;
+        }
+    }
+    return std::string(what) + ": " + std::generic_category().message(error);
 }
 
 // A connected non-blocking socket, or -1 with the reason in `error`.
@@ -57,7 +80,7 @@ bool await(int fd, short events, const Clock &clock, Clock::Monotonic deadline,
         auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock.monotonic());
         if (left.count() <= 0) {
-            error = "no answer in time";
+            error = kNoAnswer;
             return false;
         }
         pollfd p{fd, events, 0};
@@ -86,8 +109,9 @@ Io sendAll(int fd, const std::uint8_t *data, std::size_t size, const Clock &cloc
                 return Io::failed;
             }
         } else {
+            bool closed = errno == EPIPE || errno == ECONNRESET;
             error = errnoText("send");
-            return errno == EPIPE || errno == ECONNRESET ? Io::closed : Io::failed;
+            return closed ? Io::closed : Io::failed;
         }
     }
     return Io::ok;
@@ -128,7 +152,28 @@ OpenedTransport VsmcTransport::open(const std::string &path, Clock &clock,
                 "no virtual Mac answers at " + path + " (" + error +
                     "); start one with: ostrel-vsmc --profile NAME --socket " + path};
     }
-    return {SMC_OK, std::unique_ptr<Transport>(new VsmcTransport(path, clock, timeout, fd)), ""};
+    std::unique_ptr<VsmcTransport> transport(new VsmcTransport(path, clock, timeout, fd));
+    // A virtual Mac that runs answers at once. One that accepted the connection but is
+    // stopped (Ctrl-Z) or hung would otherwise make every request wait out the timeout;
+    // asking for the model, which callers want anyway, finds out quickly.
+    transport->timeout_ = transport->openTimeout();
+    std::optional<nlohmann::json> reply = transport->call({{"call", "model"}}, &error);
+    transport->timeout_ = timeout;
+    if (!reply) {
+        std::string why = error == kNoAnswer
+                              ? fmt::format(
+                                    "accepted the connection but did not answer within "
+                                    "{} ms (is ostrel-vsmc stopped? resume it with fg "
+                                    "or kill -CONT, or start it again)",
+                                    transport->openTimeout().count())
+                              : error;
+        return {SMC_ENOSERVICE, nullptr, "the virtual Mac at " + path + " " + why};
+    }
+    if ((*reply)["model"].is_string()) {
+        transport->model_ = (*reply)["model"].get<std::string>();
+    }
+    transport->quietUntil_ = {};
+    return {SMC_OK, std::move(transport), ""};
 }
 
 void addVsmcTransport(TransportRegistry &registry, Clock &clock) {
@@ -155,6 +200,12 @@ void VsmcTransport::disconnect() {
 
 bool VsmcTransport::roundTrip(std::uint8_t kind, const void *payload, std::uint32_t length,
                               std::uint8_t replyKind, std::string &reply, std::string &error) {
+    if (clock_.monotonic() < quietUntil_) {
+        // It did not answer a moment ago: a caller reading key after key should hear so at
+        // once rather than wait out the timeout for each.
+        error = kNoAnswer;
+        return false;
+    }
     for (;;) {
         bool reused = fd_ >= 0;
         if (!reused && (fd_ = dial(path_, error)) < 0) {
@@ -166,6 +217,9 @@ bool VsmcTransport::roundTrip(std::uint8_t kind, const void *payload, std::uint3
         }
         // Whatever is left on this connection would answer the wrong request.
         disconnect();
+        if (error == kNoAnswer) {
+            quietUntil_ = clock_.monotonic() + timeout_;
+        }
         // The server closes connections that sit idle; one found closed before a byte of
         // the reply came never carried the request, so a fresh connection carries it.
         if (outcome != Outcome::closedUnread || !reused) {
@@ -214,6 +268,11 @@ std::uint32_t VsmcTransport::exchange(const smc_param &in, smc_param &out) {
     std::string reply;
     std::string error;
     if (!roundTrip(wire::kExchange, &in, sizeof in, wire::kExchangeReply, reply, error)) {
+        noteFailure("the virtual Mac at " + path_ + ": " +
+                    (error == kNoAnswer ? fmt::format("no answer within {} ms (is ostrel-vsmc "
+                                                      "stopped?)",
+                                                      timeout_.count())
+                                        : error));
         return SMC_KERN_NOT_RESPONDING;
     }
     std::uint32_t kern = 0;
@@ -261,12 +320,10 @@ std::optional<nlohmann::json> VsmcTransport::call(const nlohmann::json &request,
     return json;
 }
 
+// A virtual Mac's profile, and so its model, is fixed while it runs: the answer at opening
+// stands.
 std::optional<std::string> VsmcTransport::modelIdentifier() {
-    auto reply = call({{"call", "model"}});
-    if (!reply || !(*reply)["model"].is_string()) {
-        return std::nullopt;
-    }
-    return (*reply)["model"].get<std::string>();
+    return model_;
 }
 
 std::optional<std::vector<TemperatureSensor>> VsmcTransport::temperatureSensors() {

@@ -68,7 +68,10 @@ TEST_F(PlainFilesTest, WithoutADeviceThereIsNoService) {
     fs::remove_all(root.path() + "/sys");
     EXPECT_THROW(open(""), SMCError);
     EXPECT_EQ(SMC::openDetail(),
-              "no SMC found; set OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]");
+              "no SMC found (no applesmc device in " + root.path() +
+                  "/sys/devices/platform/applesmc.768 or " + root.path() +
+                  "/sys/bus/acpi/devices/APP0001:00 (is the applesmc module loaded?)); set "
+                  "OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]");
     EXPECT_THROW(open("applesmc"), SMCError);
     EXPECT_NE(SMC::openDetail().find("is the applesmc module loaded?"), std::string::npos);
     EXPECT_THROW(open("applesmc:" + root.path()), SMCError);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "csmc/hid.h"
+#include "support/real_files.h"
 #include "support/temp_dir.h"
 #include "support/transports.h"
 
@@ -24,13 +25,11 @@ class ListServices final : public csmc::TemperatureServices {
         }
         return names;
     }
-    std::vector<std::optional<double>> read() override {
-        std::vector<std::optional<double>> values;
-        for (auto &[name, value] : *sensors_) {
-            values.push_back(value);
+    void read(const std::function<bool(std::size_t, std::optional<double>)> &take) override {
+        for (std::size_t i = 0; i < sensors_->size() && take(i, (*sensors_)[i].second); ++i) {
         }
-        return values;
     }
+    bool chipServices() const override { return true; }
 
   private:
     std::vector<std::pair<std::string, std::optional<double>>> *sensors_;
@@ -126,6 +125,26 @@ TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmc) {
                                                                        {"GPU edge", 41.0},
                                                                        {"SSD Composite", 38.85}}))
         << "garbage and 0 readings are skipped";
+}
+
+// Real files, counting the reads of temperature inputs.
+class CountingFiles final : public ostrel::test::RealFiles {
+  public:
+    mutable int inputReads = 0;
+    std::optional<std::string> read(const std::string &path) const override {
+        inputReads += path.ends_with("_input");
+        return RealFiles::read(path);
+    }
+};
+
+TEST_F(HwmonTree, ReadingStopsOnceTheCapacityIsFilled) {
+    chip("hwmon0", "coretemp",
+         {{1, "", "0"}, {2, "", "41000"}, {3, "", "42000"}, {4, "", "43000"}, {5, "", "44000"}});
+    CountingFiles files;
+    Handle h{csmc::openHid(csmc::hwmonServices(root.path() + "/sys", files))};
+    EXPECT_EQ(h.read(2), (std::vector<std::pair<std::string, double>>{{"CPU temp2", 41.0},
+                                                                      {"CPU temp3", 42.0}}));
+    EXPECT_EQ(files.inputReads, 3) << "the implausible first one, then two";
 }
 
 TEST_F(HwmonTree, NoHwmonDirectoryMeansNoHandle) {

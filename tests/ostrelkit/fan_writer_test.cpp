@@ -119,12 +119,9 @@ TEST_F(FanWriterTest, FiftyRefusalsFailWithTheFiftiethError) {
 
 TEST_F(FanWriterTest, UnknownFansWriteNothing) {
     useMachine(test::builtinMachine("macbookpro16-1"));
-    EXPECT_THROW(writer->setManual(7, 2000), FanControlError);
-    try {
-        writer->setAuto(7);
-    } catch (const FanControlError &e) {
-        EXPECT_STREQ(e.what(), "no fan with id 7");
-    }
+    auto noFanSeven = testing::ThrowsMessage<FanControlError>(testing::StrEq("no fan with id 7"));
+    EXPECT_THAT([&] { writer->setManual(7, 2000); }, noFanSeven);
+    EXPECT_THAT([&] { writer->setAuto(7); }, noFanSeven);
     EXPECT_EQ(machine->totalExchanges(), 0u);
 }
 

@@ -6,6 +6,7 @@
 
 #include "ostrel/platform/unix_server.h"
 #include "support/io_thread.h"
+#include "support/real_files.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -43,28 +44,12 @@ class LineEcho final : public ostrel::platform::UnixServerHandler {
 };
 
 // Real files, except that setting the mode can be made to fail.
-class Files final : public ostrel::platform::Files {
+class Files final : public ostrel::test::RealFiles {
   public:
-    using Result = ostrel::platform::FileResult;
-    std::optional<std::string> read(const std::string &p) const override { return real.read(p); }
-    std::optional<std::string> readAtMost(const std::string &p, std::size_t n) const override {
-        return real.readAtMost(p, n);
-    }
-    std::optional<std::vector<std::string>> list(const std::string &d) const override {
-        return real.list(d);
-    }
-    Result createDirectories(const std::string &d, unsigned mode) const override {
-        return real.createDirectories(d, mode);
-    }
-    Result writeAtomic(const std::string &p, const std::string &c, unsigned m) const override {
-        return real.writeAtomic(p, c, m);
-    }
-    bool remove(const std::string &p) const override { return real.remove(p); }
-    ostrel::platform::FileKind kind(const std::string &p) const override { return real.kind(p); }
     Result setMode(const std::string &p, unsigned mode) const override {
-        return failMode ? Result::failure("set the mode of", p, EPERM) : real.setMode(p, mode);
+        return failMode ? Result::failure("set the mode of", p, EPERM)
+                        : RealFiles::setMode(p, mode);
     }
-    const ostrel::platform::Files &real = ostrel::platform::realFiles();
     bool failMode = false;
 };
 

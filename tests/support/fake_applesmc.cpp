@@ -1,5 +1,7 @@
 #include "support/fake_applesmc.h"
 
+#include <algorithm>
+
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -82,6 +84,9 @@ class FakeApplesmc::Opener final : public platform::Sysfs {
         return driver.write(path, text, *this);
     }
     platform::LockResult lockExclusive(const std::string &path) override {
+        if (uid != 0) {
+            return {EACCES, nullptr};
+        }
         return driver.lock(path);
     }
 
@@ -111,6 +116,11 @@ FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string 
 
 std::unique_ptr<platform::Sysfs> FakeApplesmc::opener(unsigned uid) {
     return std::make_unique<Opener>(*this, uid, false);
+}
+
+void FakeApplesmc::grantSelector(unsigned uid) {
+    std::lock_guard guard(mutex_);
+    selectorUsers_.push_back(uid);
 }
 
 std::unique_ptr<platform::Sysfs> FakeApplesmc::rogue() {
@@ -271,7 +281,10 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
         }
         return error;
     }
-    if (writing && (!writable || who.uid != 0)) {
+    bool granted =
+        attribute == "key_at_index" &&
+        std::find(selectorUsers_.begin(), selectorUsers_.end(), who.uid) != selectorUsers_.end();
+    if (writing && (!writable || (who.uid != 0 && !granted))) {
         return EACCES;
     }
     return 0;

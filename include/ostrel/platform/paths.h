@@ -36,8 +36,10 @@ class Paths {
     std::string helperLog() const { return system("/var/log/dev.ostrel.helper.log"); }
 
     // $XDG_CACHE_HOME/dev.ostrel/discovery-v2.txt when XDG_CACHE_HOME is set and absolute,
-    // else $HOME/.cache/dev.ostrel/discovery-v2.txt; HOME unset or empty falls back to the
-    // account's home directory, and failing that to /tmp.
+    // else HOME/.cache/dev.ostrel/discovery-v2.txt, where HOME is $HOME when it is set and
+    // not empty, else the account record's home directory, else $HOME as it is (empty)
+    // when it is set. With no HOME and no record: TMP/dev.ostrel-UID/discovery-v2.txt, TMP
+    // being $TMPDIR when absolute, else the system's (P_tmpdir), UID the user id.
     std::string discoveryCache() const;
 
   private:
