@@ -17,7 +17,7 @@ using namespace ostrel;
 constexpr const char *kProfile = "macbookpro18-2";
 
 struct Setup {
-    vsmc::Machine machine{vsmc::loadProfile(kProfile)};
+    vsmc::Machine machine{vsmc::builtinProfile(kProfile)};
     std::string dir = std::filesystem::temp_directory_path() / "ostrel-bench-cache";
     platform::FakeEnvironment env{{{"XDG_CACHE_HOME", dir}, {"OSTREL_ROOT", dir + "/root"}}};
     platform::FakeClock clock;
@@ -88,7 +88,7 @@ BENCHMARK(BM_Sample)->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
 // Apple-silicon machine: only the real CPU and GPU sensors should be read on the first.
 void BM_ControlTickSample(benchmark::State &state) {
     const char *profile = state.range(0) == 0 ? "macpro7-1" : "macbookpro18-2";
-    vsmc::Machine machine{vsmc::loadProfile(profile)};
+    vsmc::Machine machine{vsmc::builtinProfile(profile)};
     platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
     platform::FakeClock clock;
     SystemAccess system{&env, &platform::realFiles(), &clock};

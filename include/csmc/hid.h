@@ -9,7 +9,7 @@
 
 #include "csmc/smc.h"
 #include "csmc/transport.h"
-#include "ostrel/platform/environment.h"
+#include "csmc/transport_registry.h"
 #include "ostrel/platform/files.h"
 
 namespace csmc {
@@ -44,9 +44,10 @@ std::unique_ptr<TemperatureServices> transportServices(std::unique_ptr<Transport
 std::unique_ptr<TemperatureServices> connectionServices(smc_conn *conn, const std::string &sysfs,
                                                         const ostrel::platform::Files &files);
 
-// The services OSTREL_SMC implies: a virtual Mac's list, otherwise hwmon.
-std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,
-                                                     const ostrel::platform::Files &files);
+// The services of the machine a process reaches (what smc_hid_open opens): the sensor list
+// of a virtual Mac that its selector names, otherwise the hwmon inputs under its sysfs.
+// Null when the selector names nothing that opens.
+std::unique_ptr<TemperatureServices> selectedServices(const ProcessMachine &machine);
 
 // A handle on the given services; null when `services` is null or has none.
 smc_hid *openHid(std::unique_ptr<TemperatureServices> services);

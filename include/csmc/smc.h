@@ -123,7 +123,9 @@ typedef struct smc_conn smc_conn;
 uint32_t smc_fourcc(const char *text);
 
 /* Opens a connection on the transport named by the environment variable OSTREL_SMC
- * ("memory:PROFILE", "vsmc:SOCKET", "applesmc[:DIR]"; unset: the platform default).
+ * ("memory:PROFILE", "vsmc:SOCKET", "applesmc[:DIR]"; unset: the platform default), as
+ * the program's main read it at start-up and installed with the transports it offers
+ * (csmc::installProcessMachine in csmc/transport_registry.h); without that, SMC_ENOSERVICE.
  * Sets *out to NULL first, then to the new connection. Returns SMC_OK, SMC_ENOSERVICE,
  * SMC_EOPEN or SMC_ENOMEM. */
 int32_t smc_open(smc_conn **out);

@@ -17,7 +17,8 @@
 
 namespace csmc {
 class Transport;
-}
+struct OpenedTransport;
+}  // namespace csmc
 
 namespace ostrel {
 
@@ -155,13 +156,16 @@ class SMCError : public std::exception {
 // thread may call; the daemon calls from its control queue only.
 class SMC {
   public:
-    // Opens the transport named by OSTREL_SMC. Throws SMCError (noService, openFailed,
-    // outOfMemory) whose detail() (also openDetail()) says what was tried and what failed.
-    // Every operation below throws SMCError; kernel-level ones carry the platform's cause
-    // in detail().
+    // Opens the transport named by OSTREL_SMC, through the transports the program's main
+    // installed (smc_open). Throws SMCError (noService, openFailed, outOfMemory) whose
+    // detail() (also openDetail()) says what was tried and what failed. Every operation
+    // below throws SMCError; kernel-level ones carry the platform's cause in detail().
     SMC();
     // Opens a connection on a transport made by the caller.
     explicit SMC(std::unique_ptr<csmc::Transport> transport);
+    // Opens a connection on what a TransportRegistry opened; throws as SMC() does when
+    // that failed, with its detail in openDetail().
+    explicit SMC(csmc::OpenedTransport opened);
     ~SMC();
     SMC(const SMC &) = delete;
     SMC &operator=(const SMC &) = delete;

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <iostream>
 #include <map>
 #include <system_error>
 
@@ -216,10 +215,6 @@ bool outputWritten(std::ostream &out, std::ostream &err) {
 }
 
 }  // namespace
-
-Context defaultContext() {
-    return {&std::cout, &std::cerr, [] { return std::make_shared<SMC>(); }, SystemAccess{}};
-}
 
 int run(int argc, const char *const *argv, Context &context) {
     std::ostream &out = *context.out;

@@ -8,9 +8,9 @@
 #include <ostream>
 
 #include "commands.h"
+#include "csmc/key_rows.h"
 #include "ostrel/machine_model.h"
 #include "ostrel/platform/text.h"
-#include "ostrel/vsmc/profile.h"
 
 namespace ostrel::cli {
 
@@ -126,7 +126,8 @@ void smcDumpCommand(Context &context, const Options &options) {
     std::ostream &out = *context.out;
     std::shared_ptr<SMC> smc = context.openSmc();
     // The model comes from the firmware or a profile: one line, nothing a terminal obeys.
-    std::string model = text::printable(machineModel(smc.get()));
+    std::string model =
+        text::printable(machineModel(smc.get(), context.system.paths(), *context.system.files));
     Json rows = Json::array();
     if (!options.json) {
         fmt::print(out,
@@ -149,7 +150,7 @@ void smcDumpCommand(Context &context, const Options &options) {
                 fmt::print(out, "# index {} skipped: {}\n", row.index, row.error);
                 return;
             }
-            vsmc::KeyEntry entry{row.info->key.rawValue,
+            csmc::KeyEntry entry{row.info->key.rawValue,
                                  row.info->type.rawValue,
                                  row.info->size,
                                  row.info->attributes,
@@ -160,9 +161,9 @@ void smcDumpCommand(Context &context, const Options &options) {
                             entry.bytes.begin());
             } else {
                 fmt::print(out, "# {} could not be read ({}); its value is left zero\n",
-                           vsmc::codeToken(entry.key), row.error);
+                           csmc::codeToken(entry.key), row.error);
             }
-            out << vsmc::formatKeyRow(entry);
+            out << csmc::formatKeyRow(entry);
         },
         [&] {
             if (options.json) {

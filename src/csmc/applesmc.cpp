@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "csmc/keys.h"
+
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -102,7 +104,7 @@ constexpr std::uint8_t kReadOnly = 0x80;
 constexpr std::uint8_t kReadWrite = 0xC0;
 constexpr std::uint8_t kControl = 0xD0;
 
-const std::uint32_t kForceMask = smc_fourcc("FS! ");
+constexpr std::uint32_t kForceMask = kForceMaskKey;
 
 std::string_view chomp(std::string_view text) {
     if (!text.empty() && text.back() == '\n') {
@@ -584,6 +586,13 @@ OpenedTransport openApplesmc(std::string_view dir, ostrel::platform::Sysfs &sysf
         return {SMC_ENOSERVICE, nullptr, std::move(detail)};
     }
     return {SMC_OK, std::make_unique<ApplesmcTransport>(*device, paths.applesmcLock(), sysfs), ""};
+}
+
+void addApplesmcTransport(TransportRegistry &registry, ostrel::platform::Sysfs &sysfs,
+                          ostrel::platform::Paths paths) {
+    auto open = [&sysfs, paths](std::string_view dir) { return openApplesmc(dir, sysfs, paths); };
+    registry.add("applesmc", "applesmc[:DIR]", open);
+    registry.setDefault(open);
 }
 
 }  // namespace csmc

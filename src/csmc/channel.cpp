@@ -8,7 +8,7 @@
 
 #include "csmc/smc.h"
 #include "csmc/transport.h"
-#include "ostrel/platform/environment.h"
+#include "csmc/transport_registry.h"
 
 namespace {
 
@@ -124,6 +124,14 @@ std::int32_t openConnection(smc_conn **out, std::unique_ptr<Transport> transport
     return SMC_OK;
 }
 
+std::int32_t openConnection(smc_conn **out, OpenedTransport opened) {
+    *out = nullptr;
+    if (opened.status != SMC_OK) {
+        return failOpen(opened.status, std::move(opened.detail));
+    }
+    return openConnection(out, std::move(opened.transport));
+}
+
 void noteFailure(std::string detail) {
     failureDetail = std::move(detail);
 }
@@ -143,12 +151,13 @@ extern "C" {
 
 int32_t smc_open(smc_conn **out) {
     *out = nullptr;
-    auto selector = ostrel::platform::processEnvironment().get("OSTREL_SMC");
-    csmc::OpenedTransport opened = csmc::openTransport(selector.value_or(""));
-    if (opened.status != SMC_OK) {
-        return failOpen(opened.status, std::move(opened.detail));
+    std::shared_ptr<const csmc::ProcessMachine> machine = csmc::processMachine();
+    if (!machine || !machine->transports) {
+        return failOpen(SMC_ENOSERVICE,
+                        "no SMC transport was configured in this program (its main installs "
+                        "one at start-up)");
     }
-    return csmc::openConnection(out, std::move(opened.transport));
+    return csmc::openConnection(out, machine->transports->open(machine->selector));
 }
 
 const char *smc_open_detail(void) {

@@ -8,7 +8,6 @@
 #include <new>
 
 #include "csmc/hid.h"
-#include "ostrel/platform/paths.h"
 
 struct smc_hid {
     std::unique_ptr<csmc::TemperatureServices> services;
@@ -237,11 +236,9 @@ std::unique_ptr<TemperatureServices> connectionServices(smc_conn *conn, const st
     return hwmonServices(sysfs, files);
 }
 
-std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,
-                                                     const ostrel::platform::Files &files) {
-    std::string selector = env.get("OSTREL_SMC").value_or("");
-    if (!selector.empty()) {
-        OpenedTransport opened = openTransport(selector);
+std::unique_ptr<TemperatureServices> selectedServices(const ProcessMachine &machine) {
+    if (!machine.selector.empty()) {
+        OpenedTransport opened = machine.transports->open(machine.selector);
         if (opened.status != SMC_OK) {
             return nullptr;
         }
@@ -250,7 +247,7 @@ std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Env
             return transportServices(std::move(opened.transport));
         }
     }
-    return hwmonServices(ostrel::platform::Paths(env).sysfs(), files);
+    return hwmonServices(machine.sysfs, *machine.files);
 }
 
 smc_hid *openHid(std::unique_ptr<TemperatureServices> services) {
@@ -283,8 +280,11 @@ smc_hid *openHid(std::unique_ptr<TemperatureServices> services) {
 extern "C" {
 
 smc_hid *smc_hid_open(void) {
-    return csmc::openHid(csmc::defaultServices(ostrel::platform::processEnvironment(),
-                                               ostrel::platform::realFiles()));
+    std::shared_ptr<const csmc::ProcessMachine> machine = csmc::processMachine();
+    if (!machine || !machine->transports || machine->files == nullptr) {
+        return nullptr;
+    }
+    return csmc::openHid(csmc::selectedServices(*machine));
 }
 
 int32_t smc_hid_count(const smc_hid *hid) {

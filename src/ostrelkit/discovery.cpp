@@ -4,12 +4,13 @@
 
 #include <charconv>
 
+#include "csmc/keys.h"
 #include "ostrel/platform/text.h"
 
 namespace ostrel {
 
 FourCC FanDescriptor::key(std::string_view suffix) const {
-    return FourCC(fmt::format("F{:X}{}", index, suffix));
+    return FourCC(csmc::fanKey(static_cast<std::size_t>(index), suffix));
 }
 
 namespace {

@@ -7,17 +7,19 @@
 #include <limits>
 
 #include "csmc/hid.h"
+#include "csmc/keys.h"
 #include "ostrel/battery.h"
 #include "ostrel/catalog.h"
 #include "ostrel/machine_model.h"
+#include "ostrel/platform/numbers.h"
 #include "ostrel/platform/text.h"
 
 namespace ostrel {
 
 namespace {
 
-const FourCC kForceKey("FS! ");
-const FourCC kTestKey("Ftst");
+const FourCC kForceKey(csmc::kForceMaskKey);
+const FourCC kTestKey(csmc::kTestKey);
 const FourCC kFanCount("FNum");
 const FourCC kBatteryTemperature("TB0T");
 constexpr std::size_t kMaxFans = 16;
@@ -149,7 +151,7 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
     auto [count, uncapped] = fanCount(smc);
     for (std::size_t i = 0; i < count; ++i) {
         FanDescriptor fan{static_cast<std::int64_t>(i), "", false};
-        std::optional<std::string> name = fanName(smc, FourCC(fmt::format("F{:X}ID", i)));
+        std::optional<std::string> name = fanName(smc, FourCC(csmc::fanKey(i, "ID")));
         fan.name = name ? *name : (uncapped == 1 ? "Fan" : fmt::format("Fan {}", i + 1));
         smc_key_info info{};
         fan.hasModeKey = smc_key_info_get(smc.conn(), fan.modeKey().rawValue, &info) == SMC_OK;
@@ -361,10 +363,7 @@ std::vector<FanReading> Sampler::readFans() {
     std::optional<std::int64_t> mask;
     if (discovery_.fanForceKey) {
         std::optional<double> raw = readNumber(kForceKey);
-        if (raw && std::isfinite(*raw) && *raw >= -9223372036854775808.0 &&
-            *raw < 9223372036854775808.0) {
-            mask = static_cast<std::int64_t>(*raw);
-        }
+        mask = raw ? numbers::truncatedInt64(*raw) : std::nullopt;
     }
 
     std::vector<FanReading> readings;

@@ -206,6 +206,10 @@ SMC::SMC() {
     }
 }
 
+SMC::SMC(csmc::OpenedTransport opened) {
+    check(csmc::openConnection(&conn_, std::move(opened)), FourCC::unknown);
+}
+
 SMC::SMC(std::unique_ptr<csmc::Transport> transport) {
     check(csmc::openConnection(&conn_, std::move(transport)), FourCC::unknown);
 }

@@ -206,6 +206,23 @@ class RealFiles final : public Files {
     }
 
     bool remove(const std::string &path) const override { return ::unlink(path.c_str()) == 0; }
+
+    FileKind kind(const std::string &path) const override {
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) != 0) {
+            return FileKind::none;
+        }
+        return S_ISREG(st.st_mode)    ? FileKind::regular
+               : S_ISDIR(st.st_mode)  ? FileKind::directory
+               : S_ISSOCK(st.st_mode) ? FileKind::socket
+                                      : FileKind::other;
+    }
+
+    FileResult setMode(const std::string &path, unsigned mode) const override {
+        return ::chmod(path.c_str(), static_cast<mode_t>(mode)) == 0
+                   ? FileResult{}
+                   : FileResult::failure("set the mode of", path, errno);
+    }
 };
 
 }  // namespace
@@ -285,6 +302,24 @@ bool FakeFiles::remove(const std::string &path) const {
         return false;
     }
     return files_.erase(path) > 0;
+}
+
+FileKind FakeFiles::kind(const std::string &path) const {
+    if (files_.contains(path)) {
+        return FileKind::regular;
+    }
+    return dirs_.contains(path) || list(path) ? FileKind::directory : FileKind::none;
+}
+
+FileResult FakeFiles::setMode(const std::string &path, unsigned mode) const {
+    if (readOnly_) {
+        return FileResult::failure("set the mode of", path, EROFS);
+    }
+    if (kind(path) == FileKind::none) {
+        return FileResult::failure("set the mode of", path, ENOENT);
+    }
+    modes_[path] = mode;
+    return {};
 }
 
 std::optional<unsigned> FakeFiles::mode(const std::string &path) const {

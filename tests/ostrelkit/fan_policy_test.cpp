@@ -7,7 +7,6 @@
 
 #include "ostrel/fan_policy.h"
 #include "ostrel/policy_coding.h"
-#include "ostrel/version.h"
 
 namespace {
 
@@ -189,11 +188,6 @@ TEST(PolicyCodingTest, FanIndexAcceptsOnlyCanonicalDecimal) {
          {"", "+1", "01", "00", "-0", "-1", " 1", "1 ", "1a", "0x1", "9223372036854775808"}) {
         EXPECT_FALSE(PolicyCoding::fanIndex(key)) << '"' << key << '"';
     }
-}
-
-TEST(OstrelVersionTest, MatchesTheBuild) {
-    EXPECT_EQ(OstrelVersion::string, "1.1.13");
-    EXPECT_EQ(OstrelVersion::string, OSTREL_PROJECT_VERSION);
 }
 
 }  // namespace

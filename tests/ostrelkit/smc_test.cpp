@@ -4,6 +4,7 @@
 
 #include "ostrel/smc.h"
 #include "support/test_machine.h"
+#include "support/transports.h"
 
 namespace {
 
@@ -155,7 +156,8 @@ TEST_F(SMCTest, KeyCountFailureIsReportedAgainstKEY) {
 }
 
 TEST(SMCOpen, WithoutAServiceTheUserIsToldWhatToSet) {
-    unsetenv("OSTREL_SMC");
+    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
+    csmc::installProcessMachine({ostrel::test::allTransports(env), "", "/sys", nullptr});
     try {
         SMC smc;
         FAIL();
@@ -164,6 +166,7 @@ TEST(SMCOpen, WithoutAServiceTheUserIsToldWhatToSet) {
         EXPECT_STREQ(e.what(), "AppleSMC service not found");
         EXPECT_NE(SMC::openDetail().find("OSTREL_SMC"), std::string::npos);
     }
+    csmc::installProcessMachine({});
 }
 
 }  // namespace

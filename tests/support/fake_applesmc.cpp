@@ -332,7 +332,7 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
     if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
         std::vector<std::uint8_t> bytes;
         if (variant_ == Variant::mainline) {
-            if (int error = readKey(smc_fourcc("FS! "), 2, bytes)) {
+            if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
                 return error;
             }
             unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
@@ -387,13 +387,13 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
             return writeKey(fanKey(*fan - 1, "Md"), {static_cast<std::uint8_t>(*value & 1)});
         }
         std::vector<std::uint8_t> bytes;
-        if (int error = readKey(smc_fourcc("FS! "), 2, bytes)) {
+        if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
             return error;
         }
         unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
         unsigned bit = 1u << (*fan - 1);
         mask = *value != 0 ? (mask | bit) : (mask & ~bit);
-        return writeKey(smc_fourcc("FS! "),
+        return writeKey(csmc::kForceMaskKey,
                         {static_cast<std::uint8_t>(mask >> 8), static_cast<std::uint8_t>(mask)});
     }
     if (*value >= kSpeedLimit) {

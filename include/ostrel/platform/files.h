@@ -12,6 +12,9 @@
 
 namespace ostrel::platform {
 
+// What a path names.
+enum class FileKind { none, regular, directory, socket, other };
+
 // What a change to the file system came to: success, or the step that failed, on which
 // path, and the system's reason (an errno value in the generic category).
 struct FileResult {
@@ -60,6 +63,11 @@ class Files {
                                    unsigned mode) const = 0;
     // Deletes the file; false when it did not exist or could not be removed.
     virtual bool remove(const std::string &path) const = 0;
+    // What is at `path`, a final symbolic link not followed (it is `other`); `none` when
+    // nothing is there or it cannot be examined.
+    virtual FileKind kind(const std::string &path) const = 0;
+    // Sets the permission bits (chmod).
+    virtual FileResult setMode(const std::string &path, unsigned mode) const = 0;
 };
 
 // The directory part of a path: "/a/b" for "/a/b/c", "/" for "/c", "." for "c".
@@ -82,6 +90,8 @@ class FakeFiles final : public Files {
     FileResult writeAtomic(const std::string &path, const std::string &contents,
                            unsigned mode) const override;
     bool remove(const std::string &path) const override;
+    FileKind kind(const std::string &path) const override;
+    FileResult setMode(const std::string &path, unsigned mode) const override;
 
     void put(const std::string &path, std::string contents) { files_[path] = std::move(contents); }
     // A file that belongs to another user: read() gives it, readOwn() does not.
@@ -91,7 +101,8 @@ class FakeFiles final : public Files {
     }
     // Makes writes fail with EROFS, as on a read-only file system.
     void setReadOnly(bool readOnly) { readOnly_ = readOnly; }
-    // The mode a file or directory was last given by writeAtomic or createDirectories.
+    // The mode a file or directory was last given by writeAtomic, createDirectories or
+    // setMode.
     std::optional<unsigned> mode(const std::string &path) const;
 
   private:

@@ -16,7 +16,7 @@ namespace ostrel::platform {
 class Paths {
   public:
     // Reads OSTREL_ROOT (and the cache variables) from `env`, which must outlive the object.
-    explicit Paths(const Environment &env = processEnvironment()) : env_(env) {}
+    explicit Paths(const Environment &env) : env_(env) {}
 
     // OSTREL_ROOT without trailing slashes, or "" when unset.
     std::string root() const;
