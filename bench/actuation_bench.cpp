@@ -42,7 +42,7 @@ BENCHMARK(BM_EngineTick)->Arg(1)->Arg(4)->Arg(16);
 
 void BM_SetManual(benchmark::State &state) {
     const char *profiles[] = {"macbookpro10-1", "macbookpro16-1", "macbookpro18-2"};
-    vsmc::Machine machine(vsmc::loadProfile(profiles[state.range(0)]));
+    vsmc::Machine machine(vsmc::builtinProfile(profiles[state.range(0)]));
     machine.setUnlockRefusals(0);
     auto smc = std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
     platform::FakeClock clock;

@@ -14,7 +14,7 @@ using csmc::ApplesmcTransport;
 using ostrel::test::FakeApplesmc;
 
 struct FakeRig {
-    ostrel::vsmc::Machine machine{ostrel::vsmc::loadProfile("macbookpro10-1")};
+    ostrel::vsmc::Machine machine{ostrel::vsmc::builtinProfile("macbookpro10-1")};
     FakeApplesmc driver{machine, FakeApplesmc::Variant::mainline};
     std::unique_ptr<ostrel::platform::Sysfs> files = driver.opener();
 

@@ -17,7 +17,7 @@ using namespace ostrel;
 constexpr const char *kProfile = "macbookpro18-2";
 
 struct Setup {
-    vsmc::Machine machine{vsmc::loadProfile(kProfile)};
+    vsmc::Machine machine{vsmc::builtinProfile(kProfile)};
     std::string dir = std::filesystem::temp_directory_path() / "ostrel-bench-cache";
     platform::FakeEnvironment env{{{"XDG_CACHE_HOME", dir}, {"OSTREL_ROOT", dir + "/root"}}};
     platform::FakeClock clock;
@@ -82,5 +82,32 @@ void BM_Sample(benchmark::State &state) {
                                                     : "all");
 }
 BENCHMARK(BM_Sample)->DenseRange(0, 2)->Unit(benchmark::kMicrosecond);
+
+// What the daemon's control tick reads (essential temperatures and the fans) on an Intel
+// desktop whose power-supply and PCIe sensors look like Apple-silicon cores, and on an
+// Apple-silicon machine: only the real CPU and GPU sensors should be read on the first.
+void BM_ControlTickSample(benchmark::State &state) {
+    const char *profile = state.range(0) == 0 ? "macpro7-1" : "macbookpro18-2";
+    vsmc::Machine machine{vsmc::builtinProfile(profile)};
+    platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
+    platform::FakeClock clock;
+    SystemAccess system{&env, &platform::realFiles(), &clock};
+    Sampler sampler(std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine)),
+                    SamplerScope::essential, false, system);
+    sampler.parts = {SamplerParts::temperatures, SamplerParts::fans};
+    Snapshot snapshot = sampler.sample();  // warm
+    machine.clearJournal();
+    std::int64_t samples = 0;
+    for (auto _ : state) {
+        snapshot = sampler.sample();
+        ++samples;
+        benchmark::DoNotOptimize(snapshot);
+    }
+    state.counters["exchangesPerSample"] =
+        static_cast<double>(machine.totalExchanges()) / static_cast<double>(samples);
+    state.counters["temperatures"] = static_cast<double>(snapshot.temperatures().size());
+    state.SetLabel(profile);
+}
+BENCHMARK(BM_ControlTickSample)->DenseRange(0, 1)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

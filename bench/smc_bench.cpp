@@ -47,7 +47,7 @@ void BM_Encode(benchmark::State &state) {
 BENCHMARK(BM_Encode)->DenseRange(0, std::size(kTypes) - 1);
 
 struct Fixture {
-    ostrel::vsmc::Machine machine{ostrel::vsmc::loadProfile("macbookpro10-1")};
+    ostrel::vsmc::Machine machine{ostrel::vsmc::builtinProfile("macbookpro10-1")};
     smc_conn *conn = nullptr;
     Fixture() {
         csmc::openConnection(&conn, std::make_unique<ostrel::vsmc::MemoryTransport>(machine));

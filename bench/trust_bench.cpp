@@ -45,7 +45,7 @@ class SignedFile {
 void BM_VerifyFirst2MiB(benchmark::State &state) {
     SignedFile file;
     for (auto _ : state) {
-        if (!verifyFile(file.path()).valid()) {
+        if (!verifyFile(file.path(), platform::realFileAccess()).valid()) {
             state.SkipWithError("the signed file does not verify");
         }
     }
@@ -68,7 +68,8 @@ void BM_PeerCheckPerMessage(benchmark::State &state) {
     int pair[2];
     ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair);
     PeerLookup lookup = identifyPeer(pair[0], platform::realProcessAccess());
-    PeerVetting vetting(CodeRequirement{{"dev.ostrel.bench"}, std::nullopt, std::nullopt});
+    PeerVetting vetting(CodeRequirement{{"dev.ostrel.bench"}, std::nullopt, std::nullopt},
+                        platform::realProcessAccess());
     for (auto _ : state) {
         PeerVerdict verdict = vetting.check(*lookup.peer);
         if (!verdict.accepted) {

@@ -179,14 +179,14 @@ key F1Mx   fpe2    2 0xc0 5499
 key F1Sf   fpe2    2 0x80 2000
 key F1Tg   fpe2    2 0xd0 2000
 
-# Temperatures (sp78). TC0E is the virtual die temperature and runs hot.
+# Temperatures (sp78), at rest. TC0E is the virtual die temperature and runs warmest.
 key TA0V   sp78    2 0xc0 31.5
 key TB0T   sp78    2 0xc0 36.3
 key TB1T   sp78    2 0xc0 36.3
 key TB2T   sp78    2 0xc0 34.6
 key TC0C   sp78    2 0xc0 62.0
 key TC0D   sp78    2 0xc0 66.25
-key TC0E   sp78    2 0xc0 96.1
+key TC0E   sp78    2 0xc0 66.1
 key TC0F   sp78    2 0xc0 64.5
 key TC0J   sp78    2 0x80 0.0
 key TC0P   sp78    2 0xc0 63.4

@@ -23,6 +23,7 @@
 #include <unordered_map>
 
 #include "csmc/transport.h"
+#include "csmc/transport_registry.h"
 #include "ostrel/platform/paths.h"
 #include "ostrel/platform/sysfs.h"
 
@@ -102,5 +103,10 @@ std::optional<std::string> findApplesmcDevice(std::string_view dir, ostrel::plat
 // with the places looked at in `detail` when there is no device.
 OpenedTransport openApplesmc(std::string_view dir, ostrel::platform::Sysfs &sysfs,
                              const ostrel::platform::Paths &paths);
+
+// Registers "applesmc[:DIR]" and makes the driver's device the platform default (Linux's
+// own SMC). `sysfs` and the environment behind `paths` must outlive the registry.
+void addApplesmcTransport(TransportRegistry &registry, ostrel::platform::Sysfs &sysfs,
+                          ostrel::platform::Paths paths);
 
 }  // namespace csmc

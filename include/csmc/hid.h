@@ -1,6 +1,7 @@
 // Where temperature-sensor services come from, behind smc_hid_open.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,7 +9,7 @@
 
 #include "csmc/smc.h"
 #include "csmc/transport.h"
-#include "ostrel/platform/environment.h"
+#include "csmc/transport_registry.h"
 #include "ostrel/platform/files.h"
 
 namespace csmc {
@@ -20,9 +21,14 @@ class TemperatureServices {
     // The services' display names, in their fixed order. Called once, at opening; an
     // empty name stands for a service without one.
     virtual std::vector<std::string> names() = 0;
-    // The current readings, index for index with names(); nothing for a service that has
-    // no reading now.
-    virtual std::vector<std::optional<double>> read() = 0;
+    // Hands the current readings to `take` in the services' order, with their index into
+    // names() (nothing for a service that has no reading now), and stops reading as soon as
+    // `take` returns false: a caller with room for a few readings costs a few reads.
+    virtual void read(const std::function<bool(std::size_t, std::optional<double>)> &take) = 0;
+    // Whether these are the sensor services of an Apple-silicon chip (a virtual Mac's list,
+    // or Linux's macsmc_hwmon chip) rather than the hwmon chips Linux finds on any PC
+    // (coretemp, the GPU's, the SSD's). Discovery tells the machine's family by it.
+    virtual bool chipServices() const = 0;
 };
 
 // The hwmon temperature inputs under `sysfs`/class/hwmon, every chip but applesmc.
@@ -38,9 +44,10 @@ std::unique_ptr<TemperatureServices> transportServices(std::unique_ptr<Transport
 std::unique_ptr<TemperatureServices> connectionServices(smc_conn *conn, const std::string &sysfs,
                                                         const ostrel::platform::Files &files);
 
-// The services OSTREL_SMC implies: a virtual Mac's list, otherwise hwmon.
-std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,
-                                                     const ostrel::platform::Files &files);
+// The services of the machine a process reaches (what smc_hid_open opens): the sensor list
+// of a virtual Mac that its selector names, otherwise the hwmon inputs under its sysfs.
+// Null when the selector names nothing that opens.
+std::unique_ptr<TemperatureServices> selectedServices(const ProcessMachine &machine);
 
 // A handle on the given services; null when `services` is null or has none.
 smc_hid *openHid(std::unique_ptr<TemperatureServices> services);

@@ -59,6 +59,9 @@ enum { SMC_CMD_READ = 5, SMC_CMD_WRITE = 6, SMC_CMD_KEY_AT_INDEX = 8, SMC_CMD_KE
 #define SMC_KERN_IO_ERROR 0xE00002CAu       /* the hardware handshake failed */
 #define SMC_KERN_BUSY 0xE00002D5u           /* the device is in use by someone else */
 #define SMC_KERN_NOT_RESPONDING 0xE00002EDu /* no answer (e.g. the virtual Mac is gone) */
+#define SMC_KERN_NOT_PERMITTED                               \
+    0xE00002E2u /* a read the caller may not make (applesmc: \
+                   selecting a key is root's) */
 
 #define SMC_MAX_DATA 32
 
@@ -120,7 +123,9 @@ typedef struct smc_conn smc_conn;
 uint32_t smc_fourcc(const char *text);
 
 /* Opens a connection on the transport named by the environment variable OSTREL_SMC
- * ("memory:PROFILE", "vsmc:SOCKET", "applesmc[:DIR]"; unset: the platform default).
+ * ("memory:PROFILE", "vsmc:SOCKET", "applesmc[:DIR]"; unset: the platform default), as
+ * the program's main read it at start-up and installed with the transports it offers
+ * (csmc::installProcessMachine in csmc/transport_registry.h); without that, SMC_ENOSERVICE.
  * Sets *out to NULL first, then to the new connection. Returns SMC_OK, SMC_ENOSERVICE,
  * SMC_EOPEN or SMC_ENOMEM. */
 int32_t smc_open(smc_conn **out);
@@ -129,6 +134,14 @@ int32_t smc_open(smc_conn **out);
  * parse error with file and line); "" when it did not fail or there is nothing to add.
  * The text stays valid until the thread's next smc_open. */
 const char *smc_open_detail(void);
+
+/* Why the calling thread's last failed call failed, in the platform's words, when the
+ * transport knows more than the status code says: the errno text and the file on applesmc
+ * ("applesmc: reading /sys/.../key_at_index_data: No such device"), what the socket did on
+ * vsmc. "" when there is nothing to add. Meaningful right after a call that returned a
+ * kernel-level status (SMC_ENOTPRIVILEGED or a kernel code); valid until the thread's next
+ * call. */
+const char *smc_error_detail(void);
 
 /* Closes the transport, frees the cache and the record. NULL is accepted and ignored. */
 void smc_close(smc_conn *conn);
@@ -149,7 +162,8 @@ int32_t smc_key_at_index(smc_conn *conn, uint32_t index, uint32_t *out);
 /* Reads a key's value. */
 int32_t smc_read(smc_conn *conn, uint32_t key, smc_value *out);
 
-/* Writes exactly the key's size in bytes. */
+/* Writes exactly the key's size in bytes. A key lookup the kernel refuses as not permitted
+ * (SMC_KERN_NOT_PERMITTED) makes the write SMC_ENOTPRIVILEGED. */
 int32_t smc_write(smc_conn *conn, uint32_t key, const uint8_t *bytes, uint32_t count);
 
 /* Reads a key and decodes it as a number: smc_read's status, SMC_ETYPE when the type or

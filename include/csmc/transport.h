@@ -66,13 +66,19 @@ struct OpenedTransport {
     std::string detail;  // why it failed, for the user; empty on success
 };
 
-// Opens the transport a selector names: "memory:PROFILE", "vsmc:SOCKET",
-// "applesmc[:DIR]", or the empty text for the platform default.
-OpenedTransport openTransport(std::string_view selector);
+// Records why the exchange in progress on the calling thread failed, in words a user can
+// act on (the errno text and the file, say); the channel hands it out as
+// smc_error_detail(). Transports call it before returning a kernel code.
+void noteFailure(std::string detail);
 
 // Opens a connection on a transport made by the caller (tests, tools). Same contract as
 // smc_open; `transport` must not be null.
 std::int32_t openConnection(smc_conn **out, std::unique_ptr<Transport> transport);
+
+// Opens a connection on the outcome of opening a transport (TransportRegistry::open):
+// its status when that failed, with its detail kept for smc_open_detail(); otherwise as
+// above. Sets *out to null first.
+std::int32_t openConnection(smc_conn **out, OpenedTransport opened);
 
 // The transport of an open connection.
 Transport &transportOf(smc_conn *conn);

@@ -23,6 +23,6 @@ BatteryInfo parse(const nlohmann::json &properties);
 // The battery of the machine `smc` is connected to: the virtual Mac's dictionary when the
 // connection is on one, otherwise the power-supply files under the sysfs root. Nothing
 // when the machine has no battery. One query per call, no caching.
-std::optional<BatteryInfo> read(const SMC *smc, const SystemAccess &system = {});
+std::optional<BatteryInfo> read(const SMC *smc, const SystemAccess &system);
 
 }  // namespace ostrel::Battery

@@ -18,8 +18,9 @@
 
 namespace ostrel {
 
-// The dictionary for the first present battery under `sysfs`/class/power_supply, or
-// nothing when there is none.
+// The dictionary for the first present battery under `sysfs`/class/power_supply that is
+// the machine's own (its `scope` is not "Device"), or nothing when there is none. Supplies
+// of scope "Device" count neither as the battery nor as external power.
 std::optional<nlohmann::json> batteryPropertiesFromSysfs(const std::string &sysfs,
                                                          const platform::Files &files);
 

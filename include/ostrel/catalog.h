@@ -63,6 +63,12 @@ bool plausible(double value, Quantity quantity);
 // In the essential set, or a four-character T key whose second character is p, e or g.
 bool isEssential(std::string_view key);
 
+// A key the catalog knows only through the Apple-silicon per-core patterns (a
+// four-character T key whose second character is p, e or g, without a row of its own).
+// Discovery treats such keys as unlisted on Intel machines, where that shape names other
+// sensors (power supply, PCIe proximity).
+bool isPerCorePattern(std::string_view key);
+
 // The group of a temperature-service sensor from words in its name (case-insensitive):
 // gpu; pacc, eacc, soc, pmu tdie or cpu; nand or ssd; battery or gas gauge; ambient or
 // skin; in that order, the first match winning, and board otherwise. Never memory or other.

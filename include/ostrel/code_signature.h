@@ -113,8 +113,7 @@ struct SignatureInfo {
 SignatureInfo verifySignature(const platform::ReadableFile &file);
 // The same for the file at `path`; a missing or unreadable path is `unreadable`, anything
 // but a regular file `notSigned`.
-SignatureInfo verifyFile(const std::string &path,
-                         const platform::FileAccess &files = platform::realFileAccess());
+SignatureInfo verifyFile(const std::string &path, const platform::FileAccess &files);
 
 // Content larger than this is never hashed: verification of a peer must stay bounded.
 inline constexpr std::uint64_t maxSignedSize = 256u << 20;
@@ -151,10 +150,9 @@ namespace CodeSignature {
 // The signer of the running executable (/proc/self/exe, read through `files`) when its
 // signature is valid and keyed; nothing when it is unsigned, ad hoc, invalid or
 // unreadable. Hashes the executable on every call.
-std::optional<Signer> signer(const platform::FileAccess &files = platform::realFileAccess());
+std::optional<Signer> signer(const platform::FileAccess &files);
 // signer()'s team.
-std::optional<std::string> teamIdentifier(
-    const platform::FileAccess &files = platform::realFileAccess());
+std::optional<std::string> teamIdentifier(const platform::FileAccess &files);
 }  // namespace CodeSignature
 
 namespace HelperSelfUpdate {
@@ -164,11 +162,10 @@ CodeRequirement requirement(const std::string &team);
 CodeRequirement requirement(const Signer &self);
 // Whether the file at `path` (a symbolic link is followed) carries a valid signature that
 // satisfies requirement(team). False for anything that cannot be examined.
-bool satisfies(const std::string &path, const std::string &team,
-               const platform::FileAccess &files = platform::realFileAccess());
+bool satisfies(const std::string &path, const std::string &team, const platform::FileAccess &files);
 // The same against any requirement (such as one held to a key).
 bool satisfies(const std::string &path, const CodeRequirement &requirement,
-               const platform::FileAccess &files = platform::realFileAccess());
+               const platform::FileAccess &files);
 }  // namespace HelperSelfUpdate
 
 }  // namespace ostrel

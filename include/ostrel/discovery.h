@@ -65,24 +65,10 @@ struct Discovery {
     static std::optional<Discovery> fromCache(std::string_view bytes);
 };
 
+// The JSON forms, with the field names as member names (what `ostrel discovery --json`
+// prints).
 void to_json(Json &json, const SensorDescriptor &sensor);
-void from_json(const Json &json, SensorDescriptor &sensor);
 void to_json(Json &json, const FanDescriptor &fan);
-void from_json(const Json &json, FanDescriptor &fan);
 void to_json(Json &json, const Discovery &discovery);
-void from_json(const Json &json, Discovery &discovery);
 
 }  // namespace ostrel
-
-template <>
-struct std::hash<ostrel::SensorDescriptor> {
-    std::size_t operator()(const ostrel::SensorDescriptor &sensor) const noexcept;
-};
-template <>
-struct std::hash<ostrel::FanDescriptor> {
-    std::size_t operator()(const ostrel::FanDescriptor &fan) const noexcept;
-};
-template <>
-struct std::hash<ostrel::Discovery> {
-    std::size_t operator()(const ostrel::Discovery &discovery) const noexcept;
-};

@@ -87,13 +87,3 @@ struct FanCurve {
 };
 
 }  // namespace ostrel
-
-template <>
-struct std::hash<ostrel::CurvePoint> {
-    std::size_t operator()(const ostrel::CurvePoint &point) const noexcept;
-};
-
-template <>
-struct std::hash<ostrel::FanCurve> {
-    std::size_t operator()(const ostrel::FanCurve &curve) const noexcept;
-};

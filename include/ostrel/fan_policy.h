@@ -54,8 +54,7 @@ class FanControlError : public std::exception {
 };
 
 // How one fan is driven: by the firmware (Auto), at a fixed speed (Fixed; +infinity is the
-// fan's maximum), or along a curve (Curve). A plain value; the alternatives' order is the
-// case number used in hashing (auto 0, fixed 1, curve 2).
+// fan's maximum), or along a curve (Curve). A plain value.
 struct FanPolicy {
     struct Auto {
         bool operator==(const Auto &) const = default;
@@ -102,8 +101,3 @@ struct FanPolicy {
 using PolicyMap = std::map<std::int64_t, FanPolicy>;
 
 }  // namespace ostrel
-
-template <>
-struct std::hash<ostrel::FanPolicy> {
-    std::size_t operator()(const ostrel::FanPolicy &policy) const noexcept;
-};

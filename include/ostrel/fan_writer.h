@@ -26,8 +26,7 @@ class FanWriter {
 
     // Records each fan's starting mode (a manual 1 is remembered as 0). Never fails.
     // `clock` provides the pauses between mode-write attempts and must outlive the writer.
-    FanWriter(std::shared_ptr<SMC> smc, Discovery discovery,
-              platform::Clock &clock = platform::realClock());
+    FanWriter(std::shared_ptr<SMC> smc, Discovery discovery, platform::Clock &clock);
 
     // The discovered fan with this index; throws FanControlError::noSuchFan.
     const FanDescriptor &fan(std::int64_t index) const;

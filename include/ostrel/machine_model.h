@@ -12,7 +12,7 @@ namespace ostrel {
 // The virtual Mac's own identifier when `smc` is connected to one; otherwise the DMI
 // product name under the sysfs root, where Apple firmware puts the model identifier.
 // "" when neither is known. Never fails.
-std::string machineModel(const SMC *smc, const platform::Paths &paths = platform::Paths(),
-                         const platform::Files &files = platform::realFiles());
+std::string machineModel(const SMC *smc, const platform::Paths &paths,
+                         const platform::Files &files);
 
 }  // namespace ostrel

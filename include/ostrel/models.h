@@ -141,25 +141,12 @@ class Snapshot {
 // Timestamps in JSON: ISO 8601 in UTC with milliseconds, "2026-11-22T10:15:30.123Z"
 // (sub-millisecond parts are dropped, rounding toward the past).
 std::string timestampText(Snapshot::Clock::time_point time);
-// Reads that form back; the fraction may have 0 to 9 digits and the zone may be "Z" or an
-// offset "+02:00". Nothing for any other text or a time outside the clock's range.
-std::optional<Snapshot::Clock::time_point> timestampFromText(std::string_view text);
 
-// The JSON forms. Writing leaves out absent optionals and never writes derived values.
-// Reading throws DecodingError when a required member is missing, has the wrong type, or
-// names a group with the wrong case ("cpu" for "CPU"); absent optionals may be missing.
+// The JSON forms (what `ostrel` prints). Absent optionals are left out; derived values
+// are never written.
 void to_json(Json &json, const Reading &reading);
-void from_json(const Json &json, Reading &reading);
 void to_json(Json &json, const FanReading &fan);
-void from_json(const Json &json, FanReading &fan);
 void to_json(Json &json, const BatteryInfo &battery);
-void from_json(const Json &json, BatteryInfo &battery);
 void to_json(Json &json, const Snapshot &snapshot);
-void from_json(const Json &json, Snapshot &snapshot);
 
 }  // namespace ostrel
-
-template <>
-struct std::hash<ostrel::Reading> {
-    std::size_t operator()(const ostrel::Reading &reading) const noexcept;
-};

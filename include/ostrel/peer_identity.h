@@ -115,9 +115,8 @@ class PeerVetting {
     // Notes which trusted files this process itself runs (/proc/self/maps): they stay
     // mapped, and so stay the same files, for as long as it lives, and a peer mapping them
     // needs no further look at them.
-    explicit PeerVetting(CodeRequirement requirement,
-                         const platform::ProcessAccess &access = platform::realProcessAccess(),
-                         std::size_t cacheCapacity = 64);
+    PeerVetting(CodeRequirement requirement, const platform::ProcessAccess &access,
+                std::size_t cacheCapacity = 64);
 
     // The verdict on `peer` as it is now. The daemon asks before serving each message: a
     // process can exec another program or get a debugger between two messages.

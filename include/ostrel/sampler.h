@@ -25,19 +25,18 @@ namespace ostrel {
 // the fans and their names, and notes the force key, the test key and temperature-sensor
 // services. When `keyCount` is absent it is read first; failing to read it is the only
 // error (SMCError). Every per-key problem just drops that key.
-Discovery discover(SMC &smc, const std::string &model,
-                   std::optional<std::uint32_t> keyCount = std::nullopt,
-                   const SystemAccess &system = {});
+Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32_t> keyCount,
+                   const SystemAccess &system);
 
 // The discovery for this machine: from the cache file when `useCache` is set and the file
 // is valid for the current model and key count (then its key information is seeded into
 // the connection's cache), otherwise by scanning; with `useCache` a scan rewrites the file
 // atomically. Throws SMCError only when the key count cannot be read.
-Discovery loadDiscovery(SMC &smc, bool useCache, const SystemAccess &system = {});
+Discovery loadDiscovery(SMC &smc, bool useCache, const SystemAccess &system);
 
 // The discovery cache file's path, and its deletion (errors ignored).
-std::string cachePath(const SystemAccess &system = {});
-void clearCache(const SystemAccess &system = {});
+std::string cachePath(const SystemAccess &system);
+void clearCache(const SystemAccess &system);
 
 // A fan's name from its identification key ("F0ID"): the bytes from offset 4 to the first
 // zero, as UTF-8, trimmed of blanks and tabs; nothing when unreadable, too short or empty.
@@ -100,13 +99,17 @@ class Sampler {
     // discovery found them. Throws SMCError when the connection cannot be opened or the
     // key count cannot be read.
     Sampler(std::shared_ptr<SMC> smc, SamplerScope scope, bool useCache,
-            const SystemAccess &system = {});
+            const SystemAccess &system);
     ~Sampler();
     Sampler(const Sampler &) = delete;
     Sampler &operator=(const Sampler &) = delete;
 
     // One snapshot. Never fails: anything that cannot be read is left out.
     Snapshot sample();
+    // Whether the last sample is whole: the first failure in it that concerned the
+    // connection rather than one key (the kernel, a vanished virtual Mac, privileges), with
+    // its cause; nothing when every read failed, if at all, for a reason of its own key.
+    const std::optional<SMCError> &lastFailure() const { return lastFailure_; }
     // Makes the next sample that collects fans read their limits again.
     void invalidateFanLimits() { fanLimitsRead_.reset(); }
 
@@ -132,6 +135,7 @@ class Sampler {
     std::vector<smc_hid_reading> hidBuffer_;
     std::map<std::int64_t, std::pair<double, double>> fanLimits_;
     std::optional<platform::Clock::Monotonic> fanLimitsRead_;  // empty: never read
+    std::optional<SMCError> lastFailure_;
 };
 
 }  // namespace ostrel

@@ -17,7 +17,8 @@
 
 namespace csmc {
 class Transport;
-}
+struct OpenedTransport;
+}  // namespace csmc
 
 namespace ostrel {
 
@@ -49,7 +50,6 @@ struct FourCC {
 inline constexpr FourCC FourCC::unknown{0x3F3F3F3Fu};
 
 void to_json(Json &json, const FourCC &code);
-void from_json(const Json &json, FourCC &code);
 
 // What the SMC reports about a key.
 struct SMCKeyInfo {
@@ -59,13 +59,9 @@ struct SMCKeyInfo {
     std::uint8_t attributes = 0;
 
     bool operator==(const SMCKeyInfo &) const = default;
-
-    // Reads the JSON form strictly; throws DecodingError naming `path` and the member.
-    static SMCKeyInfo fromJson(const Json &value, const std::string &path = "");
 };
 
 void to_json(Json &json, const SMCKeyInfo &info);
-void from_json(const Json &json, SMCKeyInfo &info);
 
 // One read of a key: exactly as many bytes as the key's size.
 struct SMCValue {
@@ -126,7 +122,22 @@ class SMCError : public std::exception {
     const char *what() const noexcept override { return description_.c_str(); }
     const std::string &description() const { return description_; }
 
-    // Same case and payload (the payloads a case does not carry are not compared).
+    // What the platform said about the failure, when it said more than the case does: for
+    // a failed open, what was tried and what failed ("no virtual Mac answers at
+    // /tmp/vsmc.sock (no such socket); ..."); for a kernel-level failure, the Linux cause
+    // ("applesmc: reading /sys/.../key_at_index_data: No such device"). Often empty.
+    const std::string &detail() const { return detail_; }
+    SMCError withDetail(std::string detail) const;
+    // The message for a user: the detail alone for a failed open (it says more than
+    // "AppleSMC service not found"), else the description followed by the detail in
+    // parentheses, else the description.
+    std::string explanation() const;
+    // Whether the failure concerns the connection rather than one key (the service, the
+    // kernel, privileges, memory): every later call is likely to fail the same way.
+    bool concernsConnection() const;
+
+    // Same case and payload (the payloads a case does not carry are not compared; nor is
+    // the detail).
     bool operator==(const SMCError &other) const;
 
   private:
@@ -137,6 +148,7 @@ class SMCError : public std::exception {
     FourCC type_;
     std::int32_t code_;
     std::string description_;
+    std::string detail_;
 };
 
 // The connection to the SMC. Owns one channel connection for its whole life; share it as
@@ -144,11 +156,16 @@ class SMCError : public std::exception {
 // thread may call; the daemon calls from its control queue only.
 class SMC {
   public:
-    // Opens the transport named by OSTREL_SMC. Throws SMCError (noService, openFailed,
-    // outOfMemory); openDetail() then says why in more words.
+    // Opens the transport named by OSTREL_SMC, through the transports the program's main
+    // installed (smc_open). Throws SMCError (noService, openFailed, outOfMemory) whose
+    // detail() (also openDetail()) says what was tried and what failed. Every operation
+    // below throws SMCError; kernel-level ones carry the platform's cause in detail().
     SMC();
     // Opens a connection on a transport made by the caller.
     explicit SMC(std::unique_ptr<csmc::Transport> transport);
+    // Opens a connection on what a TransportRegistry opened; throws as SMC() does when
+    // that failed, with its detail in openDetail().
+    explicit SMC(csmc::OpenedTransport opened);
     ~SMC();
     SMC(const SMC &) = delete;
     SMC &operator=(const SMC &) = delete;
@@ -179,15 +196,3 @@ class SMC {
 };
 
 }  // namespace ostrel
-
-template <>
-struct std::hash<ostrel::FourCC> {
-    std::size_t operator()(const ostrel::FourCC &code) const noexcept {
-        return std::hash<std::uint32_t>{}(code.rawValue);
-    }
-};
-
-template <>
-struct std::hash<ostrel::SMCKeyInfo> {
-    std::size_t operator()(const ostrel::SMCKeyInfo &info) const noexcept;
-};

@@ -1,11 +1,15 @@
-// Argument parsing and dispatch for `ostrel`; the commands live in *_command(s).cpp.
+// Argument parsing and dispatch for `ostrel`: a table of commands, each with its options and
+// the function that runs it (in *_command(s).cpp), and one place that turns their errors
+// into messages and exit statuses.
 
 #include "cli.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <iostream>
+#include <cerrno>
+#include <map>
+#include <system_error>
 
 #include "commands.h"
 #include "ostrel/fan_policy.h"
@@ -18,177 +22,272 @@ namespace {
 
 // Group names as shown ("CPU", "Storage"), accepted in any case on the command line.
 std::set<SensorGroup> parseGroups(const std::vector<std::string> &names) {
+    auto lower = [](std::string text) {
+        std::transform(text.begin(), text.end(), text.begin(), text::asciiLower);
+        return text;
+    };
     std::set<SensorGroup> groups;
     for (const std::string &name : names) {
-        bool found = false;
-        for (SensorGroup group : allSensorGroups) {
-            std::string raw(rawValue(group));
-            std::string a = name, b = raw;
-            std::transform(a.begin(), a.end(), a.begin(), text::asciiLower);
-            std::transform(b.begin(), b.end(), b.begin(), text::asciiLower);
-            if (a == b) {
-                groups.insert(group);
-                found = true;
-            }
-        }
-        if (!found) {
+        auto group = std::find_if(
+            allSensorGroups.begin(), allSensorGroups.end(),
+            [&](SensorGroup g) { return lower(name) == lower(std::string(rawValue(g))); });
+        if (group == allSensorGroups.end()) {
             throw CLI::ValidationError("--group", "'" + name +
                                                       "' is not a group (CPU, GPU, Memory, "
                                                       "Storage, Battery, Ambient, Board, Other)");
         }
+        groups.insert(*group);
     }
     return groups;
 }
 
-}  // namespace
-
-Context defaultContext() {
-    return {&std::cout, &std::cerr, [] { return std::make_shared<SMC>(); }, SystemAccess{}};
+void jsonFlag(CLI::App &command, Options &options, const char *help = "Print JSON") {
+    command.add_flag("--json", options.json, help);
 }
+
+void defineJson(CLI::App &command, Options &options) {
+    jsonFlag(command, options);
+}
+
+void defineSensors(CLI::App &command, Options &options) {
+    command
+        .add_option("--scope", options.scope,
+                    "essential (the few that fan control reads), known (the sensors Ostrel "
+                    "can name) or all")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, SamplerScope>{{"essential", SamplerScope::essential},
+                                                {"known", SamplerScope::known},
+                                                {"all", SamplerScope::all}}))
+        ->default_str("known");
+    command.add_option_function<std::vector<std::string>>(
+        "--group",
+        [&options](const std::vector<std::string> &names) { options.groups = parseGroups(names); },
+        "Only temperatures of this group: CPU, GPU, Memory, Storage, Battery, Ambient, Board, "
+        "Other (repeatable; fans, power, voltages and currents are then left out)");
+    jsonFlag(command, options, "Print the snapshot as JSON");
+}
+
+void defineDiscovery(CLI::App &command, Options &options) {
+    command.add_flag("--refresh", options.refresh, "Scan again and rewrite the cache file");
+    jsonFlag(command, options);
+}
+
+void defineRead(CLI::App &command, Options &options) {
+    command.add_option("KEY", options.key, "The key: 1 to 4 printable ASCII characters, e.g. TC0P")
+        ->required()
+        ->check(CLI::Validator(
+            [](std::string &text) {
+                return isKeyText(text) ? std::string()
+                                       : "'" + text +
+                                             "' is not an SMC key (1 to 4 printable ASCII "
+                                             "characters, e.g. TC0P)";
+            },
+            "KEY"));
+    jsonFlag(command, options);
+}
+
+void defineDump(CLI::App &command, Options &options) {
+    jsonFlag(command, options, "Print JSON instead of the profile format");
+}
+
+void defineCurve(CLI::App &command, Options &options) {
+    command
+        .add_option("TEXT", options.curveText,
+                    "TEMP:RPM|min|max points, e.g. 50:min,70:3000,85:max, or a preset: quiet, "
+                    "balanced, performance")
+        ->type_name("")
+        ->required();
+    command
+        .add_option("--sensor", options.sensor,
+                    "The temperature that drives the curve: cpu or gpu (the hottest sensor "
+                    "of that kind) or max (the hottest of all)")
+        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
+        ->type_name("SENSOR")
+        ->capture_default_str();
+    CLI::Option *min =
+        command.add_option("--min", options.min, "The fan's minimum speed in rpm (default 1200)")
+            ->type_name("LO");
+    CLI::Option *max =
+        command.add_option("--max", options.max, "The fan's maximum speed in rpm (default 6000)")
+            ->type_name("HI");
+    CLI::Option *at = command
+                          .add_option("--at", options.at,
+                                      "Show the speed at this temperature in \u00B0C (repeatable)")
+                          ->type_name("TEMP")
+                          ->allow_extra_args(false);
+    command.add_flag("--json", options.json, "Print the curve policy's JSON instead")
+        ->excludes(at)
+        ->excludes(min)
+        ->excludes(max);
+}
+
+// One command of `ostrel`: its words ("smc read"), what it does, its options, and the
+// function that runs it.
+struct Command {
+    const char *path;
+    const char *help;
+    void (*define)(CLI::App &, Options &);
+    void (*run)(Context &, const Options &);
+};
+
+const Command kCommands[] = {
+    {"sensors", "Temperatures by group, fans, power, voltages and currents", defineSensors,
+     sensorsCommand},
+    {"fans", "Fan speeds, limits, mode and target", defineJson, fansCommand},
+    {"battery", "Battery charge, health and power", defineJson, batteryCommand},
+    {"discovery", "What Ostrel found on this machine (cached)", defineDiscovery, discoveryCommand},
+    {"smc keys", "List every key with its value", defineJson, smcKeysCommand},
+    {"smc read", "Read one key", defineRead, smcReadCommand},
+    {"smc dump", "Write the whole key table as a virtual Mac profile (for bug reports)", defineDump,
+     smcDumpCommand},
+    {"curve", "Check a fan curve and show the speeds it commands (touches no fan)", defineCurve,
+     curveCommand},
+};
+
+// Words that only group commands.
+const std::map<std::string, const char *> kGroups = {
+    {"smc", "Raw access to the SMC key table: keys, read, dump"},
+};
+
+std::vector<std::string> words(std::string_view path) {
+    std::vector<std::string> out;
+    while (!path.empty()) {
+        std::size_t blank = path.find(' ');
+        out.emplace_back(path.substr(0, blank));
+        path = blank == std::string_view::npos ? "" : path.substr(blank + 1);
+    }
+    return out;
+}
+
+CLI::App *child(CLI::App &parent, const std::string &name) {
+    for (CLI::App *sub : parent.get_subcommands([](CLI::App *) { return true; })) {
+        if (sub->get_name() == name) {
+            return sub;
+        }
+    }
+    return nullptr;
+}
+
+// The command line's leading words resolved to a command or group; the words that name
+// nothing (the unknown command, as typed) when they go astray.
+struct Resolved {
+    CLI::App *app;
+    std::string path;     // the words resolved, "smc read"
+    std::string unknown;  // "smc frob" when "frob" is no command of "smc"
+};
+
+Resolved resolve(CLI::App &root, const std::vector<std::string> &args) {
+    Resolved r{&root, "", ""};
+    for (const std::string &arg : args) {
+        if (arg.starts_with("-") ||
+            r.app->get_subcommands([](CLI::App *) { return true; }).empty()) {
+            break;  // an option, or the first argument of a command
+        }
+        std::string path = r.path.empty() ? arg : r.path + " " + arg;
+        CLI::App *sub = child(*r.app, arg);
+        if (sub == nullptr) {
+            r.unknown = path;
+            break;
+        }
+        r.app = sub;
+        r.path = path;
+    }
+    return r;
+}
+
+int usageError(std::ostream &err, const std::string &message, const std::string &path) {
+    err << "ostrel: " << text::printable(message) << "\nRun 'ostrel "
+        << (path.empty() ? "" : path + " ") << "--help' for usage.\n";
+    return 2;
+}
+
+// Output that did not reach its file (a full disk, a closed pipe) is output lost.
+bool outputWritten(std::ostream &out, std::ostream &err) {
+    errno = 0;
+    out.flush();
+    int error = errno;
+    if (!out.fail()) {
+        return true;
+    }
+    err << "ostrel: cannot write the output"
+        << (error != 0 ? ": " + std::generic_category().message(error) : std::string()) << '\n';
+    return false;
+}
+
+}  // namespace
 
 int run(int argc, const char *const *argv, Context &context) {
     std::ostream &out = *context.out;
     std::ostream &err = *context.err;
 
     CLI::App app{"ostrel: fan control and sensors for Apple machines", "ostrel"};
-    app.require_subcommand(1);
     app.set_version_flag("--version", std::string(OstrelVersion::string), "Print the version");
-    bool json = false;
-    auto jsonFlag = [&](CLI::App *command, const char *help = "Print JSON") {
-        return command->add_flag("--json", json, help);
-    };
+    Options options;
+    std::map<const CLI::App *, const Command *> commands;
+    for (const Command &command : kCommands) {
+        CLI::App *parent = &app;
+        std::vector<std::string> path = words(command.path);
+        for (std::size_t i = 0; i + 1 < path.size(); ++i) {
+            CLI::App *group = child(*parent, path[i]);
+            parent =
+                group != nullptr ? group : parent->add_subcommand(path[i], kGroups.at(path[i]));
+        }
+        CLI::App *sub = parent->add_subcommand(path.back(), command.help);
+        command.define(*sub, options);
+        commands[sub] = &command;
+    }
+    app.add_subcommand("help", "Show the commands, or one command's options: help smc read")
+        ->allow_extras();
 
-    SensorOptions sensorOptions;
-    std::string scopeText = "known";
-    std::vector<std::string> groupNames;
-    CLI::App *sensors = app.add_subcommand("sensors", "Temperatures, power, voltages, currents");
-    sensors
-        ->add_option("--scope", scopeText,
-                     "essential (the few that fan control reads), known (the sensors Ostrel "
-                     "can name) or all")
-        ->check(CLI::IsMember({"essential", "known", "all"}))
-        ->capture_default_str();
-    sensors->add_option("--group", groupNames,
-                        "Only temperatures of this group: CPU, GPU, Memory, Storage, Battery, "
-                        "Ambient, Board, Other (repeatable)");
-    jsonFlag(sensors, "Print the snapshot as JSON");
-
-    CLI::App *fans = app.add_subcommand("fans", "Fan speeds, limits, mode and target");
-    jsonFlag(fans);
-    CLI::App *battery = app.add_subcommand("battery", "Battery charge, health and power");
-    jsonFlag(battery);
-    bool refresh = false;
-    CLI::App *discovery =
-        app.add_subcommand("discovery", "What Ostrel found on this machine (cached)");
-    discovery->add_flag("--refresh", refresh, "Scan again and rewrite the cache file");
-    jsonFlag(discovery);
-
-    CLI::App *smcCommand = app.add_subcommand("smc", "Raw access to the SMC key table");
-    smcCommand->require_subcommand(1);
-    CLI::App *keys = smcCommand->add_subcommand("keys", "List every key with its value");
-    jsonFlag(keys);
-    CLI::App *read = smcCommand->add_subcommand("read", "Read one key");
-    std::string keyText;
-    read->add_option("KEY", keyText, "The four-character key, e.g. TC0P")->required();
-    jsonFlag(read);
-    CLI::App *dump = smcCommand->add_subcommand(
-        "dump", "Write the whole key table as a virtual Mac profile (for bug reports)");
-    jsonFlag(dump, "Print JSON instead of the profile format");
-
-    CurveOptions curveOptions;
-    CLI::App *curve = app.add_subcommand(
-        "curve", "Check a fan curve and show the speeds it commands (touches no fan)");
-    curve
-        ->add_option("TEXT", curveOptions.text,
-                     "TEMP:RPM|min|max points, e.g. 50:min,70:3000,85:max, or a preset: quiet, "
-                     "balanced, performance")
-        ->type_name("")
-        ->required();
-    curve
-        ->add_option("--sensor", curveOptions.sensor,
-                     "The temperature that drives the curve: cpu or gpu (the hottest sensor "
-                     "of that kind) or max (the hottest of all)")
-        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
-        ->type_name("SENSOR")
-        ->capture_default_str();
-    CLI::Option *minOption =
-        curve
-            ->add_option("--min", curveOptions.min, "The fan's minimum speed in rpm (default 1200)")
-            ->type_name("LO");
-    CLI::Option *maxOption =
-        curve
-            ->add_option("--max", curveOptions.max, "The fan's maximum speed in rpm (default 6000)")
-            ->type_name("HI");
-    CLI::Option *atOption =
-        curve
-            ->add_option("--at", curveOptions.at,
-                         "Show the speed at this temperature in \u00B0C (repeatable)")
-            ->type_name("TEMP")
-            ->allow_extra_args(false);
-    CLI::Option *curveJson = jsonFlag(curve, "Print the curve policy's JSON instead");
-    curveJson->excludes(atOption)->excludes(minOption)->excludes(maxOption);
+    std::vector<std::string> args(argv + std::min(argc, 1), argv + argc);
+    bool help = !args.empty() && args.front() == "help";
+    if (help) {
+        args.erase(args.begin());
+    }
+    Resolved resolved = resolve(app, args);
+    if (!resolved.unknown.empty()) {
+        return usageError(err, "unknown command '" + resolved.unknown + "'", resolved.path);
+    }
+    if (help) {
+        out << resolved.app->help();
+        return outputWritten(out, err) ? 0 : 1;
+    }
 
     try {
         app.parse(argc, argv);
-        if (sensors->parsed()) {
-            sensorOptions.scope = scopeText == "essential" ? SamplerScope::essential
-                                  : scopeText == "all"     ? SamplerScope::all
-                                                           : SamplerScope::known;
-            sensorOptions.groups = parseGroups(groupNames);
-        }
     } catch (const CLI::CallForHelp &) {
         out << app.help();
-        return 0;
+        return outputWritten(out, err) ? 0 : 1;
     } catch (const CLI::CallForVersion &e) {
-        out << e.what() << "\n";
-        return 0;
+        out << e.what() << '\n';
+        return outputWritten(out, err) ? 0 : 1;
     } catch (const CLI::ParseError &e) {
-        err << "ostrel: " << e.what() << "\nRun 'ostrel --help' for usage.\n";
-        return 2;
+        return usageError(err, e.what(), resolved.path);
+    }
+    auto found = commands.find(resolved.app);
+    if (found == commands.end()) {
+        return usageError(err,
+                          resolved.path.empty() ? "a command is required"
+                                                : "'" + resolved.path + "' needs a command",
+                          resolved.path);
     }
 
-    if (curve->parsed()) {
-        try {
-            curveCommand(curveOptions, json, out);
-        } catch (const CLI::ValidationError &e) {
-            err << "ostrel: " << e.what() << "\nRun 'ostrel curve --help' for usage.\n";
-            return 2;
-        } catch (const FanControlError &e) {
-            err << "ostrel: " << e.what() << '\n';
-            return 1;
-        }
-        return 0;
-    }
-
+    int status = 0;
     try {
-        if (sensors->parsed()) {
-            sensorsCommand(context, sensorOptions, json, out);
-        } else if (fans->parsed()) {
-            fansCommand(context, json, out);
-        } else if (battery->parsed()) {
-            batteryCommand(context, json, out);
-        } else if (discovery->parsed()) {
-            discoveryCommand(context, refresh, json, out);
-        } else {
-            std::shared_ptr<SMC> smc = context.openSmc();
-            if (keys->parsed()) {
-                smcKeys(*smc, json, out);
-            } else if (read->parsed()) {
-                smcRead(*smc, keyText, json, out);
-            } else if (dump->parsed()) {
-                smcDump(*smc, json, out);
-            }
-        }
+        found->second->run(context, options);
+    } catch (const CLI::ValidationError &e) {
+        return usageError(err, e.what(), resolved.path);
+    } catch (const FanControlError &e) {
+        err << "ostrel: " << text::printable(e.what()) << '\n';
+        status = 1;
     } catch (const SMCError &e) {
-        err << "ostrel: " << e.what() << '\n';
-        std::string detail = SMC::openDetail();
-        if (!detail.empty() &&
-            (e.kind() == SMCError::Kind::noService || e.kind() == SMCError::Kind::openFailed)) {
-            err << "ostrel: " << detail << '\n';
-        }
-        return 1;
+        err << "ostrel: " << text::printable(e.explanation()) << '\n';
+        status = 1;
+    } catch (const IncompleteOutput &e) {
+        err << "ostrel: " << text::printable(e.what()) << '\n';
+        status = 1;
     }
-    return 0;
+    return outputWritten(out, err) ? status : 1;
 }
 
 }  // namespace ostrel::cli

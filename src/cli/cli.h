@@ -10,7 +10,7 @@
 
 namespace ostrel::cli {
 
-// What a run of the program talks to. The defaults are the real ones.
+// What a run of the program talks to: main builds the real ones, tests their fakes.
 struct Context {
     std::ostream *out;
     std::ostream *err;
@@ -19,8 +19,6 @@ struct Context {
     // Files, environment (the discovery cache's place) and clock.
     SystemAccess system;
 };
-
-Context defaultContext();
 
 // Runs the program; returns the exit status: 0 success, 1 failure (the message is on
 // `err`), 2 usage error.

@@ -33,7 +33,8 @@ double numberOption(const std::string &option, const std::string &text) {
 }  // namespace
 
 // Parses and shows a curve, and what it commands, without touching a fan.
-void curveCommand(const CurveOptions &options, bool json, std::ostream &out) {
+void curveCommand(Context &context, const Options &options) {
+    std::ostream &out = *context.out;
     // CLI11 has already checked the sensor against the three names.
     CurveSensor sensor = *curveSensorFromRaw(options.sensor);
     double lo = options.min ? numberOption("--min", *options.min) : kDefaultMinRpm;
@@ -43,13 +44,13 @@ void curveCommand(const CurveOptions &options, bool json, std::ostream &out) {
         temperatures.push_back(numberOption("--at", text));
     }
     FanCurve curve;
-    if (const FanCurve *preset = FanCurve::preset(options.text)) {
+    if (const FanCurve *preset = FanCurve::preset(options.curveText)) {
         curve = *preset;
         curve.sensor = sensor;
     } else {
-        curve = FanCurve(options.text, sensor);
+        curve = FanCurve(options.curveText, sensor);
     }
-    if (json) {
+    if (options.json) {
         out << PolicyCoding::encode(FanPolicy::curve(curve)) << '\n';
         return;
     }

@@ -105,10 +105,6 @@ void show(const std::string &path, bool json, const Context &c) {
 
 }  // namespace
 
-Context defaultContext() {
-    return {&std::cout, &std::cerr, &platform::realFileAccess()};
-}
-
 int run(int argc, const char *const *argv, const Context &context) {
     CLI::App app{"ostrel-codesign: signs, verifies and shows signatures on Ostrel's programs",
                  "ostrel-codesign"};

@@ -14,8 +14,6 @@ struct Context {
     const platform::FileAccess *files;
 };
 
-Context defaultContext();
-
 // Runs the program; returns the exit status: 0 success (for verify: valid and satisfied),
 // 1 failure (the reason is on `err`), 2 usage error.
 int run(int argc, const char *const *argv, const Context &context);

@@ -1,5 +1,10 @@
+// The composition root of `ostrel-codesign`: the real files, handed down once.
+
+#include <iostream>
+
 #include "codesign.h"
 
 int main(int argc, char **argv) {
-    return ostrel::codesign::run(argc, argv, ostrel::codesign::defaultContext());
+    ostrel::codesign::Context context{&std::cout, &std::cerr, &ostrel::platform::realFileAccess()};
+    return ostrel::codesign::run(argc, argv, context);
 }

@@ -1,11 +1,16 @@
 #include "csmc/applesmc.h"
 
+#include <fmt/format.h>
+
+#include "csmc/keys.h"
+
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <system_error>
 #include <vector>
 
 namespace csmc {
@@ -23,24 +28,43 @@ struct Refusal {
     std::uint8_t result = 0;
 };
 
-enum class Access { read, select, store };
+enum class Access { read, select, store, lock };
 
-// The one place where the driver's errno values become what the channel understands.
-Refusal refusalFor(int error, Access access) {
+std::string_view verb(Access access) {
+    switch (access) {
+        case Access::read:
+            return "reading";
+        case Access::select:
+            return "selecting a key in";
+        case Access::store:
+            return "writing";
+        case Access::lock:
+            return "locking";
+    }
+    return "using";
+}
+
+// The one place where the driver's errno values become what the channel understands. A
+// kernel-level answer also tells the user which file failed and how.
+Refusal refusalFor(int error, Access access, const std::string &path) {
+    Refusal refusal{SMC_KERN_ERROR, 0};
     switch (error) {
         case EACCES:
         case EPERM:
             // Only root may write the selector and the fan files; the lock file is root's too.
-            return {SMC_KERN_NOT_PRIVILEGED, 0};
+            refusal = {SMC_KERN_NOT_PRIVILEGED, 0};
+            break;
         case ENOENT:
         case ENODEV:
         case ENXIO:
         case ENOTDIR:
             // The module was unloaded or the device unbound under us.
-            return {SMC_KERN_NO_DEVICE, 0};
+            refusal = {SMC_KERN_NO_DEVICE, 0};
+            break;
         case EIO:
             // The SMC handshake failed; the driver does not retry, neither do we.
-            return {SMC_KERN_IO_ERROR, 0};
+            refusal = {SMC_KERN_IO_ERROR, 0};
+            break;
         case EINVAL:
             switch (access) {
                 case Access::select:
@@ -48,20 +72,26 @@ Refusal refusalFor(int error, Access access) {
                 case Access::store:
                     return {0, SMC_RESULT_BAD_ARGUMENT};
                 case Access::read:
-                    return {SMC_KERN_BAD_ARGUMENT, 0};
+                case Access::lock:
+                    refusal = {SMC_KERN_BAD_ARGUMENT, 0};
+                    break;
             }
             break;
         default:
             break;
     }
-    return {SMC_KERN_ERROR, 0};
+    noteFailure(fmt::format("applesmc: {} {}: {}", verb(access), path,
+                            std::generic_category().message(error)));
+    return refusal;
 }
 
 // Thrown when the selector did not stay where a step put it; the step is tried again.
 struct SelectorMoved {};
 
 // The driver printed something that does not parse: it is not behaving like applesmc.
-Refusal garbled() {
+Refusal garbled(std::string_view attribute, std::string_view text) {
+    noteFailure(fmt::format("applesmc: {} reads {:?}, which is not what the driver prints",
+                            attribute, text.substr(0, 32)));
     return {SMC_KERN_ERROR, 0};
 }
 
@@ -74,7 +104,7 @@ constexpr std::uint8_t kReadOnly = 0x80;
 constexpr std::uint8_t kReadWrite = 0xC0;
 constexpr std::uint8_t kControl = 0xD0;
 
-const std::uint32_t kForceMask = smc_fourcc("FS! ");
+constexpr std::uint32_t kForceMask = kForceMaskKey;
 
 std::string_view chomp(std::string_view text) {
     if (!text.empty() && text.back() == '\n') {
@@ -85,10 +115,10 @@ std::string_view chomp(std::string_view text) {
 
 // A key or type as the driver prints it ("%s\n"). A code holding a NUL byte is cut short
 // there by the driver; padding with NULs gives it back.
-std::uint32_t parseCode(std::string_view text) {
+std::uint32_t parseCode(std::string_view attribute, std::string_view text) {
     text = chomp(text);
     if (text.empty() || text.size() > 4) {
-        throw garbled();
+        throw garbled(attribute, text);
     }
     std::uint32_t code = 0;
     for (std::size_t i = 0; i < 4; ++i) {
@@ -97,12 +127,12 @@ std::uint32_t parseCode(std::string_view text) {
     return code;
 }
 
-std::uint32_t parseCount(std::string_view text) {
+std::uint32_t parseCount(std::string_view attribute, std::string_view text) {
     text = chomp(text);
     std::uint32_t value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
-        throw garbled();
+        throw garbled(attribute, text);
     }
     return value;
 }
@@ -167,8 +197,13 @@ std::uint32_t ApplesmcTransport::exchange(const smc_param &in, smc_param &out) {
         // One hold for the whole command: a search, a description and a read (or the
         // read-modify-write of the force mask) then see one consistent selector.
         LockResult held = sysfs_.lockExclusive(lockPath_);
-        if (held.error != 0) {
-            throw refusalFor(held.error, Access::read);
+        // The lock file is root's. A reader that may not take it goes on without: every
+        // answer is checked against the selector, so at worst it waits or hears "busy",
+        // and the driver itself decides whether this user may select a key.
+        bool mayReadUnlocked = in.command != SMC_CMD_WRITE &&
+                               (held.error == EACCES || held.error == EPERM || held.error == EROFS);
+        if (held.error != 0 && !mayReadUnlocked) {
+            throw refusalFor(held.error, Access::lock, lockPath_);
         }
         switch (in.command) {
             case SMC_CMD_READ:
@@ -187,8 +222,20 @@ std::uint32_t ApplesmcTransport::exchange(const smc_param &in, smc_param &out) {
         return 0;
     } catch (const Refusal &refusal) {
         out.result = refusal.result;
+        if (refusal.kern == SMC_KERN_NOT_PRIVILEGED && in.command != SMC_CMD_WRITE) {
+            // Selecting a key is a write to a root-only file, so on this driver even reading
+            // needs root. Saying "writes need root" would send the user the wrong way.
+            noteFailure(
+                "reading SMC keys through the applesmc driver needs root (only root "
+                "may select a key in " +
+                device_ +
+                "/key_at_index): run ostrel with sudo; fan control goes through "
+                "the daemon (ostrel helper install)");
+            return SMC_KERN_NOT_PERMITTED;
+        }
         return refusal.kern;
     } catch (const std::bad_alloc &) {
+        noteFailure("applesmc: out of memory");
         return SMC_KERN_ERROR;
     }
 }
@@ -285,16 +332,16 @@ void ApplesmcTransport::writeKey(const smc_param &in) {
 void ApplesmcTransport::writeForceMask(const Entry &mask, double wanted) {
     std::string current = readValue(kForceMask);
     double held = 0;
-    if (current.size() != mask.size ||
-        !smc_decode_double(mask.type, reinterpret_cast<const std::uint8_t *>(current.data()),
-                           mask.size, &held)) {
-        throw garbled();
+    std::optional<std::uint64_t> have;
+    if (current.size() == mask.size &&
+        smc_decode_double(mask.type, reinterpret_cast<const std::uint8_t *>(current.data()),
+                          mask.size, &held)) {
+        have = wholeNumber(held);
     }
-    std::optional<std::uint64_t> have = wholeNumber(held);
-    std::optional<std::uint64_t> want = wholeNumber(wanted);
     if (!have) {
-        throw garbled();
+        throw garbled("the force mask FS! ", current);
     }
+    std::optional<std::uint64_t> want = wholeNumber(wanted);
     if (!want) {
         throw Refusal{0, SMC_RESULT_BAD_ARGUMENT};
     }
@@ -310,27 +357,30 @@ void ApplesmcTransport::writeForceMask(const Entry &mask, double wanted) {
 }
 
 std::string ApplesmcTransport::readAttribute(std::string_view name) {
-    AttributeRead read = sysfs_.read(device_ + "/" + std::string(name));
+    std::string path = device_ + "/" + std::string(name);
+    AttributeRead read = sysfs_.read(path);
     if (read.error != 0) {
-        throw refusalFor(read.error, Access::read);
+        throw refusalFor(read.error, Access::read, path);
     }
     return std::move(read.contents);
 }
 
 void ApplesmcTransport::storeAttribute(std::string_view name, std::string_view text) {
-    int error = sysfs_.write(device_ + "/" + std::string(name), text);
+    std::string path = device_ + "/" + std::string(name);
+    int error = sysfs_.write(path, text);
     if (error != 0) {
-        throw refusalFor(error, Access::store);
+        throw refusalFor(error, Access::store, path);
     }
 }
 
 // False when the driver says the index is past the end of its table.
 bool ApplesmcTransport::trySelect(std::uint32_t index) {
-    int error = sysfs_.write(device_ + "/key_at_index", std::to_string(index));
+    std::string path = device_ + "/key_at_index";
+    int error = sysfs_.write(path, std::to_string(index));
     if (error == 0) {
         return true;
     }
-    Refusal refusal = refusalFor(error, Access::select);
+    Refusal refusal = refusalFor(error, Access::select, path);
     if (refusal.kern == 0 && refusal.result == SMC_RESULT_INDEX_RANGE) {
         return false;
     }
@@ -338,7 +388,7 @@ bool ApplesmcTransport::trySelect(std::uint32_t index) {
 }
 
 std::uint32_t ApplesmcTransport::selectedKey() {
-    return parseCode(readAttribute("key_at_index_name"));
+    return parseCode("key_at_index_name", readAttribute("key_at_index_name"));
 }
 
 // The key at an index, or nothing when the index is past the end of the table. Reading
@@ -348,7 +398,7 @@ std::optional<std::uint32_t> ApplesmcTransport::probe(std::uint32_t index) {
         return std::nullopt;
     }
     std::uint32_t key = selectedKey();
-    if (parseCount(readAttribute("key_at_index")) != index) {
+    if (parseCount("key_at_index", readAttribute("key_at_index")) != index) {
         throw SelectorMoved{};
     }
     return key;
@@ -357,7 +407,7 @@ std::optional<std::uint32_t> ApplesmcTransport::probe(std::uint32_t index) {
 // Binary search over the sorted table, probe by probe.
 std::optional<std::uint32_t> ApplesmcTransport::search(std::uint32_t key) {
     std::uint32_t low = 0;
-    std::uint32_t high = parseCount(readAttribute("key_count"));
+    std::uint32_t high = parseCount("key_count", readAttribute("key_count"));
     while (low < high) {
         std::uint32_t middle = low + (high - low) / 2;
         std::optional<std::uint32_t> found = probe(middle);
@@ -393,8 +443,9 @@ ApplesmcTransport::Entry ApplesmcTransport::describe(std::uint32_t key) {
     return withRetries([&] {
         Entry entry{locate(key)};
         if (trySelect(entry.index)) {
-            entry.type = parseCode(readAttribute("key_at_index_type"));
-            entry.size = parseCount(readAttribute("key_at_index_data_length"));
+            entry.type = parseCode("key_at_index_type", readAttribute("key_at_index_type"));
+            entry.size =
+                parseCount("key_at_index_data_length", readAttribute("key_at_index_data_length"));
             if (selectedKey() == key) {
                 entry.described = true;
                 remember(key, entry);
@@ -535,6 +586,13 @@ OpenedTransport openApplesmc(std::string_view dir, ostrel::platform::Sysfs &sysf
         return {SMC_ENOSERVICE, nullptr, std::move(detail)};
     }
     return {SMC_OK, std::make_unique<ApplesmcTransport>(*device, paths.applesmcLock(), sysfs), ""};
+}
+
+void addApplesmcTransport(TransportRegistry &registry, ostrel::platform::Sysfs &sysfs,
+                          ostrel::platform::Paths paths) {
+    auto open = [&sysfs, paths](std::string_view dir) { return openApplesmc(dir, sysfs, paths); };
+    registry.add("applesmc", "applesmc[:DIR]", open);
+    registry.setDefault(open);
 }
 
 }  // namespace csmc

@@ -8,7 +8,7 @@
 
 #include "csmc/smc.h"
 #include "csmc/transport.h"
-#include "ostrel/platform/environment.h"
+#include "csmc/transport_registry.h"
 
 namespace {
 
@@ -46,6 +46,7 @@ CacheSlot *probe(CacheSlot *table, std::uint32_t capacity, std::uint32_t key) {
 }
 
 thread_local std::string openDetail;
+thread_local std::string failureDetail;
 
 }  // namespace
 
@@ -88,6 +89,7 @@ void cachePut(smc_conn *conn, const CacheSlot &slot) {
 
 // One exchange: 0, SMC_ENOKEY, SMC_ENOTPRIVILEGED, SMC_EFIRMWARE or the kernel code.
 std::int32_t smcCall(smc_conn *conn, const smc_param &in, smc_param &out) {
+    failureDetail.clear();
     std::uint32_t kern = conn->transport->exchange(in, out);
     if (kern == SMC_KERN_NOT_PRIVILEGED) {
         return SMC_ENOTPRIVILEGED;
@@ -122,6 +124,18 @@ std::int32_t openConnection(smc_conn **out, std::unique_ptr<Transport> transport
     return SMC_OK;
 }
 
+std::int32_t openConnection(smc_conn **out, OpenedTransport opened) {
+    *out = nullptr;
+    if (opened.status != SMC_OK) {
+        return failOpen(opened.status, std::move(opened.detail));
+    }
+    return openConnection(out, std::move(opened.transport));
+}
+
+void noteFailure(std::string detail) {
+    failureDetail = std::move(detail);
+}
+
 Transport &transportOf(smc_conn *conn) {
     return *conn->transport;
 }
@@ -137,16 +151,21 @@ extern "C" {
 
 int32_t smc_open(smc_conn **out) {
     *out = nullptr;
-    auto selector = ostrel::platform::processEnvironment().get("OSTREL_SMC");
-    csmc::OpenedTransport opened = csmc::openTransport(selector.value_or(""));
-    if (opened.status != SMC_OK) {
-        return failOpen(opened.status, std::move(opened.detail));
+    std::shared_ptr<const csmc::ProcessMachine> machine = csmc::processMachine();
+    if (!machine || !machine->transports) {
+        return failOpen(SMC_ENOSERVICE,
+                        "no SMC transport was configured in this program (its main installs "
+                        "one at start-up)");
     }
-    return csmc::openConnection(out, std::move(opened.transport));
+    return csmc::openConnection(out, machine->transports->open(machine->selector));
 }
 
 const char *smc_open_detail(void) {
     return openDetail.c_str();
+}
+
+const char *smc_error_detail(void) {
+    return failureDetail.c_str();
 }
 
 void smc_close(smc_conn *conn) {
@@ -260,6 +279,10 @@ int32_t smc_read(smc_conn *conn, uint32_t key, smc_value *out) {
 int32_t smc_write(smc_conn *conn, uint32_t key, const uint8_t *bytes, uint32_t count) {
     smc_key_info info{};
     std::int32_t status = smc_key_info_get(conn, key, &info);
+    if (status == static_cast<std::int32_t>(SMC_KERN_NOT_PERMITTED)) {
+        failureDetail.clear();      // the lookup's "reading needs root" would mislead
+        return SMC_ENOTPRIVILEGED;  // a caller who may not even look the key up may not write
+    }
     if (status != SMC_OK) {
         return status;
     }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "csmc/smc.h"
+#include "ostrel/platform/numbers.h"
 #include "ostrel/platform/text.h"
 
 namespace {
@@ -156,10 +157,9 @@ extern "C" bool smc_encode_double(uint32_t type, uint32_t count, uint8_t *out, d
     if (count > 0) {
         std::memset(out, 0, count);
     }
-    // 2^64 and 2^63: beyond these a conversion to a 64-bit integer is undefined, so such
+    // 2^64: beyond it a conversion to an unsigned 64-bit integer is undefined, so such
     // values (and NaN) are refused rather than written as garbage.
     constexpr double kTwo64 = 18446744073709551616.0;
-    constexpr double kTwo63 = 9223372036854775808.0;
     if (isUnsignedInteger(type)) {
         if (count < 1 || count > 8 || !(value >= 0)) {
             return false;
@@ -175,11 +175,11 @@ extern "C" bool smc_encode_double(uint32_t type, uint32_t count, uint8_t *out, d
         if (count < 1 || count > 8 || std::isnan(value)) {
             return false;
         }
-        double shifted = value < 0 ? value - 0.5 : value + 0.5;
-        if (!(shifted >= -kTwo63 && shifted < kTwo63)) {
+        auto rounded = ostrel::numbers::truncatedInt64(value < 0 ? value - 0.5 : value + 0.5);
+        if (!rounded) {
             return false;
         }
-        putBigEndian(out, count, static_cast<std::uint64_t>(static_cast<std::int64_t>(shifted)));
+        putBigEndian(out, count, static_cast<std::uint64_t>(*rounded));
         return true;
     }
     if (type == kFlag) {

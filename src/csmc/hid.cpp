@@ -8,7 +8,6 @@
 #include <new>
 
 #include "csmc/hid.h"
-#include "ostrel/platform/paths.h"
 
 struct smc_hid {
     std::unique_ptr<csmc::TemperatureServices> services;
@@ -81,13 +80,12 @@ class HwmonServices final : public TemperatureServices {
     }
 
     std::vector<std::string> names() override { return names_; }
+    bool chipServices() const override { return chipServices_; }
 
-    std::vector<std::optional<double>> read() override {
-        std::vector<std::optional<double>> values;
-        values.reserve(inputs_.size());
-        for (const std::string &input : inputs_) {
+    void read(const std::function<bool(std::size_t, std::optional<double>)> &take) override {
+        for (std::size_t i = 0; i < inputs_.size(); ++i) {
             std::optional<double> value;
-            if (auto text = files_.read(input)) {
+            if (auto text = files_.read(inputs_[i])) {
                 std::string number = trimmed(*text);
                 long long millis = 0;
                 auto [end, ec] =
@@ -96,9 +94,10 @@ class HwmonServices final : public TemperatureServices {
                     value = static_cast<double>(millis) / 1000.0;
                 }
             }
-            values.push_back(value);
+            if (!take(i, value)) {
+                return;
+            }
         }
-        return values;
     }
 
   private:
@@ -125,6 +124,7 @@ class HwmonServices final : public TemperatureServices {
             }
         }
         std::string word = hwmonChipWord(chipName);
+        chipServices_ = chipServices_ || (chipName == "macsmc_hwmon" && !inputs.empty());
         for (const auto &[n, entry] : inputs) {
             auto label = files_.read(dir + "/temp" + std::to_string(n) + "_label");
             std::string text = label ? trimmed(*label) : "";
@@ -136,6 +136,7 @@ class HwmonServices final : public TemperatureServices {
     const ostrel::platform::Files &files_;
     std::vector<std::string> names_;
     std::vector<std::string> inputs_;
+    bool chipServices_ = false;
 };
 
 class VirtualServices final : public TemperatureServices {
@@ -151,32 +152,36 @@ class VirtualServices final : public TemperatureServices {
     }
 
     std::vector<std::string> names() override { return names_; }
+    bool chipServices() const override { return true; }
 
     // The list is matched to the names fixed at opening by position while it has the same
-    // length, and by name otherwise (a sensor that came or went since).
-    std::vector<std::optional<double>> read() override {
-        std::vector<std::optional<double>> values(names_.size());
+    // length, and by name otherwise (a sensor that came or went since). One call fetches
+    // the whole list, so stopping early saves nothing but the matching.
+    void read(const std::function<bool(std::size_t, std::optional<double>)> &take) override {
         auto sensors = transport_.temperatureSensors();
         if (!sensors) {
-            return values;
+            return;
         }
         bool aligned = sensors->size() == names_.size();
         for (std::size_t i = 0; aligned && i < names_.size(); ++i) {
             aligned = (*sensors)[i].name == names_[i];
         }
         for (std::size_t i = 0; i < names_.size(); ++i) {
+            std::optional<double> value;
             if (aligned) {
-                values[i] = (*sensors)[i].celsius;
-                continue;
-            }
-            for (const TemperatureSensor &sensor : *sensors) {
-                if (sensor.name == names_[i]) {
-                    values[i] = sensor.celsius;
-                    break;
+                value = (*sensors)[i].celsius;
+            } else {
+                for (const TemperatureSensor &sensor : *sensors) {
+                    if (sensor.name == names_[i]) {
+                        value = sensor.celsius;
+                        break;
+                    }
                 }
             }
+            if (!take(i, value)) {
+                return;
+            }
         }
-        return values;
     }
 
   private:
@@ -231,11 +236,9 @@ std::unique_ptr<TemperatureServices> connectionServices(smc_conn *conn, const st
     return hwmonServices(sysfs, files);
 }
 
-std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Environment &env,
-                                                     const ostrel::platform::Files &files) {
-    std::string selector = env.get("OSTREL_SMC").value_or("");
-    if (!selector.empty()) {
-        OpenedTransport opened = openTransport(selector);
+std::unique_ptr<TemperatureServices> selectedServices(const ProcessMachine &machine) {
+    if (!machine.selector.empty()) {
+        OpenedTransport opened = machine.transports->open(machine.selector);
         if (opened.status != SMC_OK) {
             return nullptr;
         }
@@ -244,7 +247,7 @@ std::unique_ptr<TemperatureServices> defaultServices(const ostrel::platform::Env
             return transportServices(std::move(opened.transport));
         }
     }
-    return hwmonServices(ostrel::platform::Paths(env).sysfs(), files);
+    return hwmonServices(machine.sysfs, *machine.files);
 }
 
 smc_hid *openHid(std::unique_ptr<TemperatureServices> services) {
@@ -277,8 +280,11 @@ smc_hid *openHid(std::unique_ptr<TemperatureServices> services) {
 extern "C" {
 
 smc_hid *smc_hid_open(void) {
-    return csmc::openHid(csmc::defaultServices(ostrel::platform::processEnvironment(),
-                                               ostrel::platform::realFiles()));
+    std::shared_ptr<const csmc::ProcessMachine> machine = csmc::processMachine();
+    if (!machine || !machine->transports || machine->files == nullptr) {
+        return nullptr;
+    }
+    return csmc::openHid(csmc::selectedServices(*machine));
 }
 
 int32_t smc_hid_count(const smc_hid *hid) {
@@ -289,17 +295,23 @@ int32_t smc_hid_read(smc_hid *hid, smc_hid_reading *out, int32_t capacity) {
     if (hid == nullptr || hid->count < 1 || capacity < 1) {
         return 0;
     }
-    std::vector<std::optional<double>> values = hid->services->read();
-    std::int32_t written = 0;
-    for (std::size_t i = 0; i < hid->names.size() && written < capacity; ++i) {
-        if (i >= values.size() || !values[i] || !csmc::plausible(*values[i])) {
-            continue;
+    struct Fill {
+        smc_hid *hid;
+        smc_hid_reading *out;
+        std::int32_t capacity;
+        std::int32_t written;
+    } fill{hid, out, capacity, 0};
+    // One pointer captured: the callback fits std::function's own storage, no allocation.
+    hid->services->read([f = &fill](std::size_t i, std::optional<double> celsius) {
+        if (i < f->hid->names.size() && celsius && csmc::plausible(*celsius)) {
+            std::memcpy(f->out[f->written].name, f->hid->names[i].data(),
+                        sizeof f->out[f->written].name);
+            f->out[f->written].celsius = *celsius;
+            ++f->written;
         }
-        std::memcpy(out[written].name, hid->names[i].data(), sizeof out[written].name);
-        out[written].celsius = *values[i];
-        ++written;
-    }
-    return written;
+        return f->written < f->capacity;
+    });
+    return fill.written;
 }
 
 void smc_hid_close(smc_hid *hid) {

@@ -6,20 +6,43 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
-#include "ostrel/vsmc/protocol.h"
+#include "csmc/vsmc_protocol.h"
 
 namespace csmc {
 
 namespace {
 
-namespace protocol = ostrel::vsmc::protocol;
-using Clock = std::chrono::steady_clock;
+namespace wire = vsmcwire;
+using ostrel::platform::Clock;
 
+constexpr const char *kNoAnswer = "no answer in time";
+
+// The one place where this transport's errno values become words. A user who typed a
+// socket path wants to hear "no such socket" or "connection refused", not a system call.
 std::string errnoText(const char *what) {
-    return std::string(what) + ": " + std::strerror(errno);
+    int error = errno;
+    if (std::string_view(what) == "connect") {
+        switch (error) {
+            case ENOENT:
+                return "no such socket";
+            case ECONNREFUSED:
+                return "connection refused: nothing listens there any more";
+            case ENOTSOCK:
+                return "that file is not a socket";
+            case EACCES:
+                return "permission denied";
+            default:
+                break;
+        }
+    }
+    return std::string(what) + ": " + std::generic_category().message(error);
 }
 
 // A connected non-blocking socket, or -1 with the reason in `error`.
@@ -46,12 +69,18 @@ int dial(const std::string &path, std::string &error) {
     return fd;
 }
 
-// Waits until `fd` is ready for `events` or the deadline passes.
-bool await(int fd, short events, Clock::time_point deadline, std::string &error) {
+// How moving bytes went: all moved, a failure, or the peer had closed the connection.
+enum class Io { ok, failed, closed };
+
+// Waits until `fd` is ready for `events` or the deadline passes. poll() is only the
+// mechanism; whether the deadline has passed is the clock's to say.
+bool await(int fd, short events, const Clock &clock, Clock::Monotonic deadline,
+           std::string &error) {
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock.monotonic());
         if (left.count() <= 0) {
-            error = "no answer in time";
+            error = kNoAnswer;
             return false;
         }
         pollfd p{fd, events, 0};
@@ -66,8 +95,8 @@ bool await(int fd, short events, Clock::time_point deadline, std::string &error)
     }
 }
 
-bool sendAll(int fd, const std::uint8_t *data, std::size_t size, Clock::time_point deadline,
-             std::string &error) {
+Io sendAll(int fd, const std::uint8_t *data, std::size_t size, const Clock &clock,
+           Clock::Monotonic deadline, std::string &error) {
     while (size > 0) {
         ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
         if (n > 0) {
@@ -76,44 +105,46 @@ bool sendAll(int fd, const std::uint8_t *data, std::size_t size, Clock::time_poi
         } else if (n < 0 && errno == EINTR) {
             continue;
         } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (!await(fd, POLLOUT, deadline, error)) {
-                return false;
+            if (!await(fd, POLLOUT, clock, deadline, error)) {
+                return Io::failed;
             }
         } else {
+            bool closed = errno == EPIPE || errno == ECONNRESET;
             error = errnoText("send");
-            return false;
+            return closed ? Io::closed : Io::failed;
         }
     }
-    return true;
+    return Io::ok;
 }
 
-bool receiveAll(int fd, std::uint8_t *data, std::size_t size, Clock::time_point deadline,
-                std::string &error) {
+Io receiveAll(int fd, std::uint8_t *data, std::size_t size, const Clock &clock,
+              Clock::Monotonic deadline, std::string &error) {
     while (size > 0) {
         ssize_t n = ::recv(fd, data, size, 0);
         if (n > 0) {
             data += n;
             size -= static_cast<std::size_t>(n);
-        } else if (n == 0) {
+        } else if (n == 0 || errno == ECONNRESET) {
             error = "the virtual Mac closed the connection";
-            return false;
+            return Io::closed;
         } else if (errno == EINTR) {
             continue;
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            if (!await(fd, POLLIN, deadline, error)) {
-                return false;
+            if (!await(fd, POLLIN, clock, deadline, error)) {
+                return Io::failed;
             }
         } else {
             error = errnoText("recv");
-            return false;
+            return Io::failed;
         }
     }
-    return true;
+    return Io::ok;
 }
 
 }  // namespace
 
-OpenedTransport VsmcTransport::open(const std::string &path, std::chrono::milliseconds timeout) {
+OpenedTransport VsmcTransport::open(const std::string &path, Clock &clock,
+                                    std::chrono::milliseconds timeout) {
     std::string error;
     int fd = dial(path, error);
     if (fd < 0) {
@@ -121,7 +152,39 @@ OpenedTransport VsmcTransport::open(const std::string &path, std::chrono::millis
                 "no virtual Mac answers at " + path + " (" + error +
                     "); start one with: ostrel-vsmc --profile NAME --socket " + path};
     }
-    return {SMC_OK, std::unique_ptr<Transport>(new VsmcTransport(path, timeout, fd)), ""};
+    std::unique_ptr<VsmcTransport> transport(new VsmcTransport(path, clock, timeout, fd));
+    // A virtual Mac that runs answers at once. One that accepted the connection but is
+    // stopped (Ctrl-Z) or hung would otherwise make every request wait out the timeout;
+    // asking for the model, which callers want anyway, finds out quickly.
+    transport->timeout_ = transport->openTimeout();
+    std::optional<nlohmann::json> reply = transport->call({{"call", "model"}}, &error);
+    transport->timeout_ = timeout;
+    if (!reply) {
+        std::string why = error == kNoAnswer
+                              ? fmt::format(
+                                    "accepted the connection but did not answer within "
+                                    "{} ms (is ostrel-vsmc stopped? resume it with fg "
+                                    "or kill -CONT, or start it again)",
+                                    transport->openTimeout().count())
+                              : error;
+        return {SMC_ENOSERVICE, nullptr, "the virtual Mac at " + path + " " + why};
+    }
+    if ((*reply)["model"].is_string()) {
+        transport->model_ = (*reply)["model"].get<std::string>();
+    }
+    transport->quietUntil_ = {};
+    return {SMC_OK, std::move(transport), ""};
+}
+
+void addVsmcTransport(TransportRegistry &registry, Clock &clock) {
+    registry.add("vsmc", "vsmc:SOCKET", [&clock](std::string_view path) -> OpenedTransport {
+        if (path.empty()) {
+            return {SMC_ENOSERVICE, nullptr,
+                    "OSTREL_SMC=vsmc: needs the virtual Mac's socket, e.g. "
+                    "vsmc:/run/dev.ostrel.vsmc.sock"};
+        }
+        return VsmcTransport::open(std::string(path), clock);
+    });
 }
 
 VsmcTransport::~VsmcTransport() {
@@ -137,37 +200,79 @@ void VsmcTransport::disconnect() {
 
 bool VsmcTransport::roundTrip(std::uint8_t kind, const void *payload, std::uint32_t length,
                               std::uint8_t replyKind, std::string &reply, std::string &error) {
-    if (fd_ < 0 && (fd_ = dial(path_, error)) < 0) {
+    if (clock_.monotonic() < quietUntil_) {
+        // It did not answer a moment ago: a caller reading key after key should hear so at
+        // once rather than wait out the timeout for each.
+        error = kNoAnswer;
         return false;
     }
-    Clock::time_point deadline = Clock::now() + timeout_;
-    auto header = protocol::encodeHeader(static_cast<protocol::Kind>(kind), length);
-    std::array<std::uint8_t, protocol::kHeaderSize> answer{};
-    std::optional<protocol::Header> decoded;
-    bool ok = sendAll(fd_, header.data(), header.size(), deadline, error) &&
-              sendAll(fd_, static_cast<const std::uint8_t *>(payload), length, deadline, error) &&
-              receiveAll(fd_, answer.data(), answer.size(), deadline, error);
-    if (ok && (!(decoded = protocol::decodeHeader(answer, false)) || decoded->kind != replyKind)) {
-        error = "the virtual Mac answered with a malformed frame";
-        ok = false;
-    }
-    if (ok) {
-        reply.resize(decoded->length);
-        ok = receiveAll(fd_, reinterpret_cast<std::uint8_t *>(reply.data()), reply.size(), deadline,
-                        error);
-    }
-    if (!ok) {
+    for (;;) {
+        bool reused = fd_ >= 0;
+        if (!reused && (fd_ = dial(path_, error)) < 0) {
+            return false;
+        }
+        Outcome outcome = attempt(kind, payload, length, replyKind, reply, error);
+        if (outcome == Outcome::ok) {
+            return true;
+        }
         // Whatever is left on this connection would answer the wrong request.
         disconnect();
+        if (error == kNoAnswer) {
+            quietUntil_ = clock_.monotonic() + timeout_;
+        }
+        // The server closes connections that sit idle; one found closed before a byte of
+        // the reply came never carried the request, so a fresh connection carries it.
+        if (outcome != Outcome::closedUnread || !reused) {
+            return false;
+        }
     }
-    return ok;
+}
+
+VsmcTransport::Outcome VsmcTransport::attempt(std::uint8_t kind, const void *payload,
+                                              std::uint32_t length, std::uint8_t replyKind,
+                                              std::string &reply, std::string &error) {
+    Clock::Monotonic deadline = clock_.monotonic() + timeout_;
+    auto header = wire::encodeHeader(static_cast<wire::Kind>(kind), length);
+    Io sent = sendAll(fd_, header.data(), header.size(), clock_, deadline, error);
+    if (sent == Io::ok) {
+        sent = sendAll(fd_, static_cast<const std::uint8_t *>(payload), length, clock_, deadline,
+                       error);
+    }
+    if (sent != Io::ok) {
+        return sent == Io::closed ? Outcome::closedUnread : Outcome::failed;
+    }
+    std::array<std::uint8_t, wire::kHeaderSize> answer{};
+    Io received = receiveAll(fd_, answer.data(), 1, clock_, deadline, error);
+    if (received == Io::closed) {
+        return Outcome::closedUnread;
+    }
+    if (received != Io::ok ||
+        receiveAll(fd_, answer.data() + 1, answer.size() - 1, clock_, deadline, error) != Io::ok) {
+        return Outcome::failed;
+    }
+    std::optional<wire::Header> decoded = wire::decodeHeader(answer, false);
+    if (!decoded || decoded->kind != replyKind) {
+        error = "the virtual Mac answered with a malformed frame";
+        return Outcome::failed;
+    }
+    reply.resize(decoded->length);
+    if (receiveAll(fd_, reinterpret_cast<std::uint8_t *>(reply.data()), reply.size(), clock_,
+                   deadline, error) != Io::ok) {
+        return Outcome::failed;
+    }
+    return Outcome::ok;
 }
 
 std::uint32_t VsmcTransport::exchange(const smc_param &in, smc_param &out) {
     std::lock_guard lock(mutex_);
     std::string reply;
     std::string error;
-    if (!roundTrip(protocol::kExchange, &in, sizeof in, protocol::kExchangeReply, reply, error)) {
+    if (!roundTrip(wire::kExchange, &in, sizeof in, wire::kExchangeReply, reply, error)) {
+        noteFailure("the virtual Mac at " + path_ + ": " +
+                    (error == kNoAnswer ? fmt::format("no answer within {} ms (is ostrel-vsmc "
+                                                      "stopped?)",
+                                                      timeout_.count())
+                                        : error));
         return SMC_KERN_NOT_RESPONDING;
     }
     std::uint32_t kern = 0;
@@ -182,12 +287,12 @@ std::optional<std::string> VsmcTransport::callText(const std::string &request, s
     std::string reply;
     std::string why;
     bool ok = false;
-    if (request.empty() || request.size() > protocol::kMaxCallSize) {
-        why = "the request must have 1 to " + std::to_string(protocol::kMaxCallSize) + " bytes";
+    if (request.empty() || request.size() > wire::kMaxCallSize) {
+        why = "the request must have 1 to " + std::to_string(wire::kMaxCallSize) + " bytes";
     } else {
         std::lock_guard lock(mutex_);
-        ok = roundTrip(protocol::kCall, request.data(), static_cast<std::uint32_t>(request.size()),
-                       protocol::kCallReply, reply, why);
+        ok = roundTrip(wire::kCall, request.data(), static_cast<std::uint32_t>(request.size()),
+                       wire::kCallReply, reply, why);
     }
     if (!ok) {
         if (error != nullptr) {
@@ -215,12 +320,10 @@ std::optional<nlohmann::json> VsmcTransport::call(const nlohmann::json &request,
     return json;
 }
 
+// A virtual Mac's profile, and so its model, is fixed while it runs: the answer at opening
+// stands.
 std::optional<std::string> VsmcTransport::modelIdentifier() {
-    auto reply = call({{"call", "model"}});
-    if (!reply || !(*reply)["model"].is_string()) {
-        return std::nullopt;
-    }
-    return (*reply)["model"].get<std::string>();
+    return model_;
 }
 
 std::optional<std::vector<TemperatureSensor>> VsmcTransport::temperatureSensors() {

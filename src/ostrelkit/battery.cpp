@@ -5,6 +5,7 @@
 
 #include "csmc/transport.h"
 #include "ostrel/battery_sysfs.h"
+#include "ostrel/platform/numbers.h"
 
 namespace ostrel::Battery {
 
@@ -45,11 +46,7 @@ class Properties {
 
     std::optional<std::int64_t> integer(const char *name) const {
         auto value = number(name);
-        // Inside the signed 64-bit range; 2^63 itself does not fit.
-        if (!value || *value < -9223372036854775808.0 || *value >= 9223372036854775808.0) {
-            return std::nullopt;
-        }
-        return static_cast<std::int64_t>(*value);
+        return value ? numbers::truncatedInt64(*value) : std::nullopt;
     }
 
     std::optional<std::int64_t> nonNegative(const char *name) const {

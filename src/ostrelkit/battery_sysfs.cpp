@@ -92,6 +92,12 @@ std::optional<nlohmann::json> batteryPropertiesFromSysfs(const std::string &sysf
     bool externalOnline = false;
     for (const std::string &name : *names) {
         Supply supply(classDir + "/" + name, files);
+        // Peripherals (a wireless mouse, a keyboard, a phone on USB) publish their own
+        // supplies with the scope "Device"; a nearly empty mouse must not pass for the
+        // machine's battery, nor a charging phone for its adapter.
+        if (supply.text("scope") == "Device") {
+            continue;
+        }
         std::string type = supply.text("type").value_or("");
         if (type == "Battery") {
             if (!battery && supply.number("present").value_or(1) != 0) {

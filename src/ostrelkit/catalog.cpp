@@ -238,6 +238,10 @@ bool plausible(double value, Quantity quantity) {
     return false;
 }
 
+bool isPerCorePattern(std::string_view key) {
+    return isPerCoreKey(key) && !temperatures().contains(key);
+}
+
 bool isEssential(std::string_view key) {
     return essentialKeys().contains(key) || isPerCoreKey(key);
 }

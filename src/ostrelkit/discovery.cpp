@@ -4,13 +4,13 @@
 
 #include <charconv>
 
-#include "ostrel/hash.h"
+#include "csmc/keys.h"
 #include "ostrel/platform/text.h"
 
 namespace ostrel {
 
 FourCC FanDescriptor::key(std::string_view suffix) const {
-    return FourCC(fmt::format("F{:X}{}", index, suffix));
+    return FourCC(csmc::fanKey(static_cast<std::size_t>(index), suffix));
 }
 
 namespace {
@@ -170,40 +170,8 @@ void to_json(Json &json, const SensorDescriptor &sensor) {
                 {"known", sensor.known}, {"essential", sensor.essential}};
 }
 
-namespace {
-
-SensorDescriptor sensorFrom(const Json &value, const std::string &path) {
-    json::object(value, path);
-    SensorDescriptor sensor;
-    sensor.info =
-        SMCKeyInfo::fromJson(json::member(value, "info", path), json::child(path, "info"));
-    sensor.quantity = json::memberCase(value, "quantity", allQuantities, path);
-    sensor.name = json::memberString(value, "name", path);
-    sensor.group = json::toCase(json::member(value, "group", path), allSensorGroups,
-                                json::child(path, "group"));
-    sensor.known = json::memberBool(value, "known", path);
-    sensor.essential = json::memberBool(value, "essential", path);
-    return sensor;
-}
-
-FanDescriptor fanFrom(const Json &value, const std::string &path) {
-    json::object(value, path);
-    return {json::memberInt64(value, "index", path), json::memberString(value, "name", path),
-            json::memberBool(value, "hasModeKey", path)};
-}
-
-}  // namespace
-
-void from_json(const Json &value, SensorDescriptor &sensor) {
-    sensor = sensorFrom(value, "");
-}
-
 void to_json(Json &json, const FanDescriptor &fan) {
     json = Json{{"index", fan.index}, {"name", fan.name}, {"hasModeKey", fan.hasModeKey}};
-}
-
-void from_json(const Json &value, FanDescriptor &fan) {
-    fan = fanFrom(value, "");
 }
 
 void to_json(Json &json, const Discovery &discovery) {
@@ -217,56 +185,4 @@ void to_json(Json &json, const Discovery &discovery) {
                 {"hid", discovery.hid}};
 }
 
-void from_json(const Json &value, Discovery &discovery) {
-    json::object(value, "");
-    discovery.version = json::memberInt64(value, "version", "");
-    discovery.model = json::memberString(value, "model", "");
-    std::int64_t keyCount = json::memberInt64(value, "keyCount", "");
-    if (keyCount < 0 || keyCount > 0xFFFFFFFF) {
-        json::invalidValue(std::to_string(keyCount), "0 to 4294967295", "keyCount");
-    }
-    discovery.keyCount = static_cast<std::uint32_t>(keyCount);
-    discovery.sensors = json::listFrom(value, "sensors", "", sensorFrom);
-    discovery.fans = json::listFrom(value, "fans", "", fanFrom);
-    discovery.fanForceKey = json::memberBool(value, "fanForceKey", "");
-    discovery.fanTestKey = json::memberBool(value, "fanTestKey", "");
-    discovery.hid = json::memberBool(value, "hid", "");
-}
-
 }  // namespace ostrel
-
-std::size_t std::hash<ostrel::SensorDescriptor>::operator()(
-    const ostrel::SensorDescriptor &sensor) const noexcept {
-    std::size_t seed = std::hash<ostrel::SMCKeyInfo>{}(sensor.info);
-    ostrel::hashCombine(seed, static_cast<std::size_t>(sensor.quantity));
-    ostrel::hashCombine(seed, std::hash<std::string>{}(sensor.name));
-    ostrel::hashCombine(seed, static_cast<std::size_t>(sensor.group));
-    ostrel::hashCombine(seed, sensor.known);
-    ostrel::hashCombine(seed, sensor.essential);
-    return seed;
-}
-
-std::size_t std::hash<ostrel::FanDescriptor>::operator()(
-    const ostrel::FanDescriptor &fan) const noexcept {
-    std::size_t seed = std::hash<std::int64_t>{}(fan.index);
-    ostrel::hashCombine(seed, std::hash<std::string>{}(fan.name));
-    ostrel::hashCombine(seed, fan.hasModeKey);
-    return seed;
-}
-
-std::size_t std::hash<ostrel::Discovery>::operator()(
-    const ostrel::Discovery &discovery) const noexcept {
-    std::size_t seed = std::hash<std::int64_t>{}(discovery.version);
-    ostrel::hashCombine(seed, std::hash<std::string>{}(discovery.model));
-    ostrel::hashCombine(seed, discovery.keyCount);
-    for (const auto &sensor : discovery.sensors) {
-        ostrel::hashCombine(seed, std::hash<ostrel::SensorDescriptor>{}(sensor));
-    }
-    for (const auto &fan : discovery.fans) {
-        ostrel::hashCombine(seed, std::hash<ostrel::FanDescriptor>{}(fan));
-    }
-    ostrel::hashCombine(seed, discovery.fanForceKey);
-    ostrel::hashCombine(seed, discovery.fanTestKey);
-    ostrel::hashCombine(seed, discovery.hid);
-    return seed;
-}

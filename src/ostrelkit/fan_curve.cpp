@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "ostrel/fan_policy.h"
-#include "ostrel/hash.h"
 #include "ostrel/number_text.h"
 #include "ostrel/platform/text.h"
 
@@ -238,20 +237,3 @@ const FanCurve *FanCurve::preset(std::string_view name) {
 }
 
 }  // namespace ostrel
-
-std::size_t std::hash<ostrel::CurvePoint>::operator()(
-    const ostrel::CurvePoint &point) const noexcept {
-    std::size_t seed = 0;
-    ostrel::hashCombine(seed, std::hash<double>{}(point.temperature));
-    ostrel::hashCombine(seed, std::hash<double>{}(point.rpm));
-    return seed;
-}
-
-std::size_t std::hash<ostrel::FanCurve>::operator()(const ostrel::FanCurve &curve) const noexcept {
-    std::size_t seed = 0;
-    for (const ostrel::CurvePoint &point : curve.points) {
-        ostrel::hashCombine(seed, std::hash<ostrel::CurvePoint>{}(point));
-    }
-    ostrel::hashCombine(seed, std::hash<std::string_view>{}(ostrel::rawValue(curve.sensor)));
-    return seed;
-}

@@ -2,7 +2,6 @@
 
 #include <cmath>
 
-#include "ostrel/hash.h"
 #include "ostrel/number_text.h"
 
 namespace ostrel {
@@ -53,16 +52,3 @@ std::string FanPolicy::description() const {
 }
 
 }  // namespace ostrel
-
-std::size_t std::hash<ostrel::FanPolicy>::operator()(
-    const ostrel::FanPolicy &policy) const noexcept {
-    std::size_t seed = 0;
-    ostrel::hashCombine(seed, policy.value.index());
-    if (const auto *fixed = policy.asFixed()) {
-        // std::hash<double> gives 0.0 and -0.0 the same hash, as equality requires.
-        ostrel::hashCombine(seed, std::hash<double>{}(fixed->rpm));
-    } else if (const auto *curve = policy.asCurve()) {
-        ostrel::hashCombine(seed, std::hash<ostrel::FanCurve>{}(curve->curve));
-    }
-    return seed;
-}

@@ -4,14 +4,16 @@
 
 #include <cmath>
 
+#include "csmc/keys.h"
 #include "ostrel/number_text.h"
+#include "ostrel/platform/numbers.h"
 
 namespace ostrel {
 
 namespace {
 
-const FourCC kForceKey("FS! ");
-const FourCC kTestKey("Ftst");
+const FourCC kForceKey(csmc::kForceMaskKey);
+const FourCC kTestKey(csmc::kTestKey);
 
 }  // namespace
 
@@ -51,11 +53,12 @@ void FanWriter::updateForceMask(std::int64_t index, bool manual) {
     double raw = smc_->readDouble(kForceKey);
     // Only a finite number inside the 64-bit range is a mask; anything else is a machine
     // we do not understand, and guessing bits there could force the wrong fans.
-    if (!std::isfinite(raw) || raw < -9223372036854775808.0 || raw >= 9223372036854775808.0) {
+    std::optional<std::int64_t> bits = numbers::truncatedInt64(raw);
+    if (!bits) {
         throw FanControlError::helper(fmt::format(
             "SMC key 'FS! ' does not hold a fan bit mask (it reads {})", numberText(raw)));
     }
-    auto mask = static_cast<std::uint64_t>(static_cast<std::int64_t>(raw));
+    auto mask = static_cast<std::uint64_t>(*bits);
     if (index >= 0 && index < 64) {
         std::uint64_t bit = std::uint64_t{1} << index;
         mask = manual ? (mask | bit) : (mask & ~bit);

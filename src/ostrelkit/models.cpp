@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "ostrel/hash.h"
-
 namespace ostrel {
 
 namespace {
@@ -190,132 +188,10 @@ std::string timestampText(Snapshot::Clock::time_point time) {
 
 namespace {
 
-// A left-to-right reader over a timestamp's fixed fields.
-struct FieldReader {
-    std::string_view text;
-
-    bool literal(char c) {
-        if (text.empty() || text.front() != c) {
-            return false;
-        }
-        text.remove_prefix(1);
-        return true;
-    }
-    // Exactly `count` decimal digits.
-    bool digits(std::size_t count, int &value) {
-        if (text.size() < count) {
-            return false;
-        }
-        value = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (text[i] < '0' || text[i] > '9') {
-                return false;
-            }
-            value = value * 10 + (text[i] - '0');
-        }
-        text.remove_prefix(count);
-        return true;
-    }
-};
-
-}  // namespace
-
-std::optional<Snapshot::Clock::time_point> timestampFromText(std::string_view text) {
-    using namespace std::chrono;
-    FieldReader reader{text};
-    int y, mo, d, h, mi, s;
-    if (!reader.digits(4, y) || !reader.literal('-') || !reader.digits(2, mo) ||
-        !reader.literal('-') || !reader.digits(2, d) || !reader.literal('T') ||
-        !reader.digits(2, h) || !reader.literal(':') || !reader.digits(2, mi) ||
-        !reader.literal(':') || !reader.digits(2, s) || h > 23 || mi > 59 || s > 59) {
-        return std::nullopt;
-    }
-    nanoseconds fraction{0};
-    if (reader.literal('.')) {
-        int digit = 0;
-        int count = 0;
-        std::int64_t scale = 100'000'000;
-        for (; reader.digits(1, digit); ++count, scale /= 10) {
-            if (count == 9) {
-                return std::nullopt;
-            }
-            fraction += nanoseconds(digit * scale);
-        }
-        if (count == 0) {
-            return std::nullopt;
-        }
-    }
-    minutes offset{0};
-    bool east = reader.literal('+');
-    if (east || reader.literal('-')) {
-        int oh, om;
-        if (!reader.digits(2, oh) || !reader.literal(':') || !reader.digits(2, om) || oh > 23 ||
-            om > 59) {
-            return std::nullopt;
-        }
-        offset = minutes((oh * 60 + om) * (east ? 1 : -1));
-    } else if (!reader.literal('Z')) {
-        return std::nullopt;
-    }
-    year_month_day date{year(y), month(static_cast<unsigned>(mo)), day(static_cast<unsigned>(d))};
-    if (!reader.text.empty() || !date.ok()) {
-        return std::nullopt;
-    }
-    sys_seconds whole = sys_days(date) + hours(h) + minutes(mi) + seconds(s) - offset;
-    // The clock counts nanoseconds in 64 bits, so it spans about 1677 to 2262.
-    if (whole <= floor<seconds>(Snapshot::Clock::time_point::min()) ||
-        whole >= floor<seconds>(Snapshot::Clock::time_point::max())) {
-        return std::nullopt;
-    }
-    return time_point_cast<Snapshot::Clock::duration>(whole) + fraction;
-}
-
-namespace {
-
 void putOptional(Json &json, const char *name, const std::optional<double> &value) {
     if (value) {
         json[name] = json::number(*value);
     }
-}
-
-Reading readingFrom(const Json &json, const std::string &path) {
-    json::object(json, path);
-    Reading reading;
-    reading.key = json::memberString(json, "key", path);
-    reading.name = json::memberString(json, "name", path);
-    reading.group = json::memberCase(json, "group", allSensorGroups, path);
-    reading.value = json::memberDouble(json, "value", path);
-    reading.known = json::memberBool(json, "known", path);
-    return reading;
-}
-
-FanReading fanFrom(const Json &json, const std::string &path) {
-    json::object(json, path);
-    FanReading fan;
-    fan.id = json::memberInt64(json, "id", path);
-    fan.name = json::memberString(json, "name", path);
-    fan.rpm = json::memberDouble(json, "rpm", path);
-    fan.min = json::memberDouble(json, "min", path);
-    fan.max = json::memberDouble(json, "max", path);
-    fan.target = json::optionalDouble(json, "target", path);
-    fan.manual = json::memberBool(json, "manual", path);
-    return fan;
-}
-
-BatteryInfo batteryFrom(const Json &json, const std::string &path) {
-    json::object(json, path);
-    BatteryInfo battery;
-    battery.percent = json::optionalDouble(json, "percent", path);
-    battery.temperature = json::optionalDouble(json, "temperature", path);
-    battery.voltage = json::optionalDouble(json, "voltage", path);
-    battery.amperage = json::optionalDouble(json, "amperage", path);
-    if (const Json *cycles = json::optionalMember(json, "cycleCount")) {
-        battery.cycleCount = json::toInt64(*cycles, json::child(path, "cycleCount"));
-    }
-    battery.health = json::optionalDouble(json, "health", path);
-    battery.charging = json::memberBool(json, "charging", path);
-    battery.externalPower = json::memberBool(json, "externalPower", path);
-    return battery;
 }
 
 }  // namespace
@@ -328,10 +204,6 @@ void to_json(Json &json, const Reading &reading) {
                 {"known", reading.known}};
 }
 
-void from_json(const Json &json, Reading &reading) {
-    reading = readingFrom(json, "");
-}
-
 void to_json(Json &json, const FanReading &fan) {
     json = Json{{"id", fan.id},
                 {"name", fan.name},
@@ -340,10 +212,6 @@ void to_json(Json &json, const FanReading &fan) {
                 {"max", json::number(fan.max)}};
     putOptional(json, "target", fan.target);
     json["manual"] = fan.manual;
-}
-
-void from_json(const Json &json, FanReading &fan) {
-    fan = fanFrom(json, "");
 }
 
 void to_json(Json &json, const BatteryInfo &battery) {
@@ -360,10 +228,6 @@ void to_json(Json &json, const BatteryInfo &battery) {
     json["externalPower"] = battery.externalPower;
 }
 
-void from_json(const Json &json, BatteryInfo &battery) {
-    battery = batteryFrom(json, "");
-}
-
 void to_json(Json &json, const Snapshot &snapshot) {
     json = Json{{"timestamp", timestampText(snapshot.timestamp())},
                 {"temperatures", snapshot.temperatures()},
@@ -376,32 +240,4 @@ void to_json(Json &json, const Snapshot &snapshot) {
     }
 }
 
-void from_json(const Json &json, Snapshot &snapshot) {
-    json::object(json, "");
-    std::string text = json::memberString(json, "timestamp", "");
-    std::optional<Snapshot::Clock::time_point> timestamp = timestampFromText(text);
-    if (!timestamp) {
-        json::invalidValue(text, "an ISO 8601 time such as 2026-11-22T10:15:30.123Z", "timestamp");
-    }
-    std::optional<BatteryInfo> battery;
-    if (const Json *value = json::optionalMember(json, "battery")) {
-        battery = batteryFrom(*value, "battery");
-    }
-    snapshot = Snapshot(*timestamp, json::listFrom(json, "temperatures", "", readingFrom),
-                        json::listFrom(json, "fans", "", fanFrom),
-                        json::listFrom(json, "power", "", readingFrom),
-                        json::listFrom(json, "voltages", "", readingFrom),
-                        json::listFrom(json, "currents", "", readingFrom), battery);
-}
-
 }  // namespace ostrel
-
-std::size_t std::hash<ostrel::Reading>::operator()(const ostrel::Reading &reading) const noexcept {
-    std::size_t seed = 0;
-    ostrel::hashCombine(seed, std::hash<std::string>{}(reading.key));
-    ostrel::hashCombine(seed, std::hash<std::string>{}(reading.name));
-    ostrel::hashCombine(seed, static_cast<std::size_t>(reading.group));
-    ostrel::hashCombine(seed, std::hash<double>{}(reading.value));
-    ostrel::hashCombine(seed, reading.known);
-    return seed;
-}

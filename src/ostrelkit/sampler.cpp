@@ -7,25 +7,29 @@
 #include <limits>
 
 #include "csmc/hid.h"
+#include "csmc/keys.h"
 #include "ostrel/battery.h"
 #include "ostrel/catalog.h"
 #include "ostrel/machine_model.h"
+#include "ostrel/platform/numbers.h"
 #include "ostrel/platform/text.h"
 
 namespace ostrel {
 
 namespace {
 
-const FourCC kForceKey("FS! ");
-const FourCC kTestKey("Ftst");
+const FourCC kForceKey(csmc::kForceMaskKey);
+const FourCC kTestKey(csmc::kTestKey);
 const FourCC kFanCount("FNum");
 const FourCC kBatteryTemperature("TB0T");
 constexpr std::size_t kMaxFans = 16;
+// A cache of the largest key tables is about 100 KiB; anything much bigger is not ours.
+constexpr std::size_t kMaxCacheBytes = 1 << 20;
 
 // The temperature services of the machine `smc` reaches, whatever OSTREL_SMC says.
-smc_hid *openTemperatureServices(SMC &smc, const SystemAccess &system) {
-    return csmc::openHid(
-        csmc::connectionServices(smc.conn(), system.paths().sysfs(), *system.files));
+std::unique_ptr<csmc::TemperatureServices> temperatureServices(SMC &smc,
+                                                               const SystemAccess &system) {
+    return csmc::connectionServices(smc.conn(), system.paths().sysfs(), *system.files);
 }
 
 // Integer and flag types carry counts, states and bit fields, never measurements.
@@ -61,19 +65,19 @@ void promoteEssentials(std::vector<SensorDescriptor> &sensors,
     }
 }
 
-// The fan count from FNum: truncated, capped at 16; a failed read, a negative or a
-// non-finite value means no fans.
+// The fan count from FNum, truncated toward zero, and that count capped at 16; a failed
+// read, a negative or a non-finite value means no fans.
 std::pair<std::size_t, double> fanCount(SMC &smc) {
     double count = 0;
     try {
-        count = smc.readDouble(kFanCount);
+        count = std::trunc(smc.readDouble(kFanCount));
     } catch (const SMCError &) {
         return {0, 0};
     }
     if (!std::isfinite(count) || count < 1) {
-        return {0, count};
+        return {0, 0};
     }
-    return {static_cast<std::size_t>(std::min(std::trunc(count), double(kMaxFans))), count};
+    return {static_cast<std::size_t>(std::min(count, double(kMaxFans))), count};
 }
 
 }  // namespace
@@ -104,7 +108,14 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
     discovery.model = model;
     discovery.keyCount = keyCount ? *keyCount : smc.keyCount();
 
-    std::map<std::uint32_t, double> valueByKey;
+    // The keys worth keeping, with the value each read at the scan; named once the
+    // machine's family is known.
+    struct Candidate {
+        SMCKeyInfo info;
+        Quantity quantity;
+        double value;
+    };
+    std::vector<Candidate> candidates;
     for (std::uint32_t i = 0; i < discovery.keyCount; ++i) {
         std::uint32_t raw = 0;
         if (smc_key_at_index(smc.conn(), i, &raw) != SMC_OK) {
@@ -119,8 +130,7 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
             discovery.fanTestKey = true;
             continue;
         }
-        std::string text = key.description();
-        std::optional<Quantity> quantity = Catalog::quantity(text);
+        std::optional<Quantity> quantity = Catalog::quantity(key.description());
         if (!quantity) {
             continue;
         }
@@ -132,32 +142,51 @@ Discovery discover(SMC &smc, const std::string &model, std::optional<std::uint32
         } catch (const SMCError &) {
             continue;
         }
-        if (!Catalog::plausible(value, *quantity) || isIntegerType(info.type)) {
-            continue;
+        if (Catalog::plausible(value, *quantity) && !isIntegerType(info.type)) {
+            candidates.push_back({info, *quantity, value});
         }
-        Catalog::Name name = Catalog::name(text, *quantity);
-        SensorGroup group = *quantity == Quantity::temperature
-                                ? Catalog::temperature(text).entry.group
-                                : SensorGroup::other;
-        discovery.sensors.push_back({info, *quantity, name.name, group, name.known,
-                                     name.known && Catalog::isEssential(text)});
-        valueByKey[raw] = value;
     }
-    promoteEssentials(discovery.sensors, valueByKey);
 
+    // A lone fan is just "Fan", however the count is encoded (a flt FNum of 1.5 is one fan).
     auto [count, uncapped] = fanCount(smc);
     for (std::size_t i = 0; i < count; ++i) {
         FanDescriptor fan{static_cast<std::int64_t>(i), "", false};
-        std::optional<std::string> name = fanName(smc, FourCC(fmt::format("F{:X}ID", i)));
+        std::optional<std::string> name = fanName(smc, FourCC(csmc::fanKey(i, "ID")));
         fan.name = name ? *name : (uncapped == 1 ? "Fan" : fmt::format("Fan {}", i + 1));
         smc_key_info info{};
         fan.hasModeKey = smc_key_info_get(smc.conn(), fan.modeKey().rawValue, &info) == SMC_OK;
         discovery.fans.push_back(std::move(fan));
     }
 
-    smc_hid *hid = openTemperatureServices(smc, system);
+    std::unique_ptr<csmc::TemperatureServices> services = temperatureServices(smc, system);
+    bool chipServices = services && services->chipServices();
+    smc_hid *hid = csmc::openHid(std::move(services));
     discovery.hid = smc_hid_count(hid) > 0;
     smc_hid_close(hid);
+
+    // The family, decided once: Apple silicon has the fan test key or its chip's own sensor
+    // services. On Intel machines keys shaped like Apple silicon's per-core temperatures
+    // (Tp.., Te.., Tg..) are other sensors (power supply, PCIe slots), so they are named
+    // and grouped like any unlisted key and never steer fan control.
+    bool appleSilicon = discovery.fanTestKey || (discovery.hid && chipServices);
+
+    std::map<std::uint32_t, double> valueByKey;
+    for (const Candidate &c : candidates) {
+        std::string text = c.info.key.description();
+        Catalog::Name name = Catalog::name(text, c.quantity);
+        SensorGroup group = c.quantity == Quantity::temperature
+                                ? Catalog::temperature(text).entry.group
+                                : SensorGroup::other;
+        if (!appleSilicon && c.quantity == Quantity::temperature &&
+            Catalog::isPerCorePattern(text)) {
+            name = {text, false};
+            group = SensorGroup::other;
+        }
+        discovery.sensors.push_back({c.info, c.quantity, name.name, group, name.known,
+                                     name.known && Catalog::isEssential(text)});
+        valueByKey[c.info.key.rawValue] = c.value;
+    }
+    promoteEssentials(discovery.sensors, valueByKey);
     return discovery;
 }
 
@@ -174,7 +203,9 @@ Discovery loadDiscovery(SMC &smc, bool useCache, const SystemAccess &system) {
     std::uint32_t keyCount = smc.keyCount();
     std::string path = cachePath(system);
     if (useCache) {
-        if (auto bytes = system.files->read(path)) {
+        // Only a file of our own: a cache planted by someone else would name the sensors
+        // and seed the channel with made-up key information.
+        if (auto bytes = system.files->readOwn(path, kMaxCacheBytes)) {
             std::optional<Discovery> cached = Discovery::fromCache(*bytes);
             if (cached && cached->model == model && cached->keyCount == keyCount) {
                 for (const SensorDescriptor &sensor : cached->sensors) {
@@ -199,7 +230,7 @@ Sampler::Sampler(std::shared_ptr<SMC> smc, SamplerScope scope, bool useCache,
     : scope(scope), smc_(smc ? std::move(smc) : std::make_shared<SMC>()), system_(system) {
     discovery_ = loadDiscovery(*smc_, useCache, system_);
     if (discovery_.hid) {
-        hid_ = openTemperatureServices(*smc_, system_);
+        hid_ = csmc::openHid(temperatureServices(*smc_, system_));
         hidBuffer_.assign(static_cast<std::size_t>(smc_hid_count(hid_)), smc_hid_reading{});
     }
 }
@@ -210,13 +241,21 @@ Sampler::~Sampler() {
 
 std::optional<double> Sampler::readNumber(FourCC key) {
     double value = 0;
-    if (smc_read_double(smc_->conn(), key.rawValue, &value) != SMC_OK) {
+    std::int32_t status = smc_read_double(smc_->conn(), key.rawValue, &value);
+    if (status != SMC_OK) {
+        if (!lastFailure_) {
+            SMCError error = SMCError::fromStatus(status, key, FourCC::unknown);
+            if (error.concernsConnection()) {
+                lastFailure_ = error.withDetail(smc_error_detail());
+            }
+        }
         return std::nullopt;
     }
     return value;
 }
 
 Snapshot Sampler::sample() {
+    lastFailure_.reset();
     std::vector<Reading> temperatures, power, voltages, currents;
     for (const SensorDescriptor &sensor : discovery_.sensors) {
         if ((scope == SamplerScope::essential && !sensor.essential) ||
@@ -324,10 +363,7 @@ std::vector<FanReading> Sampler::readFans() {
     std::optional<std::int64_t> mask;
     if (discovery_.fanForceKey) {
         std::optional<double> raw = readNumber(kForceKey);
-        if (raw && std::isfinite(*raw) && *raw >= -9223372036854775808.0 &&
-            *raw < 9223372036854775808.0) {
-            mask = static_cast<std::int64_t>(*raw);
-        }
+        mask = raw ? numbers::truncatedInt64(*raw) : std::nullopt;
     }
 
     std::vector<FanReading> readings;

@@ -23,35 +23,11 @@ void to_json(Json &json, const FourCC &code) {
     json = code.description();
 }
 
-void from_json(const Json &json, FourCC &code) {
-    code = FourCC(json.get<std::string>());
-}
-
 void to_json(Json &json, const SMCKeyInfo &info) {
     json = Json{{"key", info.key},
                 {"type", info.type},
                 {"size", info.size},
                 {"attributes", info.attributes}};
-}
-
-SMCKeyInfo SMCKeyInfo::fromJson(const Json &value, const std::string &path) {
-    json::object(value, path);
-    auto bounded = [&](const char *name, std::int64_t max) {
-        std::int64_t n = json::memberInt64(value, name, path);
-        if (n < 0 || n > max) {
-            json::invalidValue(std::to_string(n), fmt::format("0 to {}", max),
-                               json::child(path, name));
-        }
-        return n;
-    };
-    return {FourCC(json::memberString(value, "key", path)),
-            FourCC(json::memberString(value, "type", path)),
-            static_cast<std::uint32_t>(bounded("size", 0xFFFFFFFF)),
-            static_cast<std::uint8_t>(bounded("attributes", 0xFF))};
-}
-
-void from_json(const Json &json, SMCKeyInfo &info) {
-    info = SMCKeyInfo::fromJson(json);
 }
 
 std::optional<double> SMCValue::doubleValue() const {
@@ -176,6 +152,34 @@ SMCError SMCError::fromStatus(std::int32_t code, FourCC key, FourCC type) {
     }
 }
 
+SMCError SMCError::withDetail(std::string detail) const {
+    SMCError copy = *this;
+    copy.detail_ = std::move(detail);
+    return copy;
+}
+
+std::string SMCError::explanation() const {
+    if (detail_.empty()) {
+        return description_;
+    }
+    if (kind_ == Kind::noService || kind_ == Kind::openFailed) {
+        return detail_;
+    }
+    return description_ + " (" + detail_ + ")";
+}
+
+bool SMCError::concernsConnection() const {
+    switch (kind_) {
+        case Kind::keyNotFound:
+        case Kind::sizeMismatch:
+        case Kind::unsupportedType:
+        case Kind::firmware:
+            return false;
+        default:
+            return true;
+    }
+}
+
 bool SMCError::operator==(const SMCError &other) const {
     return kind_ == other.kind_ && key_ == other.key_ && type_ == other.type_ &&
            code_ == other.code_;
@@ -183,16 +187,27 @@ bool SMCError::operator==(const SMCError &other) const {
 
 namespace {
 
+// Throws the error for a failed call, with the transport's account of a kernel-level
+// failure.
 void check(std::int32_t status, FourCC key, FourCC type = FourCC::unknown) {
     if (status != SMC_OK) {
-        throw SMCError::fromStatus(status, key, type);
+        SMCError error = SMCError::fromStatus(status, key, type);
+        throw error.concernsConnection() ? error.withDetail(smc_error_detail()) : error;
     }
 }
 
 }  // namespace
 
 SMC::SMC() {
-    check(smc_open(&conn_), FourCC::unknown);
+    std::int32_t status = smc_open(&conn_);
+    if (status != SMC_OK) {
+        throw SMCError::fromStatus(status, FourCC::unknown, FourCC::unknown)
+            .withDetail(smc_open_detail());
+    }
+}
+
+SMC::SMC(csmc::OpenedTransport opened) {
+    check(csmc::openConnection(&conn_, std::move(opened)), FourCC::unknown);
 }
 
 SMC::SMC(std::unique_ptr<csmc::Transport> transport) {
@@ -259,11 +274,13 @@ double SMC::readDouble(FourCC key) {
     std::int32_t status = smc_read_double(conn_, key.rawValue, &value);
     if (status != SMC_OK) {
         // Name the key's real type in the error; the lookup is normally a cache hit and is
-        // paid only on this failure path.
+        // paid only on this failure path. The cause is taken before it can be replaced.
+        std::string detail = smc_error_detail();
         smc_key_info raw{};
         FourCC type = smc_key_info_get(conn_, key.rawValue, &raw) == SMC_OK ? FourCC(raw.type)
                                                                             : FourCC::unknown;
-        throw SMCError::fromStatus(status, key, type);
+        SMCError error = SMCError::fromStatus(status, key, type);
+        throw error.concernsConnection() ? error.withDetail(std::move(detail)) : error;
     }
     return value;
 }
@@ -274,18 +291,15 @@ void SMC::write(FourCC key, std::span<const std::uint8_t> bytes) {
 }
 
 void SMC::write(FourCC key, double value) {
-    SMCKeyInfo keyInfo = info(key);
+    smc_key_info raw{};
+    std::int32_t status = smc_key_info_get(conn_, key.rawValue, &raw);
+    if (status == static_cast<std::int32_t>(SMC_KERN_NOT_PERMITTED)) {
+        throw SMCError::notPrivileged();  // as smc_write says: no lookup, no write
+    }
+    check(status, key);
+    SMCKeyInfo keyInfo{FourCC(raw.key), FourCC(raw.type), raw.size, raw.attributes};
     std::vector<std::uint8_t> bytes = SMCCodec::encode(value, keyInfo.type, keyInfo.size);
     write(key, bytes);
 }
 
 }  // namespace ostrel
-
-std::size_t std::hash<ostrel::SMCKeyInfo>::operator()(
-    const ostrel::SMCKeyInfo &info) const noexcept {
-    std::size_t h = info.key.rawValue;
-    h = h * 1000003u ^ info.type.rawValue;
-    h = h * 1000003u ^ info.size;
-    h = h * 1000003u ^ info.attributes;
-    return h;
-}

@@ -1,6 +1,10 @@
 #include "ostrel/platform/environment.h"
 
+#include <pwd.h>
+#include <unistd.h>
+
 #include <cstdlib>
+#include <vector>
 
 namespace ostrel::platform {
 
@@ -15,6 +19,20 @@ class ProcessEnvironment final : public Environment {
         }
         return std::string(value);
     }
+
+    std::optional<std::string> accountHome() const override {
+        long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+        std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
+        passwd entry{};
+        passwd *found = nullptr;
+        if (getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) != 0 ||
+            found == nullptr) {
+            return std::nullopt;
+        }
+        return std::string(found->pw_dir != nullptr ? found->pw_dir : "");
+    }
+
+    unsigned userId() const override { return geteuid(); }
 };
 
 }  // namespace

@@ -42,42 +42,39 @@ std::string parentDirectory(const std::string &path) {
 
 namespace posix {
 
-int readAll(const std::string &path, std::string &out, std::size_t limit) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return errno;
-    }
+int readRest(int fd, std::string &out, std::size_t limit) {
     char chunk[65536];
     std::size_t total = 0;
     for (;;) {
-        if (total > limit) {
-            ::close(fd);
-            return EFBIG;
-        }
         // One byte past the limit is enough to know the file is too long.
-        std::size_t room = limit - total < sizeof chunk ? limit - total + 1 : sizeof chunk;
+        std::size_t left = limit - total;
+        std::size_t room = left < sizeof chunk ? left + 1 : sizeof chunk;
         ssize_t n = ::read(fd, chunk, room);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n < 0) {
-            int error = errno;
-            ::close(fd);
-            return error;
+            return errno;
         }
         if (n == 0) {
-            break;
+            return 0;
         }
-        if (static_cast<std::size_t>(n) > limit) {
-            ::close(fd);
+        if (static_cast<std::size_t>(n) > left) {
             return EFBIG;
         }
-        limit -= static_cast<std::size_t>(n);
         out.append(chunk, static_cast<std::size_t>(n));
         total += static_cast<std::size_t>(n);
     }
+}
+
+int readAll(const std::string &path, std::string &out, std::size_t limit) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    int error = readRest(fd, out, limit);
     ::close(fd);
-    return 0;
+    return error;
 }
 
 int writeAll(int fd, std::string_view data) {
@@ -104,7 +101,14 @@ int syncDirectory(const std::string &dir) {
 class RealFiles final : public Files {
   public:
     std::optional<std::string> read(const std::string &path) const override {
-        return readAtMost(path, std::numeric_limits<std::size_t>::max());
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            return std::nullopt;
+        }
+        std::string contents;
+        posix::readRest(fd, contents);  // a failing read ends the file where it failed
+        ::close(fd);
+        return contents;
     }
 
     std::optional<std::string> readAtMost(const std::string &path,
@@ -113,6 +117,26 @@ class RealFiles final : public Files {
         if (posix::readAll(path, contents, maxBytes) != 0) {
             return std::nullopt;
         }
+        return contents;
+    }
+
+    std::optional<std::string> readOwn(const std::string &path,
+                                       std::size_t maxBytes) const override {
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+        if (fd < 0) {
+            return std::nullopt;
+        }
+        struct stat st {};
+        std::optional<std::string> contents;
+        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+            (st.st_uid == ::geteuid() || st.st_uid == 0) &&
+            (st.st_mode & (S_IWGRP | S_IWOTH)) == 0) {
+            contents.emplace();
+            if (posix::readRest(fd, *contents, maxBytes) != 0) {
+                contents.reset();
+            }
+        }
+        ::close(fd);
         return contents;
     }
 
@@ -182,6 +206,23 @@ class RealFiles final : public Files {
     }
 
     bool remove(const std::string &path) const override { return ::unlink(path.c_str()) == 0; }
+
+    FileKind kind(const std::string &path) const override {
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) != 0) {
+            return FileKind::none;
+        }
+        return S_ISREG(st.st_mode)    ? FileKind::regular
+               : S_ISDIR(st.st_mode)  ? FileKind::directory
+               : S_ISSOCK(st.st_mode) ? FileKind::socket
+                                      : FileKind::other;
+    }
+
+    FileResult setMode(const std::string &path, unsigned mode) const override {
+        return ::chmod(path.c_str(), static_cast<mode_t>(mode)) == 0
+                   ? FileResult{}
+                   : FileResult::failure("set the mode of", path, errno);
+    }
 };
 
 }  // namespace
@@ -197,6 +238,13 @@ std::optional<std::string> FakeFiles::read(const std::string &path) const {
         return std::nullopt;
     }
     return it->second;
+}
+
+std::optional<std::string> FakeFiles::readOwn(const std::string &path, std::size_t maxBytes) const {
+    if (foreign_.contains(path)) {
+        return std::nullopt;
+    }
+    return readAtMost(path, maxBytes);
 }
 
 std::optional<std::vector<std::string>> FakeFiles::list(const std::string &dir) const {
@@ -244,6 +292,7 @@ FileResult FakeFiles::writeAtomic(const std::string &path, const std::string &co
         return FileResult::failure("write", path, EROFS);
     }
     files_[path] = contents;
+    foreign_.erase(path);
     modes_[path] = mode;
     return {};
 }
@@ -253,6 +302,24 @@ bool FakeFiles::remove(const std::string &path) const {
         return false;
     }
     return files_.erase(path) > 0;
+}
+
+FileKind FakeFiles::kind(const std::string &path) const {
+    if (files_.contains(path)) {
+        return FileKind::regular;
+    }
+    return dirs_.contains(path) || list(path) ? FileKind::directory : FileKind::none;
+}
+
+FileResult FakeFiles::setMode(const std::string &path, unsigned mode) const {
+    if (readOnly_) {
+        return FileResult::failure("set the mode of", path, EROFS);
+    }
+    if (kind(path) == FileKind::none) {
+        return FileResult::failure("set the mode of", path, ENOENT);
+    }
+    modes_[path] = mode;
+    return {};
 }
 
 std::optional<unsigned> FakeFiles::mode(const std::string &path) const {

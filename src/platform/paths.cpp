@@ -1,27 +1,8 @@
 #include "ostrel/platform/paths.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
-#include <vector>
+#include <cstdio>
 
 namespace ostrel::platform {
-
-namespace {
-
-std::string accountHome() {
-    long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-    std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
-    passwd entry{};
-    passwd *found = nullptr;
-    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
-        found != nullptr && found->pw_dir != nullptr) {
-        return found->pw_dir;
-    }
-    return "";
-}
-
-}  // namespace
 
 std::string Paths::root() const {
     std::string root = env_.get("OSTREL_ROOT").value_or("");
@@ -36,19 +17,33 @@ std::string Paths::system(std::string_view absolute) const {
 }
 
 std::string Paths::discoveryCache() const {
-    constexpr std::string_view kTail = "/dev.ostrel/discovery-v2.txt";
+    constexpr std::string_view kName = "discovery-v2.txt";
     std::string xdg = env_.get("XDG_CACHE_HOME").value_or("");
     if (!xdg.empty() && xdg.front() == '/') {
-        return xdg + std::string(kTail);
+        return xdg + "/dev.ostrel/" + std::string(kName);
     }
-    std::string home = env_.get("HOME").value_or("");
-    if (home.empty()) {
-        home = accountHome();
+    std::optional<std::string> home = env_.get("HOME");
+    if (!home || home->empty()) {
+        // The account record knows better than an empty HOME; an empty HOME is used as it
+        // is only when there is no record.
+        if (std::optional<std::string> account = env_.accountHome()) {
+            home = account;
+        }
     }
-    if (home.empty()) {
-        home = "/tmp";
+    if (home) {
+        return *home + "/.cache/dev.ostrel/" + std::string(kName);
     }
-    return home + "/.cache" + std::string(kTail);
+    // No home at all: the temporary directory, in a directory of this user's own. A fixed
+    // name there could be created by anyone, so it carries the user id, and the cache file
+    // is trusted only when it belongs to this user (Files::readOwn).
+    std::string tmp = env_.get("TMPDIR").value_or("");
+    if (tmp.empty() || tmp.front() != '/') {
+        tmp = P_tmpdir;
+    }
+    while (tmp.size() > 1 && tmp.back() == '/') {
+        tmp.pop_back();
+    }
+    return tmp + "/dev.ostrel-" + std::to_string(env_.userId()) + "/" + std::string(kName);
 }
 
 }  // namespace ostrel::platform

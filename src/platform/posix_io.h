@@ -12,6 +12,12 @@
 
 namespace ostrel::platform::posix {
 
+// Appends what is left in the open file `fd` to `out`, reading in chunks of 64 KiB and
+// retrying reads interrupted by a signal. Returns 0, the errno of the read that failed, or
+// EFBIG when more than `limit` bytes are left; what was read before stays in `out`, and
+// never more than `limit` bytes. Does not close `fd`.
+int readRest(int fd, std::string &out, std::size_t limit = std::numeric_limits<std::size_t>::max());
+
 // Opens `path` read-only and appends everything it holds to `out`. Returns 0 or the errno
 // of the open or of a read (reads interrupted by a signal are retried); EFBIG when the file
 // holds more than `limit` bytes (what was read stays in `out`).

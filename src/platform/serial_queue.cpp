@@ -86,9 +86,8 @@ struct TimerState : std::enable_shared_from_this<TimerState> {
             }
             run(self->task);
             if (!*self->cancelled) {
-                self->arm(
-                    Queue::nextDeadline(deadline, self->interval, std::chrono::steady_clock::now()),
-                    run);
+                self->arm(Queue::nextDeadline(deadline, self->interval, realClock().monotonic()),
+                          run);
             }
         });
     }
@@ -173,7 +172,7 @@ std::unique_ptr<Queue::Timer> RunLoop::repeating(Duration first, Duration interv
     checkInterval(interval);
     auto cancelled = std::make_shared<std::atomic<bool>>(false);
     auto state = std::make_shared<TimerState>(impl_->io, interval, std::move(task), cancelled);
-    Clock::Monotonic deadline = std::chrono::steady_clock::now() + first;
+    Clock::Monotonic deadline = realClock().monotonic() + first;
     // Armed on the queue: Asio timers are not to be touched from two threads at once.
     asio::post(impl_->io, [state, deadline, impl = impl_.get()] {
         state->arm(deadline, [impl](const Task &t) { impl->run(t); });

@@ -59,4 +59,32 @@ std::string utf8Repaired(std::string_view bytes) {
     return out;
 }
 
+std::string printable(std::string_view bytes) {
+    std::string text = utf8Repaired(bytes);
+    std::string out;
+    out.reserve(text.size());
+    auto hex = [&out](unsigned char byte) {
+        out += "0123456789abcdef"[byte >> 4];
+        out += "0123456789abcdef"[byte & 0xF];
+    };
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7F) {
+            out += "\\x";
+            hex(c);
+        } else if (c == 0xC2 && i + 1 < text.size() &&
+                   static_cast<unsigned char>(text[i + 1]) < 0xA0) {
+            // U+0080 to U+009F, the C1 controls: 0x9B alone starts an escape sequence on
+            // many terminals.
+            out += "\\u00";
+            hex(static_cast<unsigned char>(text[++i]));
+        } else if (c == '\\') {
+            out += "\\\\";
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
 }  // namespace ostrel::text

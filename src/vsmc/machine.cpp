@@ -17,8 +17,8 @@ constexpr std::uint8_t kWritable = 0x40;
 constexpr std::uint8_t kConstant = 0x08;
 
 const std::uint32_t kKeyCount = smc_fourcc("#KEY");
-const std::uint32_t kForceMask = smc_fourcc("FS! ");
-const std::uint32_t kTestKey = smc_fourcc("Ftst");
+using csmc::kTestKey;
+constexpr std::uint32_t kForceMask = csmc::kForceMaskKey;
 constexpr std::size_t kMaxFans = 16;
 constexpr double kUnfitted = -100;
 
@@ -27,11 +27,6 @@ bool byKey(const KeyEntry &a, const KeyEntry &b) {
 }
 
 }  // namespace
-
-std::uint32_t fanKey(std::size_t index, std::string_view suffix) {
-    std::string name = fmt::format("F{:X}{}", index, suffix);
-    return smc_fourcc(name.c_str());
-}
 
 KeyTable::KeyTable(std::vector<KeyEntry> entries) {
     for (const KeyEntry &entry : entries) {
@@ -264,7 +259,7 @@ std::uint32_t Machine::exchange(const smc_param &in, smc_param &out, const Calle
     }
     std::uint32_t kern = record.kern;
     journal_.push_back(std::move(record));
-    if (journalLimit_ > 0 && journal_.size() >= 2 * journalLimit_) {
+    if (journal_.size() >= 2 * journalLimit_) {
         journal_.erase(journal_.begin(),
                        journal_.end() - static_cast<std::ptrdiff_t>(journalLimit_));
     }

@@ -27,9 +27,6 @@ using text::parseNumber;
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r';
 }
-bool isPrintable(unsigned char c) {
-    return c >= 32 && c <= 126;
-}
 
 struct Token {
     enum Kind { Bare, Quoted, Bytes } kind = Bare;
@@ -178,9 +175,21 @@ KeyEntry parseKeyRow(const std::vector<Token> &tokens, const LineContext &at) {
                             "bytes in <...>)",
                             tokens[5].text));
         }
-        if (!smc_encode_double(entry.type, entry.size, entry.bytes.data(), *number)) {
+        if (!std::isfinite(*number) ||
+            !smc_encode_double(entry.type, entry.size, entry.bytes.data(), *number)) {
             at.fail(fmt::format("value {} cannot be encoded as type '{}' in {} bytes",
                                 tokens[5].text, codeToken(entry.type), entry.size));
+        }
+        // The codec keeps only the low bytes of an integer and turns a float that is too
+        // large into infinity: what the key would read must be the number that was written.
+        double stored = *number;
+        smc_decode_double(entry.type, entry.bytes.data(), entry.size, &stored);
+        if (!std::isfinite(stored) ||
+            std::abs(stored - *number) > std::max(0.5, std::abs(*number) * 1e-6)) {
+            at.fail(
+                fmt::format("value {} is out of range for type '{}' in {} bytes (it would "
+                            "read {})",
+                            tokens[5].text, codeToken(entry.type), entry.size, stored));
         }
         return entry;
     }
@@ -199,6 +208,12 @@ KeyEntry parseKeyRow(const std::vector<Token> &tokens, const LineContext &at) {
             fmt::format("value has {} bytes but the key's size is {}", bytes.size(), entry.size));
     }
     std::copy(bytes.begin(), bytes.end(), entry.bytes.begin());
+    double stored = 0;
+    if (smc_decode_double(entry.type, entry.bytes.data(), entry.size, &stored) &&
+        !std::isfinite(stored)) {
+        at.fail(fmt::format("the bytes of a '{}' value must hold a finite number",
+                            codeToken(entry.type)));
+    }
     return entry;
 }
 
@@ -285,86 +300,7 @@ SensorService parseSensor(const std::vector<Token> &tokens, const LineContext &a
     return sensor;
 }
 
-std::string quoted(std::string_view bytes) {
-    std::string out = "\"";
-    for (char ch : bytes) {
-        auto c = static_cast<unsigned char>(ch);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += ch;
-        } else if (isPrintable(c)) {
-            out += ch;
-        } else {
-            out += fmt::format("\\x{:02x}", c);
-        }
-    }
-    return out + "\"";
-}
-
-std::string byteList(const std::uint8_t *bytes, std::size_t count) {
-    std::string out = "<";
-    for (std::size_t i = 0; i < count; ++i) {
-        if (i > 0) {
-            out += ' ';
-        }
-        out += fmt::format("{:02x}", bytes[i]);
-    }
-    return out + ">";
-}
-
-// The value as the format's most readable exact text.
-std::string formatValue(const KeyEntry &entry) {
-    std::size_t size = std::min<std::size_t>(entry.size, SMC_MAX_DATA);
-    const std::uint8_t *bytes = entry.bytes.data();
-    double number = 0;
-    if (smc_decode_double(entry.type, bytes, static_cast<std::uint32_t>(size), &number)) {
-        std::string text = fmt::format("{}", number);
-        std::array<std::uint8_t, 32> again{};
-        auto reread = parseNumber(text);
-        if (reread &&
-            smc_encode_double(entry.type, static_cast<std::uint32_t>(size), again.data(),
-                              *reread) &&
-            std::equal(bytes, bytes + size, again.begin())) {
-            return text;
-        }
-    }
-    std::size_t used = size;
-    while (used > 0 && bytes[used - 1] == 0) {
-        --used;
-    }
-    if (used == 0) {
-        return size == 0 ? "" : "<>";
-    }
-    // A printable tail of at least two characters reads better as text, with whatever
-    // precedes it (the header of a fan description, say) as bytes.
-    std::size_t start = used;
-    while (start > 0 && isPrintable(bytes[start - 1])) {
-        --start;
-    }
-    if (used - start < 2) {
-        return byteList(bytes, used);
-    }
-    std::string text = quoted({reinterpret_cast<const char *>(bytes + start), used - start});
-    return start == 0 ? text : byteList(bytes, start) + " " + text;
-}
-
 }  // namespace
-
-std::string codeToken(std::uint32_t code) {
-    std::string chars;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        chars.push_back(static_cast<char>((code >> shift) & 0xFF));
-    }
-    std::string trimmed = chars;
-    while (!trimmed.empty() && trimmed.back() == ' ') {
-        trimmed.pop_back();
-    }
-    bool bare = !trimmed.empty() && std::all_of(trimmed.begin(), trimmed.end(), [](char c) {
-        auto u = static_cast<unsigned char>(c);
-        return isPrintable(u) && c != ' ' && c != '"' && c != '<';
-    });
-    return bare ? trimmed : quoted(chars);
-}
 
 Profile parseProfile(std::string_view text, const std::string &source) {
     Profile profile;
@@ -443,13 +379,6 @@ Profile parseProfile(std::string_view text, const std::string &source) {
     return profile;
 }
 
-std::string formatKeyRow(const KeyEntry &entry) {
-    std::string value = formatValue(entry);
-    return fmt::format("key {:<6} {:<6} {:>2} 0x{:02x}{}{}\n", codeToken(entry.key),
-                       codeToken(entry.type), entry.size, entry.attributes,
-                       value.empty() ? "" : " ", value);
-}
-
 std::string formatProfile(const Profile &profile) {
     std::string out = fmt::format("model {}\n", profile.model);
     const MachineParams defaults;
@@ -472,8 +401,8 @@ std::string formatProfile(const Profile &profile) {
                            b.offset, b.scale);
     }
     for (const SensorService &sensor : profile.sensors) {
-        out += fmt::format("sensor {} {} {:+}\n", quoted(sensor.name), sourceName(sensor.source),
-                           sensor.offset);
+        out += fmt::format("sensor {} {} {:+}\n", csmc::quotedText(sensor.name),
+                           sourceName(sensor.source), sensor.offset);
     }
     for (const KeyEntry &entry : profile.keys) {
         out += formatKeyRow(entry);
@@ -499,20 +428,35 @@ std::optional<std::string_view> builtinProfileText(std::string_view name) {
     return std::nullopt;
 }
 
+namespace {
+
+[[noreturn]] void noProfile(std::string_view name, const char *elsewhere) {
+    std::string known;
+    for (const std::string &builtin : builtinProfileNames()) {
+        known += (known.empty() ? "" : ", ") + builtin;
+    }
+    throw ProfileError(
+        fmt::format("no profile '{}': not a built-in profile ({}){}", name, known, elsewhere),
+        true);
+}
+
+}  // namespace
+
+Profile builtinProfile(std::string_view name) {
+    auto text = builtinProfileText(name);
+    if (!text) {
+        noProfile(name, "");
+    }
+    return parseProfile(*text, "builtin:" + std::string(name));
+}
+
 Profile loadProfile(const std::string &nameOrPath, const platform::Files &files) {
-    if (auto text = builtinProfileText(nameOrPath)) {
-        return parseProfile(*text, "builtin:" + nameOrPath);
+    if (builtinProfileText(nameOrPath)) {
+        return builtinProfile(nameOrPath);
     }
     auto text = files.read(nameOrPath);
     if (!text) {
-        std::string known;
-        for (const std::string &name : builtinProfileNames()) {
-            known += (known.empty() ? "" : ", ") + name;
-        }
-        throw ProfileError(
-            fmt::format("no profile '{}': not a built-in profile ({}) nor a readable file",
-                        nameOrPath, known),
-            true);
+        noProfile(nameOrPath, " nor a readable file");
     }
     return parseProfile(*text, nameOrPath);
 }

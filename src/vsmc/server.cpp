@@ -1,248 +1,186 @@
 #include "ostrel/vsmc/server.h"
 
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-
 #include <asio.hpp>
 #include <cstring>
-#include <filesystem>
-#include <stdexcept>
-#include <vector>
+#include <optional>
 
-#include "ostrel/vsmc/protocol.h"
+#include "csmc/vsmc_protocol.h"
 #include "ostrel/vsmc/virtual_mac.h"
 
 namespace ostrel::vsmc {
 
 namespace {
 
-using Protocol = asio::local::stream_protocol;
-constexpr double kLongestTick = 5;  // seconds of real time one tick may account for
+namespace wire = csmc::vsmcwire;
+constexpr double kLongestTick = 5;  // seconds of real time one catch-up may account for
 
-// One client connection: reads a request, answers it, reads the next.
-class Session : public std::enable_shared_from_this<Session> {
-  public:
-    Session(Protocol::socket socket, VirtualMac &mac) : socket_(std::move(socket)), mac_(mac) {
-        ucred peer{};
-        socklen_t length = sizeof peer;
-        caller_.privileged =
-            getsockopt(socket_.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
-            peer.uid == 0;
-    }
-
-    void start() { readHeader(); }
-
-    void close() {
-        asio::error_code ignored;
-        socket_.close(ignored);
-    }
-
-  private:
-    void readHeader() {
-        auto self = shared_from_this();
-        asio::async_read(socket_, asio::buffer(header_),
-                         [this, self](asio::error_code ec, std::size_t) {
-                             std::optional<protocol::Header> header;
-                             if (ec || !(header = protocol::decodeHeader(header_, true))) {
-                                 return close();
-                             }
-                             kind_ = header->kind;
-                             payload_.resize(header->length);
-                             readPayload();
-                         });
-    }
-
-    void readPayload() {
-        auto self = shared_from_this();
-        asio::async_read(socket_, asio::buffer(payload_),
-                         [this, self](asio::error_code ec, std::size_t) {
-                             if (ec || !answer()) {
-                                 return close();
-                             }
-                             asio::async_write(socket_, asio::buffer(reply_),
-                                               [this, self](asio::error_code ec, std::size_t) {
-                                                   if (ec) {
-                                                       return close();
-                                                   }
-                                                   readHeader();
-                                               });
-                         });
-    }
-
-    // Fills reply_; false when the request is unusable and the connection must close.
-    bool answer() {
-        if (kind_ == protocol::kExchange) {
-            smc_param in{};
-            smc_param out{};
-            std::memcpy(&in, payload_.data(), sizeof in);
-            std::uint32_t kern = mac_.machine().exchange(in, out, caller_);
-            auto header =
-                protocol::encodeHeader(protocol::kExchangeReply, protocol::kExchangeReplySize);
-            reply_.assign(header.begin(), header.end());
-            for (int shift = 0; shift < 32; shift += 8) {
-                reply_.push_back(static_cast<std::uint8_t>(kern >> shift));
-            }
-            const auto *bytes = reinterpret_cast<const std::uint8_t *>(&out);
-            reply_.insert(reply_.end(), bytes, bytes + sizeof out);
-            return true;
+// The reply frame to one request frame; nothing when the request is unusable and the
+// connection must close.
+std::optional<std::string> answer(VirtualMac &mac, const wire::Split &frame,
+                                  const platform::PeerCredentials &peer) {
+    std::string reply;
+    if (frame.header.kind == wire::kExchange) {
+        smc_param in{};
+        smc_param out{};
+        std::memcpy(&in, frame.payload.data(), sizeof in);
+        Caller caller{peer.known && peer.uid == 0};
+        std::uint32_t kern = mac.machine().exchange(in, out, caller);
+        auto header = wire::encodeHeader(wire::kExchangeReply, wire::kExchangeReplySize);
+        reply.assign(header.begin(), header.end());
+        for (int shift = 0; shift < 32; shift += 8) {
+            reply.push_back(static_cast<char>(kern >> shift));
         }
-        Json request = Json::parse(payload_.begin(), payload_.end(), nullptr, false);
-        if (request.is_discarded() || !request.is_object()) {
-            return false;
-        }
-        std::string text = mac_.call(request).dump(-1, ' ', false, Json::error_handler_t::replace);
-        if (text.size() > protocol::kMaxCallSize) {
-            text = R"({"ok":false,"error":"the reply is too large"})";
-        }
-        auto header =
-            protocol::encodeHeader(protocol::kCallReply, static_cast<std::uint32_t>(text.size()));
-        reply_.assign(header.begin(), header.end());
-        reply_.insert(reply_.end(), text.begin(), text.end());
-        return true;
+        reply.append(reinterpret_cast<const char *>(&out), sizeof out);
+        return reply;
     }
-
-    Protocol::socket socket_;
-    VirtualMac &mac_;
-    Caller caller_;
-    std::array<std::uint8_t, protocol::kHeaderSize> header_{};
-    protocol::Kind kind_ = protocol::kExchange;
-    std::vector<std::uint8_t> payload_;
-    std::vector<std::uint8_t> reply_;
-};
-
-// True when something accepts connections at `path`.
-bool answers(asio::io_context &io, const std::string &path) {
-    Protocol::socket probe(io);
-    asio::error_code ec;
-    probe.connect(Protocol::endpoint(path), ec);
-    return !ec;
+    Json request = Json::parse(frame.payload, nullptr, false);
+    if (request.is_discarded() || !request.is_object()) {
+        return std::nullopt;
+    }
+    std::string text = mac.call(request).dump(-1, ' ', false, Json::error_handler_t::replace);
+    if (text.size() > wire::kMaxCallSize) {
+        text = R"({"ok":false,"error":"the reply is too large"})";
+    }
+    auto header = wire::encodeHeader(wire::kCallReply, static_cast<std::uint32_t>(text.size()));
+    reply.assign(header.begin(), header.end());
+    return reply + text;
 }
 
 }  // namespace
 
-struct Server::Impl : std::enable_shared_from_this<Server::Impl> {
-    Impl(asio::io_context &io, VirtualMac &mac, std::string path, std::chrono::milliseconds tick)
-        : io(io), mac(mac), path(std::move(path)), tick(tick), acceptor(io), timer(io), retry(io) {}
+std::optional<std::size_t> answerFrames(VirtualMac &mac, std::string_view buffered,
+                                        const platform::PeerCredentials &peer,
+                                        const std::function<bool(std::string)> &reply) {
+    std::size_t consumed = 0;
+    for (;;) {
+        wire::Split frame = wire::splitFrame(buffered.substr(consumed), true);
+        if (frame.state == wire::Split::bad) {
+            return std::nullopt;
+        }
+        if (frame.state == wire::Split::incomplete) {
+            return consumed;
+        }
+        std::optional<std::string> answered = answer(mac, frame, peer);
+        if (!answered) {
+            return std::nullopt;
+        }
+        consumed += frame.size;
+        if (!reply(std::move(*answered))) {
+            return consumed;
+        }
+    }
+}
 
-    void listen() {
-        if (path.empty() || path.size() >= sizeof(sockaddr_un::sun_path)) {
-            throw std::runtime_error("socket path '" + path + "' must have 1 to " +
-                                     std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
-        }
-        std::error_code fsError;
-        std::filesystem::path parent = std::filesystem::path(path).parent_path();
-        if (!parent.empty()) {
-            std::filesystem::create_directories(parent, fsError);
-        }
-        if (std::filesystem::exists(std::filesystem::symlink_status(path, fsError))) {
-            if (answers(io, path)) {
-                throw std::runtime_error("a virtual Mac is already serving " + path);
+struct Server::Impl : platform::UnixServerHandler, std::enable_shared_from_this<Server::Impl> {
+    Impl(asio::io_context &io, VirtualMac &mac, const platform::Clock &clock,
+         std::chrono::milliseconds tick)
+        : mac(mac), clock(clock), tick(tick), timer(io), last(clock.monotonic()) {}
+
+    std::optional<std::size_t> received(platform::UnixConnection &connection,
+                                        std::string_view buffered) override {
+        catchUp();  // time until now passes at the speed it had, before a call changes it
+        auto consumed = answerFrames(mac, buffered, connection.peer(), [&](std::string reply) {
+            connection.send(std::move(reply));
+            // Cut off for not reading its replies: `buffered` is gone with the connection.
+            return connection.isOpen();
+        });
+        armTick();
+        return consumed;
+    }
+
+    void catchUp() {
+        platform::Clock::Monotonic now = clock.monotonic();
+        double real = std::chrono::duration<double>(now - last).count();
+        last = now;
+        mac.elapse(std::min(real, kLongestTick));
+    }
+
+    // Keeps the tick timer armed while time moves on the machine, and only then.
+    void armTick() {
+        if (stopped || mac.speed() <= 0) {
+            if (ticking) {
+                ticking = false;
+                timer.cancel();
             }
-            std::filesystem::remove(path, fsError);
+            return;
         }
-        try {
-            acceptor.open(Protocol());
-            acceptor.bind(Protocol::endpoint(path));
-            bound = true;
-            // Any local user may connect; the machine itself refuses their writes.
-            ::chmod(path.c_str(), 0666);
-            acceptor.listen();
-        } catch (const std::system_error &e) {
-            throw std::runtime_error("cannot listen on " + path + ": " + e.code().message());
+        if (ticking) {
+            return;
         }
-    }
-
-    void accept() {
-        acceptor.async_accept(
-            [self = shared_from_this()](asio::error_code ec, Protocol::socket socket) {
-                if (self->stopped || ec == asio::error::operation_aborted) {
-                    return;
-                }
-                if (ec) {
-                    // Out of descriptors or memory: try again shortly instead of spinning.
-                    self->retry.expires_after(std::chrono::milliseconds(100));
-                    self->retry.async_wait([self](asio::error_code waited) {
-                        if (!waited && !self->stopped) {
-                            self->accept();
-                        }
-                    });
-                    return;
-                }
-                auto session = std::make_shared<Session>(std::move(socket), self->mac);
-                std::erase_if(self->sessions, [](const auto &weak) { return weak.expired(); });
-                self->sessions.push_back(session);
-                session->start();
-                self->accept();
-            });
-    }
-
-    void scheduleTick() {
+        ticking = true;
+        std::uint64_t armed = ++generation;
         timer.expires_after(tick);
-        timer.async_wait([self = shared_from_this()](asio::error_code ec) {
-            if (ec || self->stopped) {
-                return;
+        timer.async_wait([self = shared_from_this(), armed](asio::error_code ec) {
+            if (armed != self->generation) {
+                return;  // a wait cancelled and since replaced
             }
-            auto now = std::chrono::steady_clock::now();
-            double real = std::chrono::duration<double>(now - self->last).count();
-            self->last = now;
-            self->mac.elapse(std::min(real, kLongestTick));
-            self->scheduleTick();
+            self->ticking = false;
+            if (!ec && !self->stopped) {
+                self->catchUp();
+                self->armTick();
+            }
         });
     }
 
     void stop() {
-        if (stopped) {
-            return;
-        }
         stopped = true;
-        asio::error_code ignored;
-        acceptor.close(ignored);
         timer.cancel();
-        retry.cancel();
-        for (const auto &weak : sessions) {
-            if (auto session = weak.lock()) {
-                session->close();
-            }
+        if (listener) {
+            listener->stop();
         }
-        sessions.clear();
     }
 
-    asio::io_context &io;
     VirtualMac &mac;
-    std::string path;
+    const platform::Clock &clock;
     std::chrono::milliseconds tick;
-    Protocol::acceptor acceptor;
     asio::steady_timer timer;
-    asio::steady_timer retry;
-    std::vector<std::weak_ptr<Session>> sessions;
-    std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
+    platform::Clock::Monotonic last;
+    bool ticking = false;
+    std::uint64_t generation = 0;
     bool stopped = false;
-    bool bound = false;
+    std::unique_ptr<platform::UnixServer> listener;
 };
 
+platform::UnixServerLimits Server::defaultLimits() {
+    platform::UnixServerLimits limits;
+    limits.maxMessageBytes = wire::kMaxFrameSize;
+    limits.maxBufferedBytes = 16 * wire::kMaxFrameSize;
+    limits.maxQueuedReplyBytes = 2 * wire::kMaxFrameSize;
+    limits.socketMode = 0666;
+    return limits;
+}
+
 Server::Server(asio::io_context &io, VirtualMac &mac, std::string socketPath,
-               std::chrono::milliseconds tick)
-    : impl_(std::make_shared<Impl>(io, mac, std::move(socketPath), tick)) {
-    impl_->listen();
-    impl_->accept();
-    impl_->scheduleTick();
+               const platform::Files &files, const platform::Clock &clock,
+               std::chrono::milliseconds tick, platform::UnixServerLimits limits)
+    : impl_(std::make_shared<Impl>(io, mac, clock, tick)) {
+    impl_->listener = std::make_unique<platform::UnixServer>(io, std::move(socketPath), *impl_,
+                                                             files, clock, limits);
+    impl_->armTick();
 }
 
 Server::~Server() {
     impl_->stop();
-    if (impl_->bound) {
-        std::error_code ignored;
-        std::filesystem::remove(impl_->path, ignored);
-    }
 }
 
 void Server::stop() {
     impl_->stop();
 }
 
+void Server::catchUp() {
+    impl_->catchUp();
+}
+
+bool Server::clockRunning() const {
+    return impl_->ticking;
+}
+
 const std::string &Server::socketPath() const {
-    return impl_->path;
+    return impl_->listener->path();
+}
+
+platform::UnixServer &Server::listener() {
+    return *impl_->listener;
 }
 
 }  // namespace ostrel::vsmc

@@ -62,7 +62,10 @@ Simulation::Simulation(const MachineParams &params, SimulationState initial)
             std::max(p.proximityBoard + p.heatsinkBoard + p.boardAmbient + p.boardBattery, 1e-9),
         p.batteryCapacity / std::max(p.boardBattery + p.batteryAmbient, 1e-9),
     });
-    substeps_ = std::clamp(static_cast<int>(std::ceil(kStep / (0.25 * tau))), 1, 1000);
+    // Profiles hold finite values, but a sub-step count is never computed from anything
+    // else: converting an infinity or NaN to int would be undefined.
+    double needed = std::ceil(kStep / (0.25 * tau));
+    substeps_ = std::isfinite(needed) ? static_cast<int>(std::clamp(needed, 1.0, 1000.0)) : 1000;
 }
 
 void Simulation::setLoad(double cpu, double gpu) {

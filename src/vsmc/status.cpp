@@ -146,7 +146,7 @@ Json statusJson(const Machine &machine) {
           {"dc", rounded(sim.value(Source::dcPower), kWatts)},
           {"battery", rounded(sim.value(Source::batteryPower), kWatts)}}},
         {"fanControl", controlName(machine.fanControl())},
-        {"testKey", keyNumber(machine, smc_fourcc("Ftst"), 1)},
+        {"testKey", keyNumber(machine, csmc::kTestKey, 1)},
         {"unlockRefusalsLeft", machine.unlockRefusalsLeft()},
         {"fans", fans},
         {"battery", Json(machine.batteryProperties())},

@@ -9,8 +9,6 @@ namespace ostrel::vsmc {
 
 namespace {
 
-constexpr std::size_t kJournalLimit = 10000;
-
 // A request that cannot be carried out; its message goes back to the caller.
 class CallError : public std::runtime_error {
   public:
@@ -65,7 +63,6 @@ std::uint8_t commandField(const Json &request) {
 VirtualMac::VirtualMac(const Profile &profile, std::uint64_t seed, double speed)
     : profileSource_(profile.source), machine_(profile, seed), speed_(speed) {
     machine_.setRefuseUnprivilegedWrites(true);
-    machine_.setJournalLimit(kJournalLimit);
     machine_.advance(0);  // every bound key shows the starting state
 }
 

@@ -2,6 +2,7 @@
 // table and values as the in-process transport, fan writes as the driver's files take
 // them, privilege and error mapping, and a selector that other processes move.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -23,6 +24,7 @@ using ostrel::SMC;
 using ostrel::SMCError;
 using ostrel::test::FakeApplesmc;
 using ostrel::vsmc::Machine;
+using testing::HasSubstr;
 using Store = FakeApplesmc::Store;
 using Stores = std::vector<Store>;
 
@@ -179,16 +181,26 @@ TEST(ApplesmcWritesTest, WritesTheDriverCannotMakeAreFirmwareRefusals) {
     EXPECT_EQ(t2smc->readDouble("F0Tg"), 1836);
 }
 
-TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootGetsNotPrivilegedAndChangesNothing) {
+TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNothing) {
     Rig rig("macbookpro10-1", FakeApplesmc::Variant::mainline, 1000);
     auto smc = rig.connect();
     SMCError error = errorOf([&] { smc->write("F0Tg", 2500.0); });
     EXPECT_EQ(error, SMCError::notPrivileged());
-    EXPECT_NE(std::string(error.what()).find("ostrel helper install"), std::string::npos);
-    // Selecting a key is a write too, so reading needs root as well.
-    EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), SMCError::notPrivileged());
+    EXPECT_THAT(error.what(), HasSubstr("ostrel helper install"));
+    // Selecting a key is a write to a root-only file, so on this driver reading needs root
+    // as well; the message must say reading, not writing, and how to get it.
+    error = errorOf([&] { smc->read("TC0P"); });
+    EXPECT_EQ(error, kernelError(SMC_KERN_NOT_PERMITTED));
+    EXPECT_THAT(error.explanation(), HasSubstr("reading SMC keys through the applesmc driver "
+                                               "needs root"));
+    EXPECT_THAT(error.explanation(), HasSubstr("sudo"));
     EXPECT_TRUE(rig.driver.stores().empty());
     EXPECT_EQ(rig.machine.count(SMC_CMD_WRITE), 0u);
+
+    // Where the administrator lets the user select keys, the root-only lock is no obstacle.
+    rig.driver.grantSelector(1000);
+    EXPECT_EQ(smc->readDouble("F0Mx"), 5940);
+    EXPECT_EQ(errorOf([&] { smc->write("F0Tg", 2500.0); }), SMCError::notPrivileged());
 }
 
 TEST(ApplesmcErrorsTest, DriverErrorsReachTheCallerAsKernelCodes) {
@@ -196,7 +208,11 @@ TEST(ApplesmcErrorsTest, DriverErrorsReachTheCallerAsKernelCodes) {
     auto smc = rig.connect();
     // A failed handshake inside the driver, and the same failure injected at the SMC.
     rig.driver.failNext("key_at_index_data", EIO);
-    EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_IO_ERROR));
+    SMCError error = errorOf([&] { smc->read("TC0P"); });
+    EXPECT_EQ(error, kernelError(SMC_KERN_IO_ERROR));
+    EXPECT_EQ(error.explanation(), "IOKit error 0xe00002ca (applesmc: reading " +
+                                       rig.driver.device() +
+                                       "/key_at_index_data: Input/output error)");
     rig.machine.injectFault({smc_fourcc("TC0P"), SMC_CMD_READ, 1, SMC_KERN_IO_ERROR, 0});
     EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_IO_ERROR));
     EXPECT_NO_THROW(smc->read("TC0P"));  // nothing sticks

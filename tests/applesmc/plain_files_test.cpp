@@ -1,37 +1,20 @@
-// The whole path from smc_open to the attribute files, on plain files in a temporary
-// OSTREL_ROOT: the default transport finds the device, takes the real lock, reads and
-// stores. Plain files cannot act as a selector, so the tree holds one key only.
+// The whole path from opening by selector to the attribute files, on plain files in a
+// temporary OSTREL_ROOT: the default transport finds the device, takes the real lock,
+// reads and stores. Plain files cannot act as a selector, so the tree holds one key only.
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <optional>
 
 #include "ostrel/smc.h"
 #include "support/temp_dir.h"
+#include "support/transports.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using ostrel::SMC;
 using ostrel::SMCError;
-
-// Sets or unsets an environment variable for the life of the object.
-class ScopedVariable {
-  public:
-    ScopedVariable(const char *name, std::optional<std::string> value) : name_(name) {
-        if (const char *old = std::getenv(name)) {
-            old_ = old;
-        }
-        value ? setenv(name, value->c_str(), 1) : unsetenv(name);
-    }
-    ~ScopedVariable() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
-
-  private:
-    const char *name_;
-    std::optional<std::string> old_;
-};
 
 class PlainFilesTest : public testing::Test {
   protected:
@@ -52,14 +35,15 @@ class PlainFilesTest : public testing::Test {
         root.put(kDevice + name, contents);
     }
     std::string slurp(const std::string &name) { return root.read(kDevice + name); }
+    SMC open(const std::string &selector) { return SMC(transports->open(selector)); }
 
     ostrel::test::TempDir root;
-    ScopedVariable root_{"OSTREL_ROOT", root.path()};
-    ScopedVariable selector_{"OSTREL_SMC", std::nullopt};
+    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}}};
+    std::shared_ptr<csmc::TransportRegistry> transports = ostrel::test::allTransports(env);
 };
 
 TEST_F(PlainFilesTest, TheDefaultTransportUsesTheDeviceUnderTheRoot) {
-    SMC smc;
+    SMC smc = open("");
     EXPECT_EQ(smc.key(0), ostrel::FourCC("FS! "));
     EXPECT_EQ(smc.readDouble("FS! "), 1);
     smc.write("FS! ", 2.0);
@@ -71,7 +55,7 @@ TEST_F(PlainFilesTest, TheDefaultTransportUsesTheDeviceUnderTheRoot) {
 
 TEST_F(PlainFilesTest, GarbledAttributesAreAKernelErrorNotACrash) {
     put("key_count", "many\n");
-    SMC smc;
+    SMC smc = open("");
     try {
         smc.info("TC0P");
         ADD_FAILURE() << "no error";
@@ -82,16 +66,15 @@ TEST_F(PlainFilesTest, GarbledAttributesAreAKernelErrorNotACrash) {
 
 TEST_F(PlainFilesTest, WithoutADeviceThereIsNoService) {
     fs::remove_all(root.path() + "/sys");
-    EXPECT_THROW(SMC(), SMCError);
+    EXPECT_THROW(open(""), SMCError);
     EXPECT_EQ(SMC::openDetail(),
-              "no SMC found; set OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]");
-
-    ScopedVariable named("OSTREL_SMC", "applesmc");
-    EXPECT_THROW(SMC(), SMCError);
+              "no SMC found (no applesmc device in " + root.path() +
+                  "/sys/devices/platform/applesmc.768 or " + root.path() +
+                  "/sys/bus/acpi/devices/APP0001:00 (is the applesmc module loaded?)); set "
+                  "OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]");
+    EXPECT_THROW(open("applesmc"), SMCError);
     EXPECT_NE(SMC::openDetail().find("is the applesmc module loaded?"), std::string::npos);
-
-    ScopedVariable explicitDir("OSTREL_SMC", "applesmc:" + root.path());
-    EXPECT_THROW(SMC(), SMCError);
+    EXPECT_THROW(open("applesmc:" + root.path()), SMCError);
     EXPECT_EQ(SMC::openDetail(),
               root.path() + " is not an applesmc device (no key_count attribute)");
 }

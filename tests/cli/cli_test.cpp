@@ -52,12 +52,49 @@ TEST_F(CliTest, SmcKeysListsTheWholeTable) {
 TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
     EXPECT_EQ(run({"smc", "read", "NOPE"}), 1);
     EXPECT_EQ(err.str(), "ostrel: SMC key 'NOPE' not found\n");
-    err.str("");
-    EXPECT_EQ(run({"smc", "read"}), 2);
-    EXPECT_THAT(err.str(), HasSubstr("KEY is required"));
-    EXPECT_EQ(run({"frobnicate"}), 2);
-    EXPECT_EQ(run({"--version"}), 0);  // needs no command
-    EXPECT_EQ(out.str(), "1.1.13\n");
+    struct Case {
+        std::vector<const char *> args;
+        int status;
+        const char *says;  // on standard error, or on standard output for status 0
+    };
+    for (const Case &c : std::vector<Case>{
+             {{"smc", "read"}, 2, "KEY is required"},
+             {{"smc", "read", "F0Mnx"}, 2, "'F0Mnx' is not an SMC key"},
+             {{"smc", "read", ""}, 2, "'' is not an SMC key"},
+             {{"smc", "read", "F\u00e9"}, 2, "is not an SMC key"},
+             {{"smc", "read", "\x1b[2J"}, 2, "'\\x1b[2J' is not an SMC key"},
+             {{"frobnicate"}, 2, "ostrel: unknown command 'frobnicate'\nRun 'ostrel --help'"},
+             {{"smc", "frob", "--json"}, 2, "unknown command 'smc frob'\nRun 'ostrel smc --help'"},
+             {{}, 2, "a command is required"},
+             {{"smc"}, 2, "'smc' needs a command"},
+             {{"help", "nosuch"}, 2, "unknown command 'nosuch'"},
+             {{"--version"}, 0, "1.1.13\n"},
+             {{"help"}, 0, "Subcommands:"},
+             {{"help", "smc", "read"}, 0, "1 to 4 printable ASCII characters"},
+             {{"fans", "--help"}, 0, "Fan speeds, limits, mode and target"},
+         }) {
+        out.str("");
+        err.str("");
+        EXPECT_EQ(run(c.args), c.status) << c.says;
+        EXPECT_THAT((c.status == 0 ? out : err).str(), HasSubstr(c.says));
+    }
+}
+
+// A stream whose file is full: everything written is lost.
+struct FullDisk : std::streambuf {
+    int overflow(int) override { return traits_type::eof(); }
+};
+
+TEST_F(CliTest, LostOutputExitsOne) {
+    FullDisk full;
+    std::ostream lost(&full);
+    cli::Context context{
+        &lost, &err,
+        [this] { return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine)); },
+        SystemAccess{}};
+    const char *args[] = {"ostrel", "smc", "keys"};
+    EXPECT_EQ(cli::run(3, args, context), 1);
+    EXPECT_THAT(err.str(), HasSubstr("ostrel: cannot write the output"));
 }
 
 TEST(CliDump, AMachinesDumpLoadsAsTheSameTable) {
@@ -81,6 +118,22 @@ TEST_F(CliTest, DumpNotesKeysItCannotRead) {
     EXPECT_THAT(out.str(), HasSubstr("model Test,1\n"));
     EXPECT_THAT(out.str(), HasSubstr("# RPlt could not be read (SMC rejected request for "
                                      "'RPlt'); its value is left zero\nkey RPlt   ch8*"));
+}
+
+// The machine goes away in the middle of a walk: what was read stands, the walk stops at
+// once instead of noting every later key, and the exit status says the output is short.
+TEST_F(CliTest, AWalkThatLosesTheMachineStopsAndExitsOne) {
+    for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
+             {"smc", "dump"}, {"smc", "keys"}, {"smc", "keys", "--json"}}) {
+        machine.injectFault({FourCC("F0Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_NOT_RESPONDING, 0});
+        out.str("");
+        err.str("");
+        EXPECT_EQ(run(args), 1) << args.size();
+        EXPECT_EQ(err.str(), "ostrel: stopped at key 1 of 3: IOKit error 0xe00002ed\n");
+        EXPECT_THAT(out.str(), HasSubstr("#KEY"));
+        EXPECT_THAT(out.str(), testing::Not(HasSubstr("RPlt")));
+    }
+    EXPECT_EQ(Json::parse(out.str()).size(), 1u) << "the JSON that was read is still JSON";
 }
 
 }  // namespace

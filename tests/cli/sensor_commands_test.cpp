@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "cli_harness.h"
+#include "ostrel/sampler.h"
 #include "support/sandbox.h"
 #include "support/test_machine.h"
 
@@ -66,7 +67,10 @@ TEST_F(SensingCommandsTest, SensorsGroupedWithUnits) {
               "Voltage\n"
               "  DC In                        VD0R    17.93 V\n"
               "Current\n"
-              "  CPU Rail                     IC0R     1.50 A\n");
+              "  CPU Rail                     IC0R     1.50 A\n"
+              "Fans\n"
+              "   0  Left side     2982 rpm  (min 2160, max 5940, 22%)  auto\n"
+              "   1  Right side    3500 rpm  (min 2000, max 5500, 43%)  manual, target 3500 rpm\n");
     out.str("");
     ASSERT_EQ(run({"sensors", "--scope", "all", "--group", "cpu", "--group", "Other"}), 0);
     EXPECT_EQ(out.str(),
@@ -85,11 +89,23 @@ TEST_F(SensingCommandsTest, SensorsJsonIsTheSnapshot) {
             {"key": "TB0T", "name": "Battery", "group": "Battery", "value": 31, "known": true},
             {"key": "TC0P", "name": "CPU Proximity", "group": "CPU", "value": 63.5, "known": true},
             {"key": "TG0P", "name": "GPU Proximity", "group": "GPU", "value": 50.25, "known": true}],
-        "fans": [],
+        "fans": [
+            {"id": 0, "name": "Left side", "rpm": 2982, "min": 2160, "max": 5940,
+             "manual": false, "alarms": []},
+            {"id": 1, "name": "Right side", "rpm": 3500, "min": 2000, "max": 5500,
+             "target": 3500, "manual": true, "alarms": []}],
         "power": [{"key": "PSTR", "name": "System Total", "group": "Other", "value": 28.5,
                    "known": true}],
         "voltages": [],
         "currents": []})"));
+    // A group filter narrows the JSON as it narrows the text.
+    out.str("");
+    ASSERT_EQ(run({"sensors", "--group", "gpu", "--json"}), 0);
+    Json narrowed = Json::parse(out.str());
+    EXPECT_EQ(narrowed["temperatures"].size(), 1u);
+    for (const char *list : {"fans", "power", "voltages", "currents"}) {
+        EXPECT_EQ(narrowed[list], Json::array()) << list;
+    }
 }
 
 TEST_F(SensingCommandsTest, FansWithLimitsModeAndTarget) {
@@ -100,7 +116,50 @@ TEST_F(SensingCommandsTest, FansWithLimitsModeAndTarget) {
     out.str("");
     ASSERT_EQ(run({"fans", "--json"}), 0);
     EXPECT_EQ(Json::parse(out.str())[1], Json::parse(R"({"id": 1, "name": "Right side",
-        "rpm": 3500, "min": 2000, "max": 5500, "target": 3500, "manual": true})"));
+        "rpm": 3500, "min": 2000, "max": 5500, "target": 3500, "manual": true, "alarms": []})"));
+}
+
+// What a sensors user expects flagged: a fan that should turn and does not, and limits that
+// cannot be; but not the fans Apple-silicon firmware stops when the machine is cool.
+TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlagged) {
+    machine = test::machineFromRows(
+        "key FNum ui8  1 0x80 3\n"
+        "key FS!  ui16 2 0xc0 4\n"
+        "key F0Ac fpe2 2 0x90 0\nkey F0Mn fpe2 2 0xc0 2160\nkey F0Mx fpe2 2 0xc0 5940\n"
+        "key F1Ac fpe2 2 0x90 3000\nkey F1Mn fpe2 2 0xc0 6000\nkey F1Mx fpe2 2 0xc0 5000\n"
+        "key F2Ac fpe2 2 0x90 0\nkey F2Tg fpe2 2 0xd0 2500\n");
+    ASSERT_EQ(run({"fans"}), 0) << err.str();
+    EXPECT_THAT(out.str(), HasSubstr("auto  [stalled: not turning although it should]\n"));
+    EXPECT_THAT(out.str(), HasSubstr("auto  [impossible limits: minimum above maximum]\n"));
+    out.str("");
+    ASSERT_EQ(run({"sensors", "--json"}), 0);
+    Json fans = Json::parse(out.str())["fans"];
+    EXPECT_EQ(fans[0]["alarms"], Json::parse(R"(["stalled"])"));
+    EXPECT_EQ(fans[1]["alarms"], Json::parse(R"(["limitsInverted"])"));
+    EXPECT_EQ(fans[2]["alarms"], Json::parse(R"(["stalled"])")) << "manual, with a target";
+
+    machine = test::machineFromRows(
+        "key FNum ui8  1 0x80 1\nkey Ftst ui8 1 0xd0 0\nkey F0Md ui8 1 0xd0 0\n"
+        "key F0Ac flt  4 0x85 0\nkey F0Mn flt  4 0x84 1199\nkey F0Mx flt  4 0x84 7199\n");
+    clearCache(system);
+    out.str("");
+    ASSERT_EQ(run({"fans"}), 0);
+    EXPECT_EQ(out.str(), " 0  Fan              0 rpm  (min 1199, max 7199, 0%)  auto\n")
+        << "a cool Apple-silicon machine stops its fans";
+}
+
+TEST_F(SensingCommandsTest, NamesFromOutsideArePrintedWithControlsEscaped) {
+    machine = test::machineFromRows(
+        "key FNum ui8  1 0x80 1\n"
+        "key F0ID {fds 16 0x80 <00 00 0c 00> \"\\x1b]0;x\\x07Fan\"\n"
+        "key F0Ac fpe2 2 0x90 2000\n",
+        "Mac\x1b[2J");
+    ASSERT_EQ(run({"fans"}), 0) << err.str();
+    EXPECT_THAT(out.str(), HasSubstr("\\x1b]0;x\\x07Fan"));
+    out.str("");
+    ASSERT_EQ(run({"discovery"}), 0);
+    EXPECT_THAT(out.str(), HasSubstr("\\x1b]0;x\\x07Fan"));
+    EXPECT_EQ(out.str().find('\x1b'), std::string::npos);
 }
 
 TEST_F(SensingCommandsTest, BatteryFromPowerSupplyFilesOrNone) {
@@ -124,6 +183,12 @@ TEST_F(SensingCommandsTest, BatteryFromPowerSupplyFilesOrNone) {
               "Power           18.90 W\n"
               "Charging        yes\n"
               "External power  yes\n");
+    out.str("");
+    ASSERT_EQ(run({"battery", "--json"}), 0);
+    EXPECT_EQ(Json::parse(out.str()),
+              Json::parse(R"({"percent": 81, "temperature": 31, "voltage": 12.6,
+                              "amperage": 1.5, "charging": true, "externalPower": true})"))
+        << "unknown values and the derived power are left out";
 }
 
 TEST_F(SensingCommandsTest, DiscoverySummaryAndRefresh) {
@@ -144,7 +209,9 @@ TEST_F(SensingCommandsTest, DiscoverySummaryAndRefresh) {
     out.str("");
     ASSERT_EQ(run({"discovery", "--json"}), 0);
     EXPECT_EQ(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "the cache was used";
-    EXPECT_EQ(Json::parse(out.str())["fans"][1]["name"], "Right side");
+    EXPECT_EQ(Json::parse(out.str())["fans"][1],
+              Json::parse(R"({"id": 1, "name": "Right side", "hasModeKey": false})"))
+        << "fans are \"id\" in every shape";
     ASSERT_EQ(run({"discovery", "--refresh", "--json"}), 0);
     EXPECT_GT(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "--refresh scans again";
 }
@@ -157,6 +224,33 @@ TEST_F(SensingCommandsTest, UsageAndServiceErrors) {
     err.str("");
     EXPECT_EQ(run({"fans"}), 1);
     EXPECT_EQ(err.str(), "ostrel: IOKit error 0xe00002ca\n");
+}
+
+TEST_F(SensingCommandsTest, ReadingsLostToTheConnectionExitOne) {
+    ASSERT_EQ(run({"sensors"}), 0);  // discovered and cached
+    for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
+             {"sensors", "--scope", "all"}, {"sensors", "--json"}, {"fans"}}) {
+        machine.injectFault({FourCC("F1Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_NOT_RESPONDING, 0});
+        out.str("");
+        err.str("");
+        EXPECT_EQ(run(args), 1) << args[0];
+        EXPECT_EQ(err.str(), "ostrel: some readings are missing: IOKit error 0xe00002ed\n");
+        EXPECT_THAT(out.str(), HasSubstr("Left side")) << "what was read is printed";
+    }
+}
+
+TEST(SensingCommandsOnAMacPro, TheEssentialCpuSensorsAreNoCores) {
+    test::Sandbox sandbox;
+    vsmc::Machine machine = test::builtinMachine("macpro7-1");
+    test::CliHarness cli;
+    ASSERT_EQ(
+        cli.run(
+            {"sensors", "--scope", "essential", "--group", "cpu"},
+            [&] { return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine)); },
+            sandbox.system),
+        0);
+    EXPECT_THAT(cli.out.str(), HasSubstr("CPU Die"));
+    EXPECT_THAT(cli.out.str(), testing::Not(testing::ContainsRegex("[PE]-Core|Tp|Te")));
 }
 
 }  // namespace

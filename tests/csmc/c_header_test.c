@@ -4,6 +4,9 @@
 
 #include "csmc/smc.h"
 
+/* Installs the machine OSTREL_SMC names, as a program's main does (c_header_setup.cpp). */
+void install_test_machine(void);
+
 static int failures = 0;
 
 #define EXPECT(cond)                                                           \
@@ -25,6 +28,7 @@ int main(void) {
     EXPECT(smc_encode_double(smc_fourcc("fpe2"), 2, bytes, 2000.0));
     EXPECT(bytes[0] == 0x1F && bytes[1] == 0x40);
 
+    install_test_machine();
     EXPECT(smc_open(&conn) == SMC_OK);
     if (conn == NULL) {
         return 1;

@@ -7,7 +7,9 @@
 
 #include "csmc/smc.h"
 #include "csmc/transport.h"
+#include "csmc/vsmc_transport.h"
 #include "support/test_machine.h"
+#include "support/transports.h"
 
 namespace {
 
@@ -170,69 +172,114 @@ TEST(ChannelCache, SeedingReplacesWhatWasCachedWithoutGrowingTheCount) {
     EXPECT_EQ(csmc::cacheStats(conn.get()).count, 1u);
 }
 
-TEST(ChannelCache, ConcurrentReadersShareOneConnection) {
+// Several threads insert into one connection's cache while it grows twice over (2048 to
+// 8192 slots), seeding and looking up as they go; afterwards every answer is still there
+// and right, and none costs an exchange.
+TEST(ChannelCache, ConcurrentInsertionAndGrowthLoseNothing) {
     Machine machine = ostrel::test::builtinMachine("macbookpro10-1");
     std::mutex guard;
     smc_conn *conn = nullptr;
     ASSERT_EQ(csmc::openConnection(&conn, std::make_unique<ostrel::vsmc::MemoryTransport>(
                                               machine, ostrel::vsmc::Caller{}, &guard)),
               SMC_OK);
+    constexpr std::uint32_t kThreads = 4;
+    constexpr std::uint32_t kPerThread = 700;  // 2800 entries: two doublings
+    // Thread t's keys: unknown ones (negative entries), seeded ones, and two real keys.
+    auto unknownKey = [](std::uint32_t t, std::uint32_t i) {
+        return 0x41000000u + t * 0x10000 + i;
+    };
+    auto seededKey = [](std::uint32_t t, std::uint32_t i) { return 0x42000000u + t * 0x10000 + i; };
     std::vector<std::thread> threads;
     std::atomic<int> failures{0};
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 500; ++i) {
+    for (std::uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            smc_key_info info{};
+            for (std::uint32_t i = 0; i < kPerThread / 2; ++i) {
+                smc_key_info seeded{seededKey(t, i), smc_fourcc("ui8 "), t + 1, 0x80};
+                smc_key_info_seed(conn, &seeded);
+                failures += smc_key_info_get(conn, unknownKey(t, i), &info) != SMC_ENOKEY;
                 double v = 0;
-                if (smc_read_double(conn, smc_fourcc(i % 2 ? "F0Mn" : "F1Mn"), &v) != SMC_OK ||
-                    v != (i % 2 ? 2160.0 : 2000.0)) {
-                    ++failures;
-                }
+                failures +=
+                    smc_read_double(conn, smc_fourcc(i % 2 ? "F0Mn" : "F1Mn"), &v) != SMC_OK ||
+                    v != (i % 2 ? 2160.0 : 2000.0);
             }
         });
     }
     for (auto &thread : threads) {
         thread.join();
     }
-    smc_close(conn);
     EXPECT_EQ(failures, 0);
+    EXPECT_EQ(csmc::cacheStats(conn).capacity, 8192u);
+    EXPECT_EQ(csmc::cacheStats(conn).count, kThreads * kPerThread + 2);
+    std::uint64_t before = machine.totalExchanges();
+    smc_key_info info{};
+    for (std::uint32_t t = 0; t < kThreads; ++t) {
+        for (std::uint32_t i = 0; i < kPerThread / 2; ++i) {
+            ASSERT_EQ(smc_key_info_get(conn, unknownKey(t, i), &info), SMC_ENOKEY);
+            ASSERT_EQ(smc_key_info_get(conn, seededKey(t, i), &info), SMC_OK);
+            ASSERT_EQ(info.size, t + 1);
+        }
+    }
+    EXPECT_EQ(machine.totalExchanges(), before) << "every answer must still be cached";
+    smc_close(conn);
 }
 
-TEST(ChannelOpen, EnvironmentSelectsTheTransport) {
-    csmc::OpenedTransport none = csmc::openTransport("");
+class ChannelOpen : public testing::Test {
+  protected:
+    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
+    std::shared_ptr<csmc::TransportRegistry> all = ostrel::test::allTransports(env);
+};
+
+TEST_F(ChannelOpen, SelectorsReachTheirTransportsAndFailuresSayWhatWould) {
+    csmc::OpenedTransport none = all->open("");
     EXPECT_EQ(none.status, SMC_ENOSERVICE);
     EXPECT_NE(none.detail.find("OSTREL_SMC"), std::string::npos);
-    EXPECT_EQ(csmc::openTransport("telepathy:x").status, SMC_ENOSERVICE);
-    EXPECT_EQ(csmc::openTransport("memory:").status, SMC_ENOSERVICE);
-    EXPECT_EQ(csmc::openTransport("memory:/no/such/profile").status, SMC_ENOSERVICE);
-    EXPECT_EQ(csmc::openTransport("memory:macbookpro16-1").status, SMC_OK);
+    EXPECT_EQ(all->open("vsmcc:/tmp/x").detail,
+              "unknown transport \"vsmcc\" in OSTREL_SMC=vsmcc:/tmp/x (expected memory:PROFILE, "
+              "vsmc:SOCKET or applesmc[:DIR])");
+    EXPECT_EQ(all->open("memory:").status, SMC_ENOSERVICE);
+    EXPECT_EQ(all->open("memory:/no/such/profile").status, SMC_ENOSERVICE);
+    EXPECT_EQ(all->open("memory:macbookpro16-1").status, SMC_OK);
+
+    // A program that registers only what the daemon links cannot reach the simulator.
+    csmc::TransportRegistry daemon;
+    csmc::addVsmcTransport(daemon, ostrel::platform::realClock());
+    EXPECT_EQ(daemon.open("memory:macbookpro16-1").detail,
+              "unknown transport \"memory\" in OSTREL_SMC=memory:macbookpro16-1 (expected "
+              "vsmc:SOCKET)");
 }
 
-TEST(ChannelOpen, MemoryConnectionsOfOneProcessShareOneMachine) {
-    auto a = csmc::openTransport("memory:macbookpro18-2");
-    auto b = csmc::openTransport("memory:macbookpro18-2");
+TEST_F(ChannelOpen, MemoryConnectionsOfOneRegistryShareOneMachine) {
     smc_conn *ca = nullptr;
     smc_conn *cb = nullptr;
-    ASSERT_EQ(csmc::openConnection(&ca, std::move(a.transport)), SMC_OK);
-    ASSERT_EQ(csmc::openConnection(&cb, std::move(b.transport)), SMC_OK);
+    ASSERT_EQ(csmc::openConnection(&ca, all->open("memory:macbookpro18-2")), SMC_OK);
+    ASSERT_EQ(csmc::openConnection(&cb, all->open("memory:macbookpro18-2")), SMC_OK);
     std::uint8_t one = 1;
     ASSERT_EQ(smc_write(ca, smc_fourcc("Ftst"), &one, 1), SMC_OK);
     double seen = 0;
     ASSERT_EQ(smc_read_double(cb, smc_fourcc("Ftst"), &seen), SMC_OK);
     EXPECT_EQ(seen, 1.0);
-    std::uint8_t zero = 0;
-    smc_write(ca, smc_fourcc("Ftst"), &zero, 1);
     smc_close(ca);
     smc_close(cb);
 }
 
-TEST(ChannelOpen, OpenReportsWhyAProfileIsUnusable) {
-    setenv("OSTREL_SMC", "memory:/nonexistent/broken.profile", 1);
+TEST_F(ChannelOpen, SmcOpenUsesTheInstalledMachineAndSaysWhyItFails) {
     smc_conn *conn = reinterpret_cast<smc_conn *>(0x1);
+    csmc::installProcessMachine({});
     EXPECT_EQ(smc_open(&conn), SMC_ENOSERVICE);
     EXPECT_EQ(conn, nullptr);
+    EXPECT_NE(std::string(smc_open_detail()).find("no SMC transport was configured"),
+              std::string::npos);
+
+    csmc::installProcessMachine({all, "memory:/nonexistent/broken.profile", "/sys", nullptr});
+    EXPECT_EQ(smc_open(&conn), SMC_ENOSERVICE);
     EXPECT_NE(std::string(smc_open_detail()).find("/nonexistent/broken.profile"),
               std::string::npos);
-    unsetenv("OSTREL_SMC");
+    csmc::installProcessMachine({all, "memory:macbookpro10-1", "/sys", nullptr});
+    ASSERT_EQ(smc_open(&conn), SMC_OK);
+    EXPECT_EQ(std::string(smc_open_detail()), "");
+    smc_close(conn);
+    csmc::installProcessMachine({});
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "csmc/hid.h"
+#include "support/real_files.h"
 #include "support/temp_dir.h"
+#include "support/transports.h"
 
 namespace {
 
@@ -23,13 +25,11 @@ class ListServices final : public csmc::TemperatureServices {
         }
         return names;
     }
-    std::vector<std::optional<double>> read() override {
-        std::vector<std::optional<double>> values;
-        for (auto &[name, value] : *sensors_) {
-            values.push_back(value);
+    void read(const std::function<bool(std::size_t, std::optional<double>)> &take) override {
+        for (std::size_t i = 0; i < sensors_->size() && take(i, (*sensors_)[i].second); ++i) {
         }
-        return values;
     }
+    bool chipServices() const override { return true; }
 
   private:
     std::vector<std::pair<std::string, std::optional<double>>> *sensors_;
@@ -92,6 +92,9 @@ class HwmonTree : public testing::Test {
   protected:
     TempDir root;
     FakeEnvironment env{{{"OSTREL_ROOT", root.path()}}};
+    // What smc_hid_open reaches in a process whose OSTREL_SMC is unset.
+    csmc::ProcessMachine machine{ostrel::test::allTransports(env), "", root.path() + "/sys",
+                                 &realFiles()};
 
     void chip(const std::string &hwmon, const std::string &name,
               std::vector<std::tuple<int, std::string, std::string>> temps) {
@@ -114,7 +117,7 @@ TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmc) {
     chip("hwmon3", "applesmc", {{1, "TC0P", "60000"}});
     chip("hwmon4", "amdgpu", {{1, "edge", "41000"}, {2, "", "garbage"}});
     chip("hwmon5", "acpitz", {{1, "", "0"}});
-    Handle h{csmc::openHid(csmc::defaultServices(env, realFiles()))};
+    Handle h{csmc::openHid(csmc::selectedServices(machine))};
     ASSERT_EQ(smc_hid_count(h.hid), 7);
     EXPECT_EQ(h.read(16), (std::vector<std::pair<std::string, double>>{{"CPU Package id 0", 52.0},
                                                                        {"CPU Core 0", 49.0},
@@ -124,8 +127,36 @@ TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmc) {
         << "garbage and 0 readings are skipped";
 }
 
+// Real files, counting the reads of temperature inputs.
+class CountingFiles final : public ostrel::test::RealFiles {
+  public:
+    mutable int inputReads = 0;
+    std::optional<std::string> read(const std::string &path) const override {
+        inputReads += path.ends_with("_input");
+        return RealFiles::read(path);
+    }
+};
+
+TEST_F(HwmonTree, ReadingStopsOnceTheCapacityIsFilled) {
+    chip("hwmon0", "coretemp",
+         {{1, "", "0"}, {2, "", "41000"}, {3, "", "42000"}, {4, "", "43000"}, {5, "", "44000"}});
+    CountingFiles files;
+    Handle h{csmc::openHid(csmc::hwmonServices(root.path() + "/sys", files))};
+    EXPECT_EQ(h.read(2), (std::vector<std::pair<std::string, double>>{{"CPU temp2", 41.0},
+                                                                      {"CPU temp3", 42.0}}));
+    EXPECT_EQ(files.inputReads, 3) << "the implausible first one, then two";
+}
+
 TEST_F(HwmonTree, NoHwmonDirectoryMeansNoHandle) {
-    EXPECT_EQ(csmc::openHid(csmc::defaultServices(env, realFiles())), nullptr);
+    EXPECT_EQ(csmc::openHid(csmc::selectedServices(machine)), nullptr);
+}
+
+TEST_F(HwmonTree, ASelectedVirtualMacBringsItsOwnList) {
+    chip("hwmon2", "coretemp", {{1, "Package id 0", "52000"}});
+    machine.selector = "memory:macbookpro18-2";
+    Handle h{csmc::openHid(csmc::selectedServices(machine))};
+    ASSERT_GT(smc_hid_count(h.hid), 1);
+    EXPECT_EQ(h.read(1)[0].first, "pACC MTR Temp Sensor0");
 }
 
 // A virtual Mac's transport whose sensor list a test controls.

@@ -66,17 +66,24 @@ TEST_F(PowerSupplyTree, EnergyCountingBatteryDischargingWithUnsignedPower) {
     EXPECT_EQ((*dict)["IsCharging"], false);
 }
 
-TEST_F(PowerSupplyTree, AbsentBatteriesAndGarbageFiles) {
+TEST_F(PowerSupplyTree, AbsentBatteriesDeviceBatteriesAndGarbageFiles) {
     EXPECT_FALSE(read()) << "no power_supply directory";
     supply("AC", {{"type", "Mains"}, {"online", "1"}});
     supply("BAT0", {{"type", "Battery"}, {"present", "0"}});
     EXPECT_FALSE(read()) << "a battery bay without a battery";
+    // A wireless mouse sorts first and is nearly empty; it is not the machine's battery.
+    supply("0mouse", {{"type", "Battery"}, {"scope", "Device"}, {"capacity", "5"}});
+    supply("0pad", {{"type", "USB"}, {"scope", "Device"}, {"online", "1"}});
+    EXPECT_FALSE(read()) << "only device batteries";
     supply("BAT1", {{"type", "Battery"},
                     {"status", "Full"},
                     {"voltage_now", "12.6V"},
-                    {"current_now", "-500000"}});
+                    {"current_now", "-500000"},
+                    {"scope", "System"},
+                    {"capacity", "90"}});
     auto dict = read();
     ASSERT_TRUE(dict);
+    EXPECT_EQ((*dict)["CurrentCapacity"], 90) << "the machine's battery, not the mouse's";
     EXPECT_FALSE(dict->contains("Voltage")) << "unparsable numbers are left out";
     EXPECT_EQ((*dict)["Amperage"], -500) << "a full battery keeps the driver's sign";
 }

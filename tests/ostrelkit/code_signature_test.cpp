@@ -100,6 +100,7 @@ TEST_F(CodeSignatureTest, HelperCandidatesMustBeTheDaemonOfTheTeam) {
         test::writeExecutable(path, test::signedBytes(kContent, identifier, key));
         return path;
     };
+    const platform::FileAccess &realFiles = platform::realFileAccess();
     std::string good = put("helper", "dev.ostrel.helper", &teamA);
     std::string link = dir.path() + "/link";
     std::string fifo = dir.path() + "/fifo";
@@ -121,11 +122,13 @@ TEST_F(CodeSignatureTest, HelperCandidatesMustBeTheDaemonOfTheTeam) {
         {fifo, false},  // and does not hang
     };
     for (const Case &c : cases) {
-        EXPECT_EQ(HelperSelfUpdate::satisfies(c.path, teamA.team()), c.satisfies) << c.path;
+        EXPECT_EQ(HelperSelfUpdate::satisfies(c.path, teamA.team(), realFiles), c.satisfies)
+            << c.path;
     }
-    EXPECT_FALSE(HelperSelfUpdate::satisfies(good, ""));
+    EXPECT_FALSE(HelperSelfUpdate::satisfies(good, "", realFiles));
     Signer pinned{teamA.team(), teamB.publicKey()};
-    EXPECT_FALSE(HelperSelfUpdate::satisfies(good, HelperSelfUpdate::requirement(pinned)));
+    EXPECT_FALSE(
+        HelperSelfUpdate::satisfies(good, HelperSelfUpdate::requirement(pinned), realFiles));
 }
 
 TEST_F(CodeSignatureTest, RequirementsExplainWhatIsMissing) {

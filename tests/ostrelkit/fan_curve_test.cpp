@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <unordered_set>
 
 #include "ostrel/fan_curve.h"
 #include "ostrel/fan_policy.h"
@@ -164,11 +163,9 @@ TEST(FanCurveTest, SpansNarrowerThanATenThousandthOfADegreeAreWidened) {
     EXPECT_EQ(curve.rpm(55, 0, 6000), 2500);
 }
 
-TEST(FanCurveTest, PresetsAreBuiltOnceWithTheirDescriptions) {
-    EXPECT_EQ(FanCurve::quiet().description(), "60:min,80:3500,92:max (cpu)");
-    EXPECT_EQ(FanCurve::balanced().description(), "50:min,70:3500,85:max (cpu)");
-    EXPECT_EQ(FanCurve::performance().description(), "40:2500,60:4500,75:max (cpu)");
-    EXPECT_EQ(&FanCurve::quiet(), &FanCurve::quiet());
+// The presets are constants; what matters is that a name finds one and that each is a
+// curve the parser and the validator accept as it stands.
+TEST(FanCurveTest, PresetsAreFoundByExactNameAndAreValidCurves) {
     EXPECT_EQ(FanCurve::preset("balanced"), &FanCurve::balanced());
     EXPECT_EQ(FanCurve::preset("Balanced"), nullptr);
     for (const FanCurve *preset :
@@ -178,17 +175,11 @@ TEST(FanCurveTest, PresetsAreBuiltOnceWithTheirDescriptions) {
     }
 }
 
-TEST(FanCurveTest, EqualityAndHashingCoverPointsAndSensor) {
+TEST(FanCurveTest, EqualityCoversPointsAndSensor) {
     FanCurve a("50:min,85:max", CurveSensor::cpu);
-    FanCurve b("50:0,85:MAX", CurveSensor::cpu);
-    FanCurve otherSensor("50:min,85:max", CurveSensor::gpu);
-    FanCurve otherPoint("50:min,86:max", CurveSensor::cpu);
-    EXPECT_EQ(a, b);
-    EXPECT_NE(a, otherSensor);
-    EXPECT_NE(a, otherPoint);
-    std::unordered_set<FanCurve> set{a, b, otherSensor, otherPoint};
-    EXPECT_EQ(set.size(), 3u);
-    EXPECT_EQ(std::hash<CurvePoint>{}({50, 0.0}), std::hash<CurvePoint>{}({50, -0.0}));
+    EXPECT_EQ(a, FanCurve("50:0,85:MAX", CurveSensor::cpu));
+    EXPECT_NE(a, FanCurve("50:min,85:max", CurveSensor::gpu));
+    EXPECT_NE(a, FanCurve("50:min,86:max", CurveSensor::cpu));
 }
 
 }  // namespace

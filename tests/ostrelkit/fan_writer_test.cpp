@@ -119,12 +119,9 @@ TEST_F(FanWriterTest, FiftyRefusalsFailWithTheFiftiethError) {
 
 TEST_F(FanWriterTest, UnknownFansWriteNothing) {
     useMachine(test::builtinMachine("macbookpro16-1"));
-    EXPECT_THROW(writer->setManual(7, 2000), FanControlError);
-    try {
-        writer->setAuto(7);
-    } catch (const FanControlError &e) {
-        EXPECT_STREQ(e.what(), "no fan with id 7");
-    }
+    auto noFanSeven = testing::ThrowsMessage<FanControlError>(testing::StrEq("no fan with id 7"));
+    EXPECT_THAT([&] { writer->setManual(7, 2000); }, noFanSeven);
+    EXPECT_THAT([&] { writer->setAuto(7); }, noFanSeven);
     EXPECT_EQ(machine->totalExchanges(), 0u);
 }
 
@@ -142,9 +139,10 @@ TEST_F(FanWriterTest, FanTenUsesTheAKeys) {
 
 TEST_F(FanWriterTest, AMaskThatIsNoBitMaskFailsTheFanAndIsSkippedWhenAllGoBack) {
     useMachine(test::machineFromRows(
-        "key FNum ui8 1 0x80 2\nkey FS! flt 4 0xc0 nan\n"
+        "key FNum ui8 1 0x80 2\nkey FS! flt 4 0xc0 0\n"
         "key F0Mn fpe2 2 0xc0 1000\nkey F0Mx fpe2 2 0xc0 4000\nkey F0Tg fpe2 2 0xd0 1000\n"
         "key F0Ac fpe2 2 0x90 1000\nkey F1Md ui8 1 0xd0 0\n"));
+    machine->keys().find(csmc::kForceMaskKey)->bytes = {0x00, 0x00, 0xC0, 0x7F};  // NaN
     try {
         writer->setManual(0, 2000);
         FAIL();

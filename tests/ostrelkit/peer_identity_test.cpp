@@ -58,7 +58,7 @@ TEST_F(PeerIdentityTest, OnlyOurSignedProgramsAreServed) {
     };
     for (const Case &c : cases) {
         test::ConnectedClient peer(client(c.how), dir.path(), c.preload);
-        PeerVetting vetting(clientRequirement(c.daemonTeam));
+        PeerVetting vetting(clientRequirement(c.daemonTeam), platform::realProcessAccess());
         PeerVerdict verdict = vetting.check(peer.fd());
         EXPECT_EQ(verdict.accepted, c.refusal.empty()) << c.name << ": " << verdict.reason;
         EXPECT_THAT(verdict.reason, HasSubstr(c.refusal)) << c.name;
@@ -66,7 +66,9 @@ TEST_F(PeerIdentityTest, OnlyOurSignedProgramsAreServed) {
         EXPECT_EQ(verdict.credentials.uid, ::getuid());
     }
     test::ConnectedClient helper(client(Signed::teamA, "dev.ostrel.helper"), dir.path());
-    EXPECT_THAT(PeerVetting(clientRequirement(teamA.team())).check(helper.fd()).reason,
+    EXPECT_THAT(PeerVetting(clientRequirement(teamA.team()), platform::realProcessAccess())
+                    .check(helper.fd())
+                    .reason,
                 HasSubstr("signed as \"dev.ostrel.helper\", which is not accepted"));
 }
 

@@ -6,6 +6,7 @@
 
 namespace {
 
+using ostrel::text::printable;
 using ostrel::text::utf8Repaired;
 
 TEST(Utf8Repaired, KeepsValidTextAndReplacesEachBadByte) {
@@ -18,6 +19,14 @@ TEST(Utf8Repaired, KeepsValidTextAndReplacesEachBadByte) {
     EXPECT_EQ(utf8Repaired("\xED\xA0\x80"), r + r + r);          // a surrogate
     EXPECT_EQ(utf8Repaired("\xF4\x90\x80\x80"), r + r + r + r);  // above U+10FFFF
     EXPECT_EQ(utf8Repaired(std::string("a\0b", 3)), std::string("a\0b", 3));
+}
+
+TEST(Printable, EscapesEveryControlCharacterAndTheBackslash) {
+    EXPECT_EQ(printable("Left side \u00b0C"), "Left side \u00b0C");
+    EXPECT_EQ(printable("\x1b]0;owned\x07x\ny\x7f"), "\\x1b]0;owned\\x07x\\x0ay\\x7f");
+    EXPECT_EQ(printable("a\u009b2Jb\u00a0"), "a\\u009b2Jb\u00a0") << "C1 escaped, U+00A0 kept";
+    EXPECT_EQ(printable("C:\\x1b"), "C:\\\\x1b") << "a literal backslash stays distinguishable";
+    EXPECT_EQ(printable("\xC2"), "\uFFFD");
 }
 
 }  // namespace

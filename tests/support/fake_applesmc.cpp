@@ -1,5 +1,7 @@
 #include "support/fake_applesmc.h"
 
+#include <algorithm>
+
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -82,6 +84,9 @@ class FakeApplesmc::Opener final : public platform::Sysfs {
         return driver.write(path, text, *this);
     }
     platform::LockResult lockExclusive(const std::string &path) override {
+        if (uid != 0) {
+            return {EACCES, nullptr};
+        }
         return driver.lock(path);
     }
 
@@ -111,6 +116,11 @@ FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string 
 
 std::unique_ptr<platform::Sysfs> FakeApplesmc::opener(unsigned uid) {
     return std::make_unique<Opener>(*this, uid, false);
+}
+
+void FakeApplesmc::grantSelector(unsigned uid) {
+    std::lock_guard guard(mutex_);
+    selectorUsers_.push_back(uid);
 }
 
 std::unique_ptr<platform::Sysfs> FakeApplesmc::rogue() {
@@ -271,7 +281,10 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
         }
         return error;
     }
-    if (writing && (!writable || who.uid != 0)) {
+    bool granted =
+        attribute == "key_at_index" &&
+        std::find(selectorUsers_.begin(), selectorUsers_.end(), who.uid) != selectorUsers_.end();
+    if (writing && (!writable || (who.uid != 0 && !granted))) {
         return EACCES;
     }
     return 0;
@@ -319,7 +332,7 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
     if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
         std::vector<std::uint8_t> bytes;
         if (variant_ == Variant::mainline) {
-            if (int error = readKey(smc_fourcc("FS! "), 2, bytes)) {
+            if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
                 return error;
             }
             unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
@@ -374,13 +387,13 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
             return writeKey(fanKey(*fan - 1, "Md"), {static_cast<std::uint8_t>(*value & 1)});
         }
         std::vector<std::uint8_t> bytes;
-        if (int error = readKey(smc_fourcc("FS! "), 2, bytes)) {
+        if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
             return error;
         }
         unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
         unsigned bit = 1u << (*fan - 1);
         mask = *value != 0 ? (mask | bit) : (mask & ~bit);
-        return writeKey(smc_fourcc("FS! "),
+        return writeKey(csmc::kForceMaskKey,
                         {static_cast<std::uint8_t>(mask >> 8), static_cast<std::uint8_t>(mask)});
     }
     if (*value >= kSpeedLimit) {

@@ -44,9 +44,11 @@ class FakeApplesmc {
     const std::string &device() const { return device_; }
 
     // A process using the driver's files as `uid` (0 is root). The lock it offers is
-    // shared by all openers of this driver and works for every uid. The opener must not
-    // outlive the driver.
+    // shared by all openers of this driver and, like the real lock file (mode 0600, root's),
+    // refuses every uid but root with EACCES. The opener must not outlive the driver.
     std::unique_ptr<platform::Sysfs> opener(unsigned uid = 0);
+    // An administrator let `uid` write the selector (a udev rule on key_at_index).
+    void grantSelector(unsigned uid);
     // A root process that moves the selector without the lock: the driver neither checks
     // its selector use nor runs the access hook for it.
     std::unique_ptr<platform::Sysfs> rogue();
@@ -109,6 +111,7 @@ class FakeApplesmc {
     std::map<std::string, std::pair<int, unsigned>> faults_;  // attribute -> errno, times
     std::function<void(const std::string &)> afterAccess_;
     std::size_t unlockedSelectorUses_ = 0;
+    std::vector<unsigned> selectorUsers_;
     std::size_t accesses_ = 0;
     std::string lockPath_;
     bool locked_ = false;

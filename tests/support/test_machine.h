@@ -19,7 +19,7 @@ inline vsmc::Machine machineFromRows(const std::string &rows, const std::string 
 }
 
 inline vsmc::Machine builtinMachine(const std::string &name) {
-    return vsmc::Machine(vsmc::loadProfile(name));
+    return vsmc::Machine(vsmc::builtinProfile(name));
 }
 
 // A virtual SMC that, like real hardware, publishes nothing but its key table: the model,

@@ -275,7 +275,7 @@ TEST(Determinism, ARunDependsOnlyOnProfileScenarioAndSeed) {
         "at 0 cpu 0.1\nat 20 cpu 1 gpu 0.7 over 10\nat 200 power battery\nat 300 cpu 0.2 over 30\n",
         "s");
     auto run = [&](std::uint64_t seed, double slice) {
-        Machine machine(loadProfile("macbookpro10-1"), seed);
+        Machine machine(builtinProfile("macbookpro10-1"), seed);
         machine.play(scenario);
         for (double t = 0; t < 400 - 1e-9; t += slice) {
             machine.advance(slice);

@@ -1,29 +1,24 @@
-// The ostrel-vsmc process and the channel's vsmc transport: a real server on a temporary
-// socket, several clients, privilege, faults, garbage, a dead server, and `ctl`.
+// The virtual Mac's server with the channel's vsmc transport and `ctl`: in-process on a
+// temporary socket with a fake clock (several clients, privilege, faults, garbage,
+// abuse, time), and the ostrel-vsmc process itself for start-up and shutdown.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstring>
-#include <filesystem>
 #include <sstream>
-#include <thread>
 
 #include "app.h"
-#include "csmc/smc.h"
 #include "csmc/vsmc_transport.h"
-#include "ostrel/json.h"
-#include "ostrel/platform/environment.h"
+#include "ostrel/platform/json.h"
+#include "ostrel/vsmc/server.h"
+#include "ostrel/vsmc/virtual_mac.h"
+#include "support/io_thread.h"
+#include "support/temp_dir.h"
 #include "support/test_machine.h"
 
 extern char **environ;
@@ -31,16 +26,20 @@ extern char **environ;
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
-namespace fs = std::filesystem;
-
+using ostrel::platform::FakeClock;
+using ostrel::test::closedByPeer;
+using ostrel::test::rawSocket;
 using ostrel::test::writeNumber;
+using ostrel::vsmc::Server;
+using ostrel::vsmc::VirtualMac;
+using testing::HasSubstr;
 
 // A connection on the vsmc transport; closed with the object.
 class Client {
   public:
-    explicit Client(const std::string &socket) {
-        csmc::OpenedTransport opened = csmc::openTransport("vsmc:" + socket);
+    Client(const std::string &socket, ostrel::platform::Clock &clock,
+           std::chrono::milliseconds timeout = csmc::VsmcTransport::kDefaultTimeout) {
+        csmc::OpenedTransport opened = csmc::VsmcTransport::open(socket, clock, timeout);
         status_ = opened.status;
         detail_ = opened.detail;
         if (opened.status == SMC_OK) {
@@ -59,6 +58,10 @@ class Client {
         EXPECT_EQ(smc_read_double(conn_, smc_fourcc(key), &value), SMC_OK) << key;
         return value;
     }
+    std::int32_t tryRead(const char *key) {
+        double ignored = 0;
+        return smc_read_double(conn_, smc_fourcc(key), &ignored);
+    }
     nlohmann::json call(const nlohmann::json &request) {
         auto reply = transport_->call(request);
         EXPECT_TRUE(reply.has_value());
@@ -72,108 +75,53 @@ class Client {
     std::string detail_;
 };
 
-// Polls until `done` holds or the deadline passes; never a fixed wait.
-template <typename Predicate>
-bool eventually(Predicate done, std::chrono::milliseconds limit = 10s) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
+// A server on a temporary socket, run on its own thread, with a clock the test moves.
+class VsmcServer : public testing::Test {
+  protected:
+    void serve(const std::string &profile, double speed = 0,
+               ostrel::platform::UnixServerLimits limits = Server::defaultLimits()) {
+        mac.emplace(ostrel::vsmc::builtinProfile(profile), 0, speed);
+        server = io.run([&] {
+            return std::make_unique<Server>(io.io, *mac, socket, ostrel::platform::realFiles(),
+                                            clock, 100ms, limits);
+        });
     }
-    return true;
-}
-
-bool connects(const std::string &path) {
-    return csmc::VsmcTransport::open(path).status == SMC_OK;
-}
-
-// A running ostrel-vsmc process on a socket in a temporary directory.
-class ServerProcess {
-  public:
-    explicit ServerProcess(std::vector<std::string> extra = {},
-                           std::string profile = "macbookpro18-2")
-        : dir_(fs::temp_directory_path() /
-               ("vsmc-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter_++))) {
-        fs::create_directories(dir_);
-        socket_ = (dir_ / "vsmc.sock").string();
-        std::vector<std::string> args = {OSTREL_VSMC_BINARY, "--profile", profile, "--socket",
-                                         socket_};
-        args.insert(args.end(), extra.begin(), extra.end());
-        pid_ = spawn(args, (dir_ / "out.txt").string());
-        EXPECT_TRUE(eventually([&] { return connects(socket_); })) << "server did not come up";
-    }
-    ~ServerProcess() {
-        stop();
-        fs::remove_all(dir_);
+    void TearDown() override {
+        io.run([&] { server.reset(); });
     }
 
-    static pid_t spawn(const std::vector<std::string> &args, const std::string &output) {
-        std::vector<char *> argv;
+    // Runs `ostrel-vsmc ctl ARGS` in-process on this server.
+    struct Ran {
+        int status;
+        std::string out;
+        std::string err;
+    };
+    Ran ctl(std::vector<std::string> args, std::string on = "") {
+        args.insert(args.begin(), {"ostrel-vsmc", "ctl", "--socket", on.empty() ? socket : on});
+        std::vector<const char *> argv;
         for (const std::string &a : args) {
-            argv.push_back(const_cast<char *>(a.c_str()));
+            argv.push_back(a.c_str());
         }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        return pid;
+        std::ostringstream out;
+        std::ostringstream err;
+        ostrel::vsmc::app::Context context{&out, &err, &ostrel::platform::realFiles(), &environment,
+                                           &ostrel::platform::realClock()};
+        int status = ostrel::vsmc::app::run(static_cast<int>(argv.size()), argv.data(), context);
+        return {status, out.str(), err.str()};
     }
 
-    // Stops the server with SIGTERM; its exit status.
-    int stop() {
-        if (pid_ <= 0) {
-            return exit_;
-        }
-        ::kill(pid_, SIGTERM);
-        int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = -1;
-        exit_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return exit_;
-    }
-
-    const std::string &socket() const { return socket_; }
-    fs::path dir() const { return dir_; }
-
-  private:
-    static inline int counter_ = 0;
-    fs::path dir_;
-    std::string socket_;
-    pid_t pid_ = -1;
-    int exit_ = -1;
+    ostrel::test::TempDir dir;
+    std::string socket = dir.path() + "/run/vsmc.sock";
+    ostrel::platform::FakeEnvironment environment;
+    FakeClock clock;
+    std::optional<VirtualMac> mac;
+    ostrel::test::IoThread io;
+    std::unique_ptr<Server> server;
 };
 
-// Runs `ostrel-vsmc ARGS` in-process; exit status, with standard output and error.
-struct Ran {
-    int status;
-    std::string out;
-    std::string err;
-};
-Ran ctl(const std::string &socket, std::vector<std::string> args) {
-    args.insert(args.begin(), {"ostrel-vsmc", "ctl", "--socket", socket});
-    std::vector<const char *> argv;
-    for (const std::string &a : args) {
-        argv.push_back(a.c_str());
-    }
-    std::ostringstream out;
-    std::ostringstream err;
-    ostrel::vsmc::app::Context context = ostrel::vsmc::app::defaultContext();
-    context.out = &out;
-    context.err = &err;
-    int status = ostrel::vsmc::app::run(static_cast<int>(argv.size()), argv.data(), context);
-    return {status, out.str(), err.str()};
-}
-
-TEST(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocket) {
-    ServerProcess server({"--speed", "0"});
-    Client client(server.socket());
+TEST_F(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocket) {
+    serve("macbookpro18-2");
+    Client client(socket, clock);
     ASSERT_EQ(client.status(), SMC_OK);
     std::uint32_t count = 0;
     ASSERT_EQ(smc_key_count(client.get(), &count), SMC_OK);
@@ -184,8 +132,7 @@ TEST(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocket) {
     EXPECT_EQ(client.read("F0Mx"), 5348);
     EXPECT_EQ(writeNumber(client.get(), "Ftst", 1), SMC_OK) << "tests run as root";
     EXPECT_EQ(client.read("Ftst"), 1);
-    double ignored = 0;
-    EXPECT_EQ(smc_read_double(client.get(), smc_fourcc("NOPE"), &ignored), SMC_ENOKEY);
+    EXPECT_EQ(client.tryRead("NOPE"), SMC_ENOKEY);
 
     EXPECT_EQ(client.transport().modelIdentifier(), "MacBookPro18,2");
     auto sensors = client.transport().temperatureSensors();
@@ -194,14 +141,13 @@ TEST(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocket) {
     auto battery = client.transport().batteryProperties();
     ASSERT_TRUE(battery && battery->is_object());
     EXPECT_EQ((*battery)["MaxCapacity"], 100);
-    EXPECT_EQ(server.stop(), 0);
-    EXPECT_FALSE(fs::exists(server.socket())) << "the socket goes with the server";
+    EXPECT_EQ(client.call({{"call", "warp"}})["error"], "unknown call 'warp'");
 }
 
-TEST(VsmcServer, SeveralClientsSeeOneMachine) {
-    ServerProcess server({"--speed", "0"}, "macbookpro16-1");
-    Client a(server.socket());
-    Client b(server.socket());
+TEST_F(VsmcServer, SeveralClientsSeeOneMachine) {
+    serve("macbookpro16-1");
+    Client a(socket, clock);
+    Client b(socket, clock);
     ASSERT_EQ(writeNumber(a.get(), "F1Md", 1), SMC_OK);
     ASSERT_EQ(writeNumber(a.get(), "F1Tg", 3000), SMC_OK);
     EXPECT_EQ(b.read("F1Md"), 1);
@@ -224,22 +170,22 @@ TEST(VsmcServer, SeveralClientsSeeOneMachine) {
     EXPECT_EQ(failures, 0) << "one connection shared by threads";
     b.call({{"call", "advance"}, {"seconds", 30}});
     EXPECT_NEAR(a.read("F1Ac"), 3000, 20);
-    auto status = a.call({{"call", "status"}});
-    EXPECT_EQ(status["status"]["writes"]["count"], 2);
+    EXPECT_EQ(a.call({{"call", "status"}})["status"]["writes"]["count"], 2);
 }
 
-TEST(VsmcServer, RefusesWritesFromAPeerThatIsNotRoot) {
+TEST_F(VsmcServer, RefusesWritesFromAPeerThatIsNotRoot) {
     if (::getuid() != 0) {
         GTEST_SKIP() << "needs root to drop to another user";
     }
-    ServerProcess server({"--speed", "0"});
+    serve("macbookpro18-2");
+    ::chmod(dir.path().c_str(), 0755);  // the socket must be reachable for that user
     pid_t child = ::fork();
     if (child == 0) {
         // The child reports through its exit status: 0 when everything held.
         if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
             ::_exit(10);
         }
-        Client client(server.socket());
+        Client client(socket, ostrel::platform::realClock());
         double value = 0;
         int code = client.status() != SMC_OK                                             ? 11
                    : writeNumber(client.get(), "Ftst", 1) != SMC_ENOTPRIVILEGED          ? 12
@@ -252,63 +198,40 @@ TEST(VsmcServer, RefusesWritesFromAPeerThatIsNotRoot) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    Client root(server.socket());
+    Client root(socket, clock);
     auto writes = root.call({{"call", "status"}})["status"]["writes"]["recent"];
     ASSERT_EQ(writes.size(), 1u);
     EXPECT_EQ(writes[0]["privileged"], false);
     EXPECT_EQ(writes[0]["kern"], SMC_KERN_NOT_PRIVILEGED);
 }
 
-TEST(VsmcServer, InjectedFaultsReachTheChannel) {
-    ServerProcess server({"--speed", "0"}, "macbookpro10-1");
-    Client client(server.socket());
+TEST_F(VsmcServer, InjectedFaultsReachTheChannel) {
+    serve("macbookpro10-1");
+    Client client(socket, clock);
     client.read("F0Mx");
     EXPECT_EQ(client.call({{"call", "fault"},
                            {"key", "F0Mx"},
                            {"command", "read"},
                            {"kern", SMC_KERN_IO_ERROR}})["ok"],
               true);
-    double value = 0;
-    EXPECT_EQ(smc_read_double(client.get(), smc_fourcc("F0Mx"), &value),
-              static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
-    EXPECT_EQ(smc_read_double(client.get(), smc_fourcc("F0Mx"), &value), SMC_OK);
+    EXPECT_EQ(client.tryRead("F0Mx"), static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
+    EXPECT_EQ(client.tryRead("F0Mx"), SMC_OK);
 
-    ASSERT_EQ(ctl(server.socket(), {"refuse", "FS!", "--times", "2"}).status, 0);
+    ASSERT_EQ(ctl({"refuse", "FS!", "--times", "2"}).status, 0);
     EXPECT_EQ(writeNumber(client.get(), "FS! ", 1), SMC_EFIRMWARE);
     EXPECT_EQ(writeNumber(client.get(), "FS! ", 1), SMC_EFIRMWARE);
     EXPECT_EQ(writeNumber(client.get(), "FS! ", 1), SMC_OK);
 
     client.read("TC0P");  // its information is now cached
-    ASSERT_EQ(ctl(server.socket(), {"vanish", "TC0P"}).status, 0);
-    EXPECT_EQ(smc_read_double(client.get(), smc_fourcc("TC0P"), &value), SMC_ENOKEY);
-    ASSERT_EQ(ctl(server.socket(), {"restore", "TC0P"}).status, 0);
-    EXPECT_EQ(smc_read_double(client.get(), smc_fourcc("TC0P"), &value), SMC_OK);
+    ASSERT_EQ(ctl({"vanish", "TC0P"}).status, 0);
+    EXPECT_EQ(client.tryRead("TC0P"), SMC_ENOKEY);
+    ASSERT_EQ(ctl({"restore", "TC0P"}).status, 0);
+    EXPECT_EQ(client.tryRead("TC0P"), SMC_OK);
 }
 
-// A Unix stream socket connected to `path` (or, with `bound`, bound to it).
-int rawSocket(const std::string &path, bool bound = false) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    auto *raw = reinterpret_cast<sockaddr *>(&address);
-    EXPECT_EQ(bound ? ::bind(fd, raw, sizeof address) : ::connect(fd, raw, sizeof address), 0);
-    return fd;
-}
-
-bool closedByPeer(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, 10000) != 1) {
-        return false;
-    }
-    // Closed with our bytes unread, the peer's kernel resets the connection.
-    char byte = 0;
-    return ::recv(fd, &byte, 1, 0) <= 0;
-}
-
-TEST(VsmcServer, GarbageAndOversizedFramesCloseOnlyTheirConnection) {
-    ServerProcess server({"--speed", "0"});
-    Client bystander(server.socket());
+TEST_F(VsmcServer, GarbageAndOversizedFramesCloseOnlyTheirConnection) {
+    serve("macbookpro18-2");
+    Client bystander(socket, clock);
     const std::vector<std::string> frames = {
         "hello, is this the SMC?\n",
         std::string("VM\x02\x00\xff\xff\xff\x7f", 8),                       // a call of 2 GiB
@@ -317,83 +240,104 @@ TEST(VsmcServer, GarbageAndOversizedFramesCloseOnlyTheirConnection) {
         std::string("VM\x81\x00\x54\x00\x00\x00", 8),                       // a reply kind
     };
     for (const std::string &frame : frames) {
-        int fd = rawSocket(server.socket());
-        ASSERT_EQ(::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(frame.size()));
+        int fd = rawSocket(socket);
+        ASSERT_TRUE(ostrel::test::sendAll(fd, frame));
         EXPECT_TRUE(closedByPeer(fd)) << testing::PrintToString(frame);
         ::close(fd);
     }
     EXPECT_EQ(bystander.read("F0Mx"), 5348);
-    EXPECT_EQ(bystander.call({{"call", "warp"}})["error"], "unknown call 'warp'");
 }
 
-TEST(VsmcTransport, ADeadOrSilentServerGivesAKernelCodeAndNoHang) {
-    auto server = std::make_unique<ServerProcess>(std::vector<std::string>{"--speed", "0"});
-    Client client(server->socket());
-    EXPECT_EQ(client.read("F0Mx"), 5348);
-    server->stop();
-    double value = 0;
-    EXPECT_EQ(smc_read_double(client.get(), smc_fourcc("F0Mx"), &value),
-              static_cast<std::int32_t>(SMC_KERN_NOT_RESPONDING));
-    EXPECT_FALSE(client.transport().modelIdentifier().has_value());
+TEST_F(VsmcServer, ClaimedLengthsCostNothingAndStalledFramesAreClosed) {
+    serve("macbookpro18-2");
+    Client bystander(socket, clock);
+    bystander.read("F0Mx");
+    // Each announces a 1 MiB call and sends none of it. The server keeps what arrived
+    // (eight bytes each) and turns away those past its connection limit.
+    std::vector<int> greedy;
+    for (int i = 0; i < 200; ++i) {
+        greedy.push_back(rawSocket(socket));
+        ostrel::test::sendAll(greedy.back(), std::string("VM\x02\x00\x00\x00\x10\x00", 8));
+    }
+    auto held = [&] {
+        return io.run([&] {
+            return std::pair(server->listener().connections(), server->listener().bufferedBytes());
+        });
+    };
+    std::size_t limit = Server::defaultLimits().maxConnections;
+    for (int spins = 0; spins < 100000 && held().second < (limit - 1) * 8; ++spins) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(held(), std::pair(limit, (limit - 1) * 8));
+    EXPECT_TRUE(closedByPeer(greedy.back())) << "past the limit: turned away";
 
-    // Something that accepts connections but never answers.
-    std::string path = (server->dir() / "silent.sock").string();
+    clock.advance(Server::defaultLimits().messageTimeout);
+    io.run([&] { server->listener().closeExpired(); });
+    EXPECT_TRUE(closedByPeer(greedy.front())) << "a frame left unfinished too long";
+    EXPECT_EQ(held(), std::pair(std::size_t{1}, std::size_t{0}));
+    for (int fd : greedy) {
+        ::close(fd);
+    }
+    EXPECT_EQ(bystander.read("F0Mx"), 5348) << "idle, not stalled: still served";
+}
+
+TEST_F(VsmcServer, IdleConnectionsAreClosedAndClientsDialAgainUnnoticed) {
+    serve("macbookpro18-2");
+    Client client(socket, clock);
+    EXPECT_EQ(client.read("F0Mx"), 5348);
+    clock.advance(Server::defaultLimits().idleTimeout);
+    io.run([&] { server->listener().closeExpired(); });
+    EXPECT_EQ(io.run([&] { return server->listener().connections(); }), 0u);
+    EXPECT_EQ(client.read("F0Mx"), 5348);
+}
+
+TEST_F(VsmcServer, ItsClockRunsAtTheGivenSpeedAndSleepsWhenPaused) {
+    serve("macbookpro10-1", 200);
+    Client client(socket, clock);
+    auto simulated = [&] { return client.call({{"call", "status"}})["status"]["time"]; };
+    EXPECT_TRUE(io.run([&] { return server->clockRunning(); }));
+    clock.advance(500ms);
+    io.run([&] { server->catchUp(); });
+    EXPECT_NEAR(simulated().get<double>(), 100, 0.11);
+
+    clock.advance(1s);
+    ASSERT_EQ(ctl({"speed", "0"}).status, 0);
+    EXPECT_NEAR(simulated().get<double>(), 300, 0.11) << "time before the call ran at 200";
+    EXPECT_FALSE(io.run([&] { return server->clockRunning(); }));
+    clock.advance(10s);
+    client.call({{"call", "advance"}, {"seconds", 10}});
+    EXPECT_NEAR(simulated().get<double>(), 310, 0.11);
+}
+
+TEST_F(VsmcServer, ADeadOrSilentServerGivesAKernelCodeAndNoHang) {
+    serve("macbookpro18-2");
+    Client client(socket, clock);
+    EXPECT_EQ(client.read("F0Mx"), 5348);
+    io.run([&] { server.reset(); });
+    EXPECT_EQ(client.tryRead("F0Mx"), static_cast<std::int32_t>(SMC_KERN_NOT_RESPONDING));
+    EXPECT_THAT(smc_error_detail(), HasSubstr("the virtual Mac at " + socket + ": "));
+
+    // Something that accepts connections but never answers, as a stopped (Ctrl-Z) server
+    // does: opening says so instead of every request waiting out the time-out (none here).
+    std::string path = dir.path() + "/silent.sock";
     int listener = rawSocket(path, true);
     ASSERT_EQ(::listen(listener, 4), 0);
-    csmc::OpenedTransport silent = csmc::VsmcTransport::open(path, 50ms);
-    ASSERT_EQ(silent.status, SMC_OK);
-    smc_param in{};
-    smc_param out{};
-    in.command = SMC_CMD_READ;
-    EXPECT_EQ(silent.transport->exchange(in, out), SMC_KERN_NOT_RESPONDING);
+    Client silent(path, clock, 0ms);
+    EXPECT_EQ(silent.status(), SMC_ENOSERVICE);
+    EXPECT_THAT(silent.detail(), HasSubstr("accepted the connection but did not answer within"));
     ::close(listener);
+
+    std::string none = dir.path() + "/none.sock";
+    EXPECT_EQ(Client(none, clock).detail(),
+              "no virtual Mac answers at " + none +
+                  " (no such socket); start one with: ostrel-vsmc --profile NAME --socket " + none);
 }
 
-TEST(VsmcTransport, NoServerAtOpenIsNoServiceWithTheReason) {
-    csmc::OpenedTransport none = csmc::openTransport("vsmc:/nonexistent/vsmc.sock");
-    EXPECT_EQ(none.status, SMC_ENOSERVICE);
-    EXPECT_THAT(none.detail, HasSubstr("no virtual Mac answers at /nonexistent/vsmc.sock"));
-    EXPECT_EQ(csmc::openTransport("vsmc:").status, SMC_ENOSERVICE);
-}
-
-TEST(VsmcServer, ItsClockRunsAtTheGivenSpeed) {
-    ServerProcess server({"--speed", "200"}, "macbookpro10-1");
-    Client client(server.socket());
-    auto simulated = [&] { return client.call({{"call", "status"}})["status"]["time"]; };
-    EXPECT_TRUE(eventually([&] { return simulated().get<double>() > 20; }));
-    ASSERT_EQ(ctl(server.socket(), {"speed", "0"}).status, 0);
-    double paused = simulated();
-    client.call({{"call", "advance"}, {"seconds", 10}});
-    EXPECT_NEAR(simulated().get<double>(), paused + 10, 0.11);
-}
-
-TEST(VsmcServer, KeepsItsSocketFromASecondServerAndReplacesAStaleOne) {
-    ServerProcess server({"--speed", "0"});
-    std::string output = (server.dir() / "second.txt").string();
-    pid_t second = ServerProcess::spawn(
-        {OSTREL_VSMC_BINARY, "--profile", "macbookpro10-1", "--socket", server.socket()}, output);
-    int status = 0;
-    ::waitpid(second, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_TRUE(connects(server.socket()));
-
-    // A socket file left behind by a server that died.
-    std::string stale = (server.dir() / "stale.sock").string();
-    ::close(rawSocket(stale, true));
-    pid_t third = ServerProcess::spawn(
-        {OSTREL_VSMC_BINARY, "--profile", "macbookpro10-1", "--socket", stale}, output);
-    EXPECT_TRUE(eventually([&] { return connects(stale); }));
-    ::kill(third, SIGTERM);
-    ::waitpid(third, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
-TEST(VsmcCtl, StatusJsonListsTheDocumentedMembersInOrder) {
-    ServerProcess server({"--speed", "0"}, "macpro7-1");
-    ASSERT_EQ(ctl(server.socket(), {"load", "--cpu", "1", "--gpu", "0.5"}).status, 0);
-    ASSERT_EQ(ctl(server.socket(), {"advance", "60"}).status, 0);
-    Ran ran = ctl(server.socket(), {"status", "--json"});
+TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrder) {
+    serve("macpro7-1");
+    ASSERT_EQ(ctl({"load", "--cpu", "1", "--gpu", "0.5"}).status, 0);
+    ASSERT_EQ(ctl({"advance", "60"}).status, 0);
+    Ran ran = ctl({"status", "--json"});
     ASSERT_EQ(ran.status, 0) << ran.err;
     ostrel::Json status = ostrel::Json::parse(ran.out);
     std::vector<std::string> names;
@@ -405,39 +349,90 @@ TEST(VsmcCtl, StatusJsonListsTheDocumentedMembersInOrder) {
                                     "scenario", "temperatures", "hottestCpu", "power", "fanControl",
                                     "testKey", "unlockRefusalsLeft", "fans", "battery", "writes",
                                     "exchanges", "faults", "vanished", "speed", "profile"));
-    EXPECT_EQ(status["model"], "MacPro7,1");
     EXPECT_EQ(status["time"], 60.0);
     EXPECT_EQ(status["fans"].size(), 4u);
     EXPECT_TRUE(status["battery"].is_null());
-    EXPECT_EQ(status["temperatures"]["battery"], nullptr);
     EXPECT_GT(status["temperatures"]["cpu"].get<double>(), 45);
 
-    Ran human = ctl(server.socket(), {"status"});
+    Ran human = ctl({"status"});
     EXPECT_THAT(human.out, HasSubstr("MacPro7,1  t=60.0 s"));
     EXPECT_THAT(human.out, HasSubstr("fan 3"));
 }
 
-TEST(VsmcCtl, BadArgumentsAreUsageErrorsAndRefusedCallsFailures) {
-    ServerProcess server({"--speed", "0"});
-    EXPECT_EQ(ctl(server.socket(), {"load", "--cpu", "2"}).status, 2);
-    EXPECT_EQ(ctl(server.socket(), {"fail", "--result", "0x100"}).status, 2);
-    Ran vanish = ctl(server.socket(), {"vanish", "NOPE"});
+TEST_F(VsmcServer, CtlBadArgumentsAreUsageErrorsAndRefusedCallsFailures) {
+    serve("macbookpro18-2");
+    EXPECT_EQ(ctl({"load", "--cpu", "2"}).status, 2);
+    EXPECT_EQ(ctl({"fail", "--result", "0x100"}).status, 2);
+    EXPECT_EQ(ctl({"scenario"}).status, 2);
+    Ran vanish = ctl({"vanish", "NOPE"});
     EXPECT_EQ(vanish.status, 1);
     EXPECT_THAT(vanish.err, HasSubstr("no such key"));
-    Ran limits = ctl(server.socket(), {"limits", "5", "1", "2"});
+    Ran limits = ctl({"limits", "5", "1", "2"});
     EXPECT_EQ(limits.status, 1);
     EXPECT_THAT(limits.err, HasSubstr("no fan 5 (the machine has 2)"));
-    Ran missing = ctl((server.dir() / "none.sock").string(), {"status"});
+    Ran missing = ctl({"status"}, dir.path() + "/none.sock");
     EXPECT_EQ(missing.status, 1);
     EXPECT_THAT(missing.err, HasSubstr("no virtual Mac answers at"));
 
-    std::string file = (server.dir() / "bad.scenario").string();
-    FILE *f = std::fopen(file.c_str(), "w");
-    std::fputs("at 0 cpu 7\n", f);
-    std::fclose(f);
-    Ran scenario = ctl(server.socket(), {"scenario", file});
+    Ran scenario = ctl({"scenario", dir.put("bad.scenario", "at 0 cpu 7\n")});
     EXPECT_EQ(scenario.status, 1);
     EXPECT_THAT(scenario.err, HasSubstr("bad.scenario:1: cpu load '7'"));
+}
+
+// The ostrel-vsmc process: started, its announcement read from its output (which comes
+// once it listens), stopped with a signal.
+class VsmcProcess : public testing::Test {
+  protected:
+    // Starts `ostrel-vsmc ARGS`; its first line of output, or "" when it printed none.
+    std::string start(std::vector<std::string> args) {
+        args.insert(args.begin(), OSTREL_VSMC_BINARY);
+        std::vector<char *> argv;
+        for (std::string &a : args) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+        int pipe[2];
+        EXPECT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipe[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, pipe[1], 2);
+        EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(pipe[1]);
+        std::string line;
+        char c = 0;
+        while (::read(pipe[0], &c, 1) == 1 && c != '\n') {
+            line += c;
+        }
+        ::close(pipe[0]);
+        return line;
+    }
+    int stop(int signal = SIGTERM) {
+        ::kill(pid, signal);
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    ostrel::test::TempDir dir;
+    std::string socket = dir.path() + "/vsmc.sock";
+    pid_t pid = -1;
+};
+
+TEST_F(VsmcProcess, ServesUntilTerminatedKeepsItsSocketAndTakesItAlong) {
+    ::close(rawSocket(socket, true));  // left behind by a server that died: replaced
+    EXPECT_EQ(start({"--profile", "macbookpro16-1", "--socket", socket, "--speed", "0"}),
+              "ostrel-vsmc: MacBookPro16,1 (builtin:macbookpro16-1) on " + socket + ", speed 0");
+    pid_t first = pid;
+    EXPECT_EQ(start({"--profile", "macbookpro10-1", "--socket", socket}),
+              "ostrel-vsmc: a virtual Mac is already serving " + socket);
+    EXPECT_EQ(stop(0), 1);
+    pid = first;
+    Client client(socket, ostrel::platform::realClock());
+    EXPECT_EQ(client.transport().modelIdentifier(), "MacBookPro16,1");
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(::access(socket.c_str(), F_OK), -1) << "the socket goes with the server";
 }
 
 }  // namespace

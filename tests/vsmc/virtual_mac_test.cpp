@@ -11,7 +11,7 @@ using ostrel::Json;
 
 class VirtualMacCalls : public testing::Test {
   protected:
-    VirtualMac mac{loadProfile("macbookpro10-1"), 3, 2};
+    VirtualMac mac{builtinProfile("macbookpro10-1"), 3, 2};
 
     std::string error(const Json &request) {
         Json reply = mac.call(request);
@@ -37,19 +37,6 @@ TEST_F(VirtualMacCalls, RequestsThatCannotBeCarriedOutSayWhy) {
     EXPECT_EQ(error({{"call", "power"}, {"external", 1}}),
               "'external' must be true (adapter) or false (battery)");
     EXPECT_EQ(error({{"call", "restore"}, {"key", "TC0P"}}), "that key has not vanished");
-}
-
-TEST_F(VirtualMacCalls, RealTimeAdvancesTheMachineAtItsSpeed) {
-    mac.elapse(1.5);
-    EXPECT_DOUBLE_EQ(mac.machine().time(), 3);
-    EXPECT_EQ(mac.call({{"call", "speed"}, {"value", 0}})["ok"], true);
-    mac.elapse(10);
-    EXPECT_DOUBLE_EQ(mac.machine().time(), 3);
-    EXPECT_EQ(mac.call({{"call", "advance"}, {"seconds", 7}})["time"], 10.0);
-    Json status = mac.call({{"call", "status"}})["status"];
-    EXPECT_EQ(status["speed"], 0.0);
-    EXPECT_EQ(status["profile"], "builtin:macbookpro10-1");
-    EXPECT_EQ(status["seed"], 3);
 }
 
 TEST_F(VirtualMacCalls, FaultsAndLimitsChangeTheMachine) {

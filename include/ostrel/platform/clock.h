@@ -1,8 +1,13 @@
 // Time behind an interface: the real clocks, or a fake that tests move by hand. Nothing in
-// the project reads a clock or sleeps except through this.
+// the project reads a clock or sleeps except through this: library code is handed a Clock
+// by its executable's main, and the real implementations of the other interfaces (the
+// serial queue's timers) ask realClock(). Event loops may wake on their own timers, but
+// how much time has passed is always this interface's answer, so a test that moves a fake
+// clock decides what the code sees.
 #pragma once
 
 #include <chrono>
+#include <mutex>
 
 namespace ostrel::platform {
 
@@ -24,28 +29,47 @@ class Clock {
 Clock &realClock();
 
 // A clock that only moves when told to; sleeping moves it by the duration slept and
-// counts the sleeps. Not thread-safe.
+// counts the sleeps. Thread-safe, so a test may move it while a server thread reads it.
 class FakeClock final : public Clock {
   public:
     explicit FakeClock(WallTime start = WallTime(std::chrono::hours(24 * 365 * 56)))
         : wall_(start) {}
 
-    WallTime now() const override { return wall_; }
-    Monotonic monotonic() const override { return mono_; }
+    WallTime now() const override {
+        std::lock_guard guard(lock_);
+        return wall_;
+    }
+    Monotonic monotonic() const override {
+        std::lock_guard guard(lock_);
+        return mono_;
+    }
     void sleepFor(std::chrono::nanoseconds duration) override {
+        std::lock_guard guard(lock_);
         ++sleeps_;
         slept_ += duration;
-        advance(duration);
+        move(duration);
     }
 
     void advance(std::chrono::nanoseconds by) {
+        std::lock_guard guard(lock_);
+        move(by);
+    }
+    int sleeps() const {
+        std::lock_guard guard(lock_);
+        return sleeps_;
+    }
+    std::chrono::nanoseconds slept() const {
+        std::lock_guard guard(lock_);
+        return slept_;
+    }
+
+  private:
+    void move(std::chrono::nanoseconds by) {
         wall_ += std::chrono::duration_cast<WallTime::duration>(by);
         mono_ += std::chrono::duration_cast<Monotonic::duration>(by);
     }
-    int sleeps() const { return sleeps_; }
-    std::chrono::nanoseconds slept() const { return slept_; }
 
-  private:
+    mutable std::mutex lock_;
     WallTime wall_;
     Monotonic mono_{};
     int sleeps_ = 0;

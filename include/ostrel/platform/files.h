@@ -5,11 +5,15 @@
 #include <cstddef>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
 
 namespace ostrel::platform {
+
+// What a path names.
+enum class FileKind { none, regular, directory, socket, other };
 
 // What a change to the file system came to: success, or the step that failed, on which
 // path, and the system's reason (an errno value in the generic category).
@@ -30,12 +34,18 @@ struct FileResult {
 class Files {
   public:
     virtual ~Files() = default;
-    // The whole contents of the file, or nothing when it cannot be opened or read.
+    // The whole contents of the file, or nothing when it cannot be opened. A read that
+    // fails part-way ends the contents there: the bytes read before it are returned.
     virtual std::optional<std::string> read(const std::string &path) const = 0;
-    // Like read, but a file that holds more than `maxBytes` gives nothing as well, and no
-    // more than maxBytes + 1 bytes are ever held while finding out.
+    // Like read, but a file that holds more than `maxBytes`, or fails part-way, gives
+    // nothing as well, and no more than maxBytes + 1 bytes are ever held while finding out.
     virtual std::optional<std::string> readAtMost(const std::string &path,
                                                   std::size_t maxBytes) const = 0;
+    // Like readAtMost, for a file this process may trust: a regular file (not a link) that
+    // belongs to the calling user or to root and that neither its group nor others may
+    // write. Nothing for any other file, so a file another user planted is never read.
+    virtual std::optional<std::string> readOwn(const std::string &path,
+                                               std::size_t maxBytes) const = 0;
     // The names in a directory (no "." or ".."), sorted; nothing when it cannot be listed.
     virtual std::optional<std::vector<std::string>> list(const std::string &dir) const = 0;
     // Creates the directory and its missing parents, each one it creates with exactly `mode`
@@ -53,6 +63,11 @@ class Files {
                                    unsigned mode) const = 0;
     // Deletes the file; false when it did not exist or could not be removed.
     virtual bool remove(const std::string &path) const = 0;
+    // What is at `path`, a final symbolic link not followed (it is `other`); `none` when
+    // nothing is there or it cannot be examined.
+    virtual FileKind kind(const std::string &path) const = 0;
+    // Sets the permission bits (chmod).
+    virtual FileResult setMode(const std::string &path, unsigned mode) const = 0;
 };
 
 // The directory part of a path: "/a/b" for "/a/b/c", "/" for "/c", "." for "c".
@@ -68,22 +83,33 @@ class FakeFiles final : public Files {
     std::optional<std::string> read(const std::string &path) const override;
     std::optional<std::string> readAtMost(const std::string &path,
                                           std::size_t maxBytes) const override;
+    std::optional<std::string> readOwn(const std::string &path,
+                                       std::size_t maxBytes) const override;
     std::optional<std::vector<std::string>> list(const std::string &dir) const override;
     FileResult createDirectories(const std::string &dir, unsigned mode) const override;
     FileResult writeAtomic(const std::string &path, const std::string &contents,
                            unsigned mode) const override;
     bool remove(const std::string &path) const override;
+    FileKind kind(const std::string &path) const override;
+    FileResult setMode(const std::string &path, unsigned mode) const override;
 
     void put(const std::string &path, std::string contents) { files_[path] = std::move(contents); }
+    // A file that belongs to another user: read() gives it, readOwn() does not.
+    void putForeign(const std::string &path, std::string contents) {
+        put(path, std::move(contents));
+        foreign_.insert(path);
+    }
     // Makes writes fail with EROFS, as on a read-only file system.
     void setReadOnly(bool readOnly) { readOnly_ = readOnly; }
-    // The mode a file or directory was last given by writeAtomic or createDirectories.
+    // The mode a file or directory was last given by writeAtomic, createDirectories or
+    // setMode.
     std::optional<unsigned> mode(const std::string &path) const;
 
   private:
     mutable std::map<std::string, std::string> files_;
     mutable std::map<std::string, unsigned> dirs_;  // created directories and their modes
     mutable std::map<std::string, unsigned> modes_;
+    mutable std::set<std::string> foreign_;
     bool readOnly_ = false;
 };
 

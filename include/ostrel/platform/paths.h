@@ -17,7 +17,7 @@ namespace ostrel::platform {
 class Paths {
   public:
     // Reads OSTREL_ROOT (and the cache variables) from `env`, which must outlive the object.
-    explicit Paths(const Environment &env = processEnvironment()) : env_(env) {}
+    explicit Paths(const Environment &env) : env_(env) {}
 
     // OSTREL_ROOT without trailing slashes, or "" when unset.
     std::string root() const;
@@ -43,8 +43,10 @@ class Paths {
         "/opt/ostrel/", "/usr/lib/ostrel/", "/usr/local/lib/ostrel/", "/home/*/.local/lib/ostrel/"};
 
     // $XDG_CACHE_HOME/dev.ostrel/discovery-v2.txt when XDG_CACHE_HOME is set and absolute,
-    // else $HOME/.cache/dev.ostrel/discovery-v2.txt; HOME unset or empty falls back to the
-    // account's home directory, and failing that to /tmp.
+    // else HOME/.cache/dev.ostrel/discovery-v2.txt, where HOME is $HOME when it is set and
+    // not empty, else the account record's home directory, else $HOME as it is (empty)
+    // when it is set. With no HOME and no record: TMP/dev.ostrel-UID/discovery-v2.txt, TMP
+    // being $TMPDIR when absolute, else the system's (P_tmpdir), UID the user id.
     std::string discoveryCache() const;
 
   private:

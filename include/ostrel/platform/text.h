@@ -69,6 +69,12 @@ constexpr std::string_view trimBlanks(std::string_view text) {
 // U+10FFFF) becomes U+FFFD.
 std::string utf8Repaired(std::string_view bytes);
 
+// Text from outside (a profile, a cache file, the firmware) made safe to print on a
+// terminal: repaired as UTF-8, then every control character written as an escape (C0 and
+// DEL as \x1b, C1 as \u009b) and a backslash as two, so that a name can neither move
+// the cursor nor pass for another name.
+std::string printable(std::string_view bytes);
+
 // A decimal number that is the whole text ("63.4", "-127", "+2", "1e3"), or nothing.
 inline std::optional<double> parseNumber(std::string_view text) {
     if (!text.empty() && text.front() == '+') {

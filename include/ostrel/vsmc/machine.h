@@ -8,6 +8,7 @@
 // thread-safe; whoever shares one machine between threads serialises the calls.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <deque>
@@ -17,9 +18,10 @@
 #include <string_view>
 #include <vector>
 
+#include "csmc/keys.h"
 #include "csmc/smc.h"
 #include "csmc/transport.h"
-#include "ostrel/json.h"
+#include "ostrel/platform/json.h"
 #include "ostrel/vsmc/profile.h"
 #include "ostrel/vsmc/simulation.h"
 
@@ -83,9 +85,7 @@ enum class FanControlKind {
 // honoured). Any result other than 0 and 0x84 is a firmware refusal to the channel.
 inline constexpr std::uint8_t kResultModeLocked = 0x82;
 
-// A fan's key: "F", the index as an upper-case hexadecimal digit, then the suffix
-// (fanKey(10, "Md") is 'FAMd').
-std::uint32_t fanKey(std::size_t index, std::string_view suffix);
+using csmc::fanKey;
 
 // A planned failure: the next `times` exchanges that match get `kern` (when non-zero) or
 // else the result byte `result`, and have no other effect.
@@ -119,12 +119,13 @@ class Machine {
     void clearFaults() { faults_.clear(); }
     const std::deque<Fault> &faults() const { return faults_; }
 
-    // The journal of every exchange since construction or the last clearJournal().
+    // The latest exchanges since construction or the last clearJournal(): at least the
+    // last `limit` of them and never more than twice that (the oldest go first), so a
+    // machine that serves millions of reads holds a few megabytes of journal at most.
+    static constexpr std::size_t kJournalLimit = 10000;
     const std::vector<ExchangeRecord> &journal() const { return journal_; }
     void clearJournal();
-    // Keeps at most about `limit` journal records (the oldest go first); 0: no limit.
-    // A long-running server sets one so that the journal cannot grow without bound.
-    void setJournalLimit(std::size_t limit) { journalLimit_ = limit; }
+    void setJournalLimit(std::size_t limit) { journalLimit_ = std::max<std::size_t>(limit, 1); }
     // Exchanges per command since construction or the last clearJournal().
     std::uint64_t count(std::uint8_t command) const { return counts_[command]; }
     std::uint64_t totalExchanges() const;
@@ -204,7 +205,7 @@ class Machine {
     bool refuseUnprivilegedWrites_ = false;
     std::deque<Fault> faults_;
     std::vector<ExchangeRecord> journal_;
-    std::size_t journalLimit_ = 0;
+    std::size_t journalLimit_ = kJournalLimit;
     std::array<std::uint64_t, 256> counts_{};
     std::deque<WriteRecord> writes_;
     std::uint64_t writeCount_ = 0;

@@ -12,16 +12,23 @@
 #include <string_view>
 
 #include "csmc/transport.h"
+#include "csmc/transport_registry.h"
+#include "ostrel/platform/clock.h"
+#include "ostrel/platform/files.h"
+#include "ostrel/platform/paths.h"
+#include "ostrel/platform/sysfs.h"
 #include "ostrel/vsmc/machine.h"
 
 namespace ostrel::vsmc {
 
 class MemoryTransport final : public csmc::Transport {
   public:
-    // Serves `machine`, which must outlive the transport. When `guard` is given it is
-    // locked around each exchange, so connections on several threads can share a machine.
-    explicit MemoryTransport(Machine &machine, Caller caller = {}, std::mutex *guard = nullptr)
-        : machine_(machine), caller_(caller), guard_(guard) {}
+    // Serves `machine`, which must outlive the transport unless `owner` keeps it alive.
+    // When `guard` is given it is locked around each exchange, so connections on several
+    // threads can share a machine.
+    explicit MemoryTransport(Machine &machine, Caller caller = {}, std::mutex *guard = nullptr,
+                             std::shared_ptr<const void> owner = nullptr)
+        : machine_(machine), caller_(caller), guard_(guard), owner_(std::move(owner)) {}
 
     std::uint32_t exchange(const smc_param &in, smc_param &out) override;
     std::optional<std::string> modelIdentifier() override;
@@ -34,12 +41,21 @@ class MemoryTransport final : public csmc::Transport {
     Machine &machine_;
     Caller caller_;
     std::mutex *guard_;
+    std::shared_ptr<const void> owner_;
 };
 
-// A transport on the process-wide machine for a profile (a built-in name or a file path),
-// created on first use and kept for the life of the process. A profile that cannot be
-// loaded gives SMC_ENOSERVICE (no such profile) or SMC_EOPEN (it does not parse), with
-// the reason in `detail`.
-csmc::OpenedTransport openSharedMachine(std::string_view profile);
+// Registers "memory:PROFILE" (a built-in name or a file read through `files`, which must
+// outlive the registry). All connections the registry opens on one profile share one
+// machine, made on first use and kept while the registry or a connection on it lives. A
+// profile that cannot be loaded gives SMC_ENOSERVICE (no such profile) or SMC_EOPEN (it
+// does not parse), with the reason in `detail`.
+void addMemoryTransport(csmc::TransportRegistry &registry, const platform::Files &files);
+
+// Every transport there is, as the CLI and the tests offer them: memory:PROFILE (profile
+// files through `files`), vsmc:SOCKET (timed by `clock`) and applesmc[:DIR] (through
+// `sysfs`, under the root `paths` gives), which is also the platform default. Everything
+// passed in must outlive the registry.
+void addAllTransports(csmc::TransportRegistry &registry, const platform::Files &files,
+                      platform::Clock &clock, platform::Sysfs &sysfs, platform::Paths paths);
 
 }  // namespace ostrel::vsmc

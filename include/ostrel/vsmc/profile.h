@@ -25,21 +25,17 @@
 #include <string_view>
 #include <vector>
 
+#include "csmc/key_rows.h"
 #include "ostrel/platform/files.h"
 #include "ostrel/vsmc/params.h"
 
 namespace ostrel::vsmc {
 
-// One key of an SMC key table.
-struct KeyEntry {
-    std::uint32_t key = 0;
-    std::uint32_t type = 0;
-    std::uint32_t size = 0;  // may exceed 32 only in hand-built tables (tests)
-    std::uint8_t attributes = 0;
-    std::array<std::uint8_t, 32> bytes{};
-
-    bool operator==(const KeyEntry &) const = default;
-};
+// One key of an SMC key table, and its "key ..." line; the row format is shared with
+// `ostrel smc dump`, below both.
+using csmc::codeToken;
+using csmc::formatKeyRow;
+using csmc::KeyEntry;
 
 struct Profile {
     std::string source;                  // where it came from: a file path or "builtin:NAME"
@@ -72,22 +68,17 @@ Profile parseProfile(std::string_view text, const std::string &source);
 // are written as numbers where that is exact, otherwise as bytes or text.
 std::string formatProfile(const Profile &profile);
 
-// One "key ..." line of the format, with its line feed.
-std::string formatKeyRow(const KeyEntry &entry);
-
 // The names of the profiles built into the binaries, sorted.
 std::vector<std::string> builtinProfileNames();
 
 // The text of a built-in profile, or nothing.
 std::optional<std::string_view> builtinProfileText(std::string_view name);
 
-// A built-in profile by name, or else the file at that path. Throws ProfileError when
-// neither exists or the text does not parse.
-Profile loadProfile(const std::string &nameOrPath,
-                    const platform::Files &files = platform::realFiles());
+// A built-in profile by name, or else the file at that path read through `files`. Throws
+// ProfileError when neither exists or the text does not parse.
+Profile loadProfile(const std::string &nameOrPath, const platform::Files &files);
 
-// A code as profile text: the bare characters when they are printable and need no
-// quoting (trailing blanks dropped, so 'FS! ' is FS!), otherwise a quoted form.
-std::string codeToken(std::uint32_t code);
+// A built-in profile by name. Throws ProfileError (missing) when there is none by that name.
+Profile builtinProfile(std::string_view name);
 
 }  // namespace ostrel::vsmc

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "ostrel/json.h"
+#include "ostrel/platform/json.h"
 #include "ostrel/vsmc/machine.h"
 
 namespace ostrel::vsmc {
@@ -20,8 +20,8 @@ class VirtualMac {
     static constexpr double kMaxAdvance = 86400;
     static constexpr double kMaxSpeed = 1000;
 
-    // A machine for `profile` that refuses writes from unprivileged peers and keeps a
-    // bounded journal. `speed` is simulated seconds per real second (0 pauses).
+    // A machine for `profile` that refuses writes from unprivileged peers. `speed` is simulated
+    // seconds per real second (0 pauses).
     VirtualMac(const Profile &profile, std::uint64_t seed, double speed);
 
     Machine &machine() { return machine_; }

@@ -1,5 +1,6 @@
 // The virtual Mac's wire protocol on its Unix stream socket (docs/vsmc-protocol.md),
-// shared by the server (ostrel-vsmc) and the channel's `vsmc` transport.
+// shared by the channel's `vsmc` transport and the server (ostrel-vsmc), which both
+// include it from here, below either of them.
 //
 // Every message is a frame: an 8-byte header, then `length` payload bytes.
 //
@@ -14,10 +15,12 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string_view>
 
-namespace ostrel::vsmc::protocol {
+namespace csmc::vsmcwire {
 
 enum Kind : std::uint8_t {
     kExchange = 0x01,       // request: the 80-byte parameter record
@@ -30,6 +33,8 @@ inline constexpr std::size_t kHeaderSize = 8;
 inline constexpr std::uint32_t kRecordSize = 80;
 inline constexpr std::uint32_t kExchangeReplySize = 4 + kRecordSize;
 inline constexpr std::uint32_t kMaxCallSize = 1u << 20;  // room for a long scenario
+// The largest frame either side ever has to hold.
+inline constexpr std::size_t kMaxFrameSize = kHeaderSize + kMaxCallSize;
 
 struct Header {
     Kind kind;
@@ -79,4 +84,34 @@ inline std::optional<Header> decodeHeader(const std::array<std::uint8_t, kHeader
     return Header{kind, length};
 }
 
-}  // namespace ostrel::vsmc::protocol
+// What the front of a receive buffer holds: not yet a whole frame, one whole frame (its
+// header, payload and total size), or bytes no peer may send.
+struct Split {
+    enum State { incomplete, frame, bad } state = incomplete;
+    Header header{};
+    std::string_view payload;
+    std::size_t size = 0;  // header and payload, when state is frame
+};
+
+// Splits the first frame off `buffered` as it arrived so far. A bad header is known as soon
+// as its eight bytes are there, so nobody waits for (or holds) a payload it announced.
+inline Split splitFrame(std::string_view buffered, bool requests) {
+    if (buffered.size() < kHeaderSize) {
+        return {};
+    }
+    std::array<std::uint8_t, kHeaderSize> bytes{};
+    for (std::size_t i = 0; i < kHeaderSize; ++i) {
+        bytes[i] = static_cast<std::uint8_t>(buffered[i]);
+    }
+    std::optional<Header> header = decodeHeader(bytes, requests);
+    if (!header) {
+        return {Split::bad, {}, {}, 0};
+    }
+    std::size_t size = kHeaderSize + header->length;
+    if (buffered.size() < size) {
+        return {Split::incomplete, *header, {}, 0};
+    }
+    return {Split::frame, *header, buffered.substr(kHeaderSize, header->length), size};
+}
+
+}  // namespace csmc::vsmcwire

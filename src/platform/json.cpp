@@ -1,4 +1,6 @@
-#include "ostrel/json.h"
+#include "ostrel/platform/json.h"
+
+#include "ostrel/platform/numbers.h"
 
 #include <fmt/format.h>
 
@@ -147,8 +149,8 @@ std::int64_t toInt64(const Json &value, const std::string &path) {
     } else if (value.is_number_float()) {
         // 3.0 is an integer written with a fraction; the limits are exact powers of two.
         double number = value.get<double>();
-        if (number == std::trunc(number) && number >= -0x1p63 && number < 0x1p63) {
-            return static_cast<std::int64_t>(number);
+        if (auto whole = numbers::truncatedInt64(number); whole && number == std::trunc(number)) {
+            return *whole;
         }
     }
     mismatch("an integer", value, path);
