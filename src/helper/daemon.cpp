@@ -8,6 +8,7 @@
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 
+#include "control_service.h"
 #include "controller.h"
 #include "executable_watch.h"
 #include "ostrel/code_signature.h"
@@ -105,6 +106,20 @@ int serve(const DaemonOptions &options, DaemonServices &services) {
         services.log(std::string("cannot open SMC: ") + e.what());
         return 1;
     }
+    // The socket before any fan is touched: a second daemon leaves the first one's alone.
+    PeerVetting vetting(HelperConstants::clientRequirement(services.fileAccess),
+                        services.processAccess);
+    std::string socketPath = HelperConstants::socketPath(paths);
+    std::unique_ptr<ControlService> service;
+    try {
+        service = std::make_unique<ControlService>(
+            ControlServiceServices{*controller, vetting, services.processAccess, services.files,
+                                   services.clock, services.log, socketPath});
+    } catch (const platform::UnixServerError &e) {
+        services.log(e.inUse() ? "another daemon is already serving " + socketPath + "; exiting"
+                               : std::string("cannot serve the control socket: ") + e.what());
+        return 1;
+    }
     controller->start();
 
     platform::RunLoop main(uncaught);
@@ -115,6 +130,7 @@ int serve(const DaemonOptions &options, DaemonServices &services) {
         }
         stopping = true;
         services.serviceManager.notify("STOPPING=1");
+        service->stop();  // no request changes anything after this
         controlQueue.sync([&] { controller->shutdown(reason); });
         main.quit();
     };
@@ -150,6 +166,7 @@ int serve(const DaemonOptions &options, DaemonServices &services) {
 
     std::unique_ptr<platform::Queue::Timer> watchdog =
         startWatchdog(services.serviceManager, controlQueue);
+    service->start();
     services.serviceManager.notify("READY=1");
     main.run();
     return 0;
