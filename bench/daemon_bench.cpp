@@ -12,8 +12,6 @@
 // it). The numbers are reported as counters; the benchmark's own time is not the figure.
 
 #include <benchmark/benchmark.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -21,6 +19,7 @@
 
 #include "ostrel/control_protocol.h"
 #include "support/daemon_rig.h"
+#include "support/line_client.h"
 
 namespace {
 
@@ -47,38 +46,14 @@ long voluntarySwitches(pid_t pid) {
     return total;
 }
 
-// One client connection that sends a line and waits for its reply.
-class Client {
-  public:
-    explicit Client(const std::string &path) : fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (::connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-            throw std::runtime_error("cannot connect to " + path);
-        }
+// Round-trip time of `line` on `client`, or a negative time when the daemon closed it.
+std::chrono::nanoseconds roundTrip(test::LineClient &client, const std::string &line) {
+    auto start = Clock::now();
+    if (!client.send(line) || !client.reply()) {
+        return std::chrono::nanoseconds(-1);
     }
-    // Round-trip time of `line`, or a negative time when the daemon closed the connection.
-    std::chrono::nanoseconds roundTrip(const std::string &line) {
-        auto start = Clock::now();
-        if (::write(fd_.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-            return std::chrono::nanoseconds(-1);
-        }
-        char chunk[4096];
-        for (;;) {
-            ssize_t n = ::read(fd_.get(), chunk, sizeof chunk);
-            if (n <= 0) {
-                return std::chrono::nanoseconds(-1);
-            }
-            if (chunk[n - 1] == '\n') {
-                return Clock::now() - start;
-            }
-        }
-    }
-
-  private:
-    platform::UniqueFd fd_;
-};
+    return Clock::now() - start;
+}
 
 test::DaemonRig &rig() {
     static test::DaemonRig *rig = [] {
@@ -97,19 +72,21 @@ std::string setPolicyLine(int fan, double rpm) {
 
 void BM_Memory(benchmark::State &state) {
     std::string status = "/proc/" + std::to_string(rig().helper().pid()) + "/status";
-    Client client(rig().socket());
+    test::LineClient client(rig().socket());
     for (auto _ : state) {
         state.counters["rss_idle_kib"] = static_cast<double>(statusValue(status, "VmRSS"));
-        client.roundTrip(setPolicyLine(0, 2500));
-        client.roundTrip(ControlProtocol::requestLine(
-            {1, ControlProtocol::Call::setPolicy, 1,
-             R"({"curve":{"_0":{"points":[{"temperature":40,"rpm":0},{"temperature":80,"rpm":"inf"}],"sensor":"cpu"}}})"}));
+        roundTrip(client, setPolicyLine(0, 2500));
+        roundTrip(
+            client,
+            ControlProtocol::requestLine(
+                {1, ControlProtocol::Call::setPolicy, 1,
+                 R"({"curve":{"_0":{"points":[{"temperature":40,"rpm":0},{"temperature":80,"rpm":"inf"}],"sensor":"cpu"}}})"}));
         for (int i = 0; i < 20; ++i) {  // twenty ticks' worth of sampling and writing
-            client.roundTrip(setPolicyLine(0, 2500 + i * 100));
+            roundTrip(client, setPolicyLine(0, 2500 + i * 100));
         }
         state.counters["rss_active_kib"] = static_cast<double>(statusValue(status, "VmRSS"));
-        client.roundTrip(ControlProtocol::requestLine(
-            {1, ControlProtocol::Call::setPolicy, -1, R"({"auto":{}})"}));
+        roundTrip(client, ControlProtocol::requestLine(
+                              {1, ControlProtocol::Call::setPolicy, -1, R"({"auto":{}})"}));
     }
 }
 BENCHMARK(BM_Memory)->Iterations(1)->Unit(benchmark::kMillisecond);
@@ -140,10 +117,10 @@ void BM_RoundTrip(benchmark::State &state) {
         std::atomic<int> refused{0};
         for (std::size_t c = 0; c < clients; ++c) {
             threads.emplace_back([&, c] {
-                Client client(rig().socket());
+                test::LineClient client(rig().socket());
                 for (int i = 0; i < perClient; ++i) {
-                    auto t = client.roundTrip(setPolicy ? setPolicyLine(0, 2000 + i % 2 * 100)
-                                                        : version);
+                    auto t = roundTrip(client,
+                                       setPolicy ? setPolicyLine(0, 2000 + i % 2 * 100) : version);
                     if (t.count() < 0) {
                         ++refused;
                         return;

@@ -26,18 +26,15 @@ extern char **environ;
 
 namespace ostrel::test {
 
-// Calls `done` whenever something changes in `directory` (and once at the start) until it
-// returns true; false when `limit` passes first.
+// Calls `done` at the start and after each change in `directory` until it returns true;
+// false when `limit` passes first.
 inline bool waitInDirectory(const std::string &directory, const std::function<bool()> &done,
                             std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     platform::UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     ::inotify_add_watch(watch.get(), directory.c_str(),
                         IN_MODIFY | IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE);
     auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        if (done()) {
-            return true;
-        }
+    while (!done()) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         pollfd changed{watch.get(), POLLIN, 0};
@@ -48,29 +45,26 @@ inline bool waitInDirectory(const std::string &directory, const std::function<bo
         while (::read(watch.get(), events, sizeof events) > 0) {
         }
     }
+    return true;
 }
 
-// A child process with its standard output and error appended to a file; killed (SIGKILL)
-// and reaped with the object unless it was waited for.
+// A child with `env` added to this process's environment and its standard output and
+// error appended to `output`; killed and reaped with the object unless waited for.
 class BackgroundProcess {
   public:
-    // `env` is added to (and overrides) this process's environment.
-    BackgroundProcess(const std::string &program, const std::vector<std::string> &args,
+    BackgroundProcess(const std::string &program, std::vector<std::string> args,
                       const std::map<std::string, std::string> &env, const std::string &output) {
-        std::map<std::string, std::string> merged;
+        std::vector<std::string> vars;
         for (char **e = environ; *e != nullptr; ++e) {
             std::string entry = *e;
-            std::size_t eq = entry.find('=');
-            merged[entry.substr(0, eq)] = eq == std::string::npos ? "" : entry.substr(eq + 1);
+            if (!env.contains(entry.substr(0, entry.find('=')))) {
+                vars.push_back(entry);
+            }
         }
         for (const auto &[name, value] : env) {
-            merged[name] = value;
+            vars.push_back(name + "=" + value);
         }
-        std::vector<std::string> envStrings, argStrings = {program};
-        for (const auto &[name, value] : merged) {
-            envStrings.push_back(name + "=" + value);
-        }
-        argStrings.insert(argStrings.end(), args.begin(), args.end());
+        args.insert(args.begin(), program);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -78,7 +72,7 @@ class BackgroundProcess {
                                          O_WRONLY | O_CREAT | O_APPEND, 0644);
         posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
         int spawned = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr,
-                                    pointers(argStrings).data(), pointers(envStrings).data());
+                                    pointers(args).data(), pointers(vars).data());
         posix_spawn_file_actions_destroy(&actions);
         if (spawned != 0) {
             throw std::runtime_error("cannot start " + program);
@@ -96,31 +90,24 @@ class BackgroundProcess {
 
     pid_t pid() const { return pid_; }
     void signal(int number) const { ::kill(pid_, number); }
-    bool running() const {
-        pollfd exited{pidfd_.get(), POLLIN, 0};
-        return pid_ > 0 && ::poll(&exited, 1, 0) == 0;
-    }
+    bool running() const { return pid_ > 0 && !ended(0); }
 
-    struct Exit {
-        std::optional<int> code;    // when it exited
-        std::optional<int> signal;  // when a signal ended it
-    };
-    // Waits for the process to end, up to `limit`; nothing when it still runs then.
-    std::optional<Exit> wait(std::chrono::milliseconds limit = std::chrono::seconds(30)) {
-        pollfd exited{pidfd_.get(), POLLIN, 0};
-        if (pid_ <= 0 || ::poll(&exited, 1, static_cast<int>(limit.count())) != 1) {
+    // The exit status, or -signal when a signal ended it; nothing while it still runs
+    // after `limit`.
+    std::optional<int> wait(std::chrono::milliseconds limit = std::chrono::seconds(30)) {
+        if (pid_ <= 0 || !ended(static_cast<int>(limit.count()))) {
             return std::nullopt;
         }
         int status = 0;
-        ::waitpid(pid_, &status, 0);
-        pid_ = 0;
-        if (WIFEXITED(status)) {
-            return Exit{WEXITSTATUS(status), std::nullopt};
-        }
-        return Exit{std::nullopt, WTERMSIG(status)};
+        ::waitpid(std::exchange(pid_, 0), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
   private:
+    bool ended(int milliseconds) const {
+        pollfd exited{pidfd_.get(), POLLIN, 0};
+        return ::poll(&exited, 1, milliseconds) == 1;
+    }
     static std::vector<char *> pointers(std::vector<std::string> &strings) {
         std::vector<char *> out;
         for (std::string &s : strings) {

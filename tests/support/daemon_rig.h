@@ -10,8 +10,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -42,7 +40,8 @@ class DaemonRig {
                                      "0"},
             std::map<std::string, std::string>{}, root_.path() + "/vsmc.log");
         if (!waitInDirectory(root_.path() + "/run", [&] { return isSocket(vsmcSocket()); })) {
-            throw std::runtime_error("the virtual Mac did not start: " + read("/vsmc.log"));
+            throw std::runtime_error("the virtual Mac did not start: " +
+                                     fileBytes(root_.path() + "/vsmc.log"));
         }
         install(helperPath(), team);
     }
@@ -64,7 +63,7 @@ class DaemonRig {
     static void install(const std::string &path, const SigningKey *team) {
         std::string bytes = fileBytes(OSTREL_HELPER_PROGRAM);
         if (team != nullptr) {
-            SignatureInfo info = verifyFile(OSTREL_HELPER_PROGRAM);
+            SignatureInfo info = verifyFile(OSTREL_HELPER_PROGRAM, platform::realFileAccess());
             bytes = signedBytes(bytes.substr(0, info.contentSize), "dev.ostrel.helper", team);
         }
         writeExecutable(path, bytes);
@@ -83,15 +82,16 @@ class DaemonRig {
     }
     BackgroundProcess &helper() { return *helper_; }
 
-    // Waits until the log holds a line with `text`; false after 30 s.
+    // Waits until the log holds `text`; false after 30 s.
     bool waitForLog(const std::string &text) {
-        return waitInDirectory(std::filesystem::path(logPath()).parent_path(),
-                               [&] { return read(logFile()).find(text) != std::string::npos; });
+        return waitInDirectory(std::filesystem::path(logPath()).parent_path(), [&] {
+            return fileBytes(logPath()).find(text) != std::string::npos;
+        });
     }
     // The log's messages, without their time stamps.
     std::vector<std::string> log() const {
         std::vector<std::string> messages;
-        std::istringstream in(read(logFile()));
+        std::istringstream in(fileBytes(logPath()));
         const std::string mark = " ostrel-helper: ";
         for (std::string line; std::getline(in, line);) {
             std::size_t at = line.find(mark);
@@ -128,7 +128,8 @@ class DaemonRig {
     Json status() { return Json::parse(ctl({"status", "--json"})); }
     // Whether any fan is under manual control.
     bool anyFanManual() {
-        for (const Json &fan : status()["fans"]) {
+        Json state = status();  // alive for the loop, not just its first call
+        for (const Json &fan : state["fans"]) {
             if (fan["mode"] == "manual") {
                 return true;
             }
@@ -140,17 +141,8 @@ class DaemonRig {
         struct stat st {};
         return ::stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
     }
-    std::string read(const std::string &relativeOrAbsolute) const {
-        std::string path = relativeOrAbsolute.starts_with(root_.path())
-                               ? relativeOrAbsolute
-                               : root_.path() + relativeOrAbsolute;
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
 
   private:
-    std::string logFile() const { return logPath(); }
-
     TempDir root_;
     std::unique_ptr<platform::Processes> processes_ =
         platform::realProcesses(platform::realClock());
