@@ -41,7 +41,6 @@ struct ServiceRig : test::Sandbox {
             limits);
         service->start();
     }
-    ~ServiceRig() { service.reset(); }
     // Holds the controller's queue until the returned promise is set.
     std::shared_ptr<std::promise<void>> block() {
         auto gate = std::make_shared<std::promise<void>>();

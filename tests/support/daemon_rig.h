@@ -82,12 +82,6 @@ class DaemonRig {
     }
     BackgroundProcess &helper() { return *helper_; }
 
-    // Waits until the log holds `text`; false after 30 s.
-    bool waitForLog(const std::string &text) {
-        return waitInDirectory(std::filesystem::path(logPath()).parent_path(), [&] {
-            return fileBytes(logPath()).find(text) != std::string::npos;
-        });
-    }
     // The log's messages, without their time stamps.
     std::vector<std::string> log() const {
         std::vector<std::string> messages;
