@@ -178,6 +178,73 @@ class RealFileAccess final : public FileAccess {
         like.mode = mode;
         return finishNewFile(std::move(fd), path, contents, like, false);
     }
+
+    StatusResult linkStatus(const std::string &path) const override {
+        struct stat st {};
+        if (::lstat(path.c_str(), &st) != 0) {
+            return {errno, {}};
+        }
+        return {0, statusOf(st)};
+    }
+
+    int copyNew(const std::string &from, const std::string &to) const override {
+        UniqueFd in(::open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat st {};
+        if (!in.valid() || ::fstat(in.get(), &st) != 0) {
+            return errno;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            return EINVAL;
+        }
+        UniqueFd out(
+            ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!out.valid()) {
+            return errno;
+        }
+        int error = 0;
+        char chunk[65536];
+        for (;;) {
+            ssize_t n = ::read(in.get(), chunk, sizeof chunk);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                error = n < 0 ? errno : 0;
+                break;
+            }
+            if ((error = posix::writeAll(out.get(), {chunk, static_cast<std::size_t>(n)}))) {
+                break;
+            }
+        }
+        if (error == 0 && ::fsync(out.get()) != 0) {
+            error = errno;
+        }
+        if (::close(out.release()) != 0 && error == 0) {
+            error = errno;
+        }
+        if (error != 0) {
+            ::unlink(to.c_str());
+        }
+        return error;
+    }
+
+    int changeOwner(const std::string &path, std::uint32_t uid, std::uint32_t gid) const override {
+        return ::fchownat(AT_FDCWD, path.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+    }
+
+    int changeMode(const std::string &path, std::uint32_t mode) const override {
+        // glibc refuses a link here (EOPNOTSUPP) rather than changing its target.
+        return ::fchmodat(AT_FDCWD, path.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW) == 0 ? 0
+                                                                                          : errno;
+    }
+
+    int rename(const std::string &from, const std::string &to) const override {
+        return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+    }
+
+    int remove(const std::string &path) const override {
+        return ::unlink(path.c_str()) == 0 ? 0 : errno;
+    }
 };
 
 }  // namespace
@@ -263,6 +330,73 @@ int FakeFileAccess::replace(const std::string &path, std::string_view contents,
     ++status.changedNs;
     files_[path] = Entry{std::string(contents), status};
     return 0;
+}
+
+int FakeFileAccess::failure(const std::string &operation, const std::string &path) const {
+    auto it = failures_.find({operation, path});
+    return it == failures_.end() ? 0 : it->second;
+}
+
+StatusResult FakeFileAccess::linkStatus(const std::string &path) const {
+    if (links_.contains(path)) {
+        FileStatus status;
+        status.mode = 0120777;
+        return {0, status};
+    }
+    return stat(path);
+}
+
+int FakeFileAccess::copyNew(const std::string &from, const std::string &to) const {
+    const Entry *source = find(from);
+    if (int error = failure("copyNew", to); error != 0 || source == nullptr) {
+        return source == nullptr ? ENOENT : error;
+    }
+    if (files_.contains(to) || links_.contains(to)) {
+        return EEXIST;
+    }
+    FileStatus status;
+    status.mode = 0100600;
+    status.size = source->bytes.size();
+    files_[to] = Entry{source->bytes, status};
+    return 0;
+}
+
+int FakeFileAccess::changeOwner(const std::string &path, std::uint32_t uid,
+                                std::uint32_t gid) const {
+    auto it = files_.find(path);
+    if (int error = failure("changeOwner", path); error != 0 || it == files_.end()) {
+        return it == files_.end() ? ENOENT : error;
+    }
+    it->second.status.uid = uid;
+    it->second.status.gid = gid;
+    return 0;
+}
+
+int FakeFileAccess::changeMode(const std::string &path, std::uint32_t mode) const {
+    auto it = files_.find(path);
+    if (int error = failure("changeMode", path); error != 0 || it == files_.end()) {
+        return it == files_.end() ? ENOENT : error;
+    }
+    it->second.status.mode = (it->second.status.mode & ~07777u) | (mode & 07777);
+    return 0;
+}
+
+int FakeFileAccess::rename(const std::string &from, const std::string &to) const {
+    auto it = files_.find(from);
+    if (int error = failure("rename", to); error != 0 || it == files_.end()) {
+        return it == files_.end() ? ENOENT : error;
+    }
+    Entry moved = std::move(it->second);
+    files_.erase(it);
+    files_[to] = std::move(moved);
+    return 0;
+}
+
+int FakeFileAccess::remove(const std::string &path) const {
+    if (int error = failure("remove", path)) {
+        return error;
+    }
+    return files_.erase(path) == 1 ? 0 : ENOENT;
 }
 
 int FakeFileAccess::createExclusive(const std::string &path, std::string_view contents,

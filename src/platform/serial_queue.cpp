@@ -37,17 +37,17 @@ void checkInterval(Queue::Duration interval) {
 
 }  // namespace
 
-// ---- SerialQueue ----------------------------------------------------------------------
+// ---- RunLoop and SerialQueue ----------------------------------------------------------
 
-struct SerialQueue::Impl {
+struct RunLoop::Impl {
     std::function<void(const std::string &)> uncaught;
     asio::io_context io;
     asio::executor_work_guard<asio::io_context::executor_type> work{io.get_executor()};
-    std::thread thread;
+    // The thread in run(); shared with timer handles, which may outlive the loop.
+    std::shared_ptr<std::atomic<std::thread::id>> runner =
+        std::make_shared<std::atomic<std::thread::id>>();
 
-    bool isCurrent() const { return std::this_thread::get_id() == thread.get_id(); }
-
-    // Runs a task; an exception it lets out is reported, and the queue goes on.
+    // Runs a task; an exception it lets out is reported, and the loop goes on.
     void run(const Task &task) const {
         try {
             task();
@@ -100,15 +100,15 @@ struct TimerState : std::enable_shared_from_this<TimerState> {
 
 class AsioTimerHandle final : public Queue::Timer {
   public:
-    AsioTimerHandle(std::thread::id queueThread, std::weak_ptr<TimerState> state,
-                    std::shared_ptr<std::atomic<bool>> cancelled)
-        : queueThread_(queueThread), state_(std::move(state)), cancelled_(std::move(cancelled)) {}
+    AsioTimerHandle(std::shared_ptr<std::atomic<std::thread::id>> runner,
+                    std::weak_ptr<TimerState> state, std::shared_ptr<std::atomic<bool>> cancelled)
+        : runner_(std::move(runner)), state_(std::move(state)), cancelled_(std::move(cancelled)) {}
     ~AsioTimerHandle() override { cancel(); }
 
     void cancel() override {
         *cancelled_ = true;
         // Off the queue the wait just ends at its deadline; on it, release it now.
-        if (std::this_thread::get_id() == queueThread_) {
+        if (std::this_thread::get_id() == runner_->load()) {
             if (auto state = state_.lock()) {
                 state->timer.cancel();
             }
@@ -116,37 +116,42 @@ class AsioTimerHandle final : public Queue::Timer {
     }
 
   private:
-    std::thread::id queueThread_;
+    std::shared_ptr<std::atomic<std::thread::id>> runner_;
     std::weak_ptr<TimerState> state_;
     std::shared_ptr<std::atomic<bool>> cancelled_;
 };
 
 }  // namespace
 
-SerialQueue::SerialQueue(std::string label, std::function<void(const std::string &)> uncaught)
-    : label_(std::move(label)), impl_(std::make_unique<Impl>()) {
+RunLoop::RunLoop(std::function<void(const std::string &)> uncaught)
+    : impl_(std::make_unique<Impl>()) {
     impl_->uncaught = std::move(uncaught);
-    std::string name = label_.substr(label_.size() > 15 ? label_.size() - 15 : 0);
-    name.erase(0, std::min(name.find_first_not_of('.'), name.size()));
-    impl_->thread = std::thread([impl = impl_.get(), name] {
-        pthread_setname_np(pthread_self(), name.c_str());
-        impl->io.run();
-    });
 }
 
-SerialQueue::~SerialQueue() {
+RunLoop::~RunLoop() = default;
+
+void RunLoop::run() {
+    impl_->runner->store(std::this_thread::get_id());
+    impl_->io.run();
+    impl_->runner->store(std::thread::id());
+}
+
+void RunLoop::quit() {
     asio::post(impl_->io, [impl = impl_.get()] { impl->io.stop(); });
     impl_->work.reset();
-    impl_->thread.join();
 }
 
-void SerialQueue::async(Task task) {
+asio::io_context &RunLoop::context() {
+    return impl_->io;
+}
+
+void RunLoop::async(Task task) {
     asio::post(impl_->io, [impl = impl_.get(), task = std::move(task)] { impl->run(task); });
 }
 
-void SerialQueue::sync(Task task) {
+void RunLoop::sync(Task task) {
     if (isCurrent()) {
-        throw syncOnItself(label_);
+        throw syncOnItself("run loop");
     }
     std::promise<void> done;
     asio::post(impl_->io, [&task, &done] {
@@ -160,8 +165,8 @@ void SerialQueue::sync(Task task) {
     done.get_future().get();
 }
 
-std::unique_ptr<Queue::Timer> SerialQueue::repeating(Duration first, Duration interval,
-                                                     Duration /*leeway*/, Task task) {
+std::unique_ptr<Queue::Timer> RunLoop::repeating(Duration first, Duration interval,
+                                                 Duration /*leeway*/, Task task) {
     // Asio timers have no leeway: they fire at the deadline, as soon as the queue is free,
     // which is within any leeway the caller allows.
     checkInterval(interval);
@@ -172,11 +177,47 @@ std::unique_ptr<Queue::Timer> SerialQueue::repeating(Duration first, Duration in
     asio::post(impl_->io, [state, deadline, impl = impl_.get()] {
         state->arm(deadline, [impl](const Task &t) { impl->run(t); });
     });
-    return std::make_unique<AsioTimerHandle>(impl_->thread.get_id(), state, std::move(cancelled));
+    return std::make_unique<AsioTimerHandle>(impl_->runner, state, std::move(cancelled));
+}
+
+bool RunLoop::isCurrent() const {
+    return std::this_thread::get_id() == impl_->runner->load();
+}
+
+SerialQueue::SerialQueue(std::string label, std::function<void(const std::string &)> uncaught)
+    : label_(std::move(label)), loop_(std::move(uncaught)) {
+    std::string name = label_.substr(label_.size() > 15 ? label_.size() - 15 : 0);
+    name.erase(0, std::min(name.find_first_not_of('.'), name.size()));
+    thread_ = std::thread([this, name] {
+        pthread_setname_np(pthread_self(), name.c_str());
+        loop_.run();
+    });
+}
+
+SerialQueue::~SerialQueue() {
+    loop_.quit();
+    thread_.join();
+}
+
+void SerialQueue::async(Task task) {
+    loop_.async(std::move(task));
+}
+
+void SerialQueue::sync(Task task) {
+    if (isCurrent()) {
+        throw syncOnItself(label_);
+    }
+    loop_.sync(std::move(task));
+}
+
+std::unique_ptr<Queue::Timer> SerialQueue::repeating(Duration first, Duration interval,
+                                                     Duration leeway, Task task) {
+    return loop_.repeating(first, interval, leeway, std::move(task));
 }
 
 bool SerialQueue::isCurrent() const {
-    return impl_->isCurrent();
+    // The thread is the loop's from its start, before run() records it.
+    return std::this_thread::get_id() == thread_.get_id();
 }
 
 // ---- ManualQueue ----------------------------------------------------------------------

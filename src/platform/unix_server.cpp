@@ -78,6 +78,9 @@ class UnixServer::Impl::Connection final : public UnixConnection,
           lastActivity_(server_->clock.monotonic()) {}
 
     const PeerCredentials &peer() const override { return peer_; }
+    int nativeHandle() const override {
+        return const_cast<Protocol::socket &>(socket_).native_handle();  // only reads it
+    }
     bool isOpen() const override { return !closed_; }
 
     void send(std::string bytes) override {
@@ -106,6 +109,7 @@ class UnixServer::Impl::Connection final : public UnixConnection,
         input_ = std::string();
         queue_.clear();
         queuedBytes_ = 0;
+        server_->handler.closed(*this);
         server_->forget(this);
     }
 
@@ -262,8 +266,11 @@ void UnixServer::Impl::accept() {
             } else {
                 auto connection = std::make_shared<Connection>(self, std::move(socket));
                 self->connections.emplace(connection.get(), connection);
-                connection->start();
-                self->armSweep();
+                self->handler.accepted(*connection);
+                if (connection->isOpen()) {
+                    connection->start();
+                    self->armSweep();
+                }
             }
             self->accept();
         });

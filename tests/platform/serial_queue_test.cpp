@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
 #include <future>
 #include <stdexcept>
 
@@ -52,6 +54,25 @@ TEST(SerialQueueTest, ATimerCancelledInItsOwnFiringFiresNoMore) {
     queue.sync([] {});
     EXPECT_EQ(firings, 3);
     EXPECT_THROW(queue.repeating(0ms, 0ms, 0ms, [] {}), std::invalid_argument);
+}
+
+TEST(RunLoopTest, ServesWorkAndOtherAsioObjectsOnTheRunningThreadUntilQuit) {
+    RunLoop loop({});
+    std::vector<std::string> seen;
+    loop.async([&] { seen.push_back(loop.isCurrent() ? "task" : "elsewhere"); });
+    asio::post(loop.context(), [&] { seen.push_back("asio"); });
+    std::thread helper;
+    loop.async([&] {
+        helper = std::thread([&] {
+            loop.sync([&] { seen.push_back("sync"); });
+            loop.quit();
+            loop.async([&] { seen.push_back("after quit"); });
+        });
+    });
+    loop.run();
+    helper.join();
+    EXPECT_THAT(seen, ElementsAre("task", "asio", "sync"));
+    EXPECT_FALSE(loop.isCurrent());
 }
 
 TEST(ManualQueueTest, TimersFireOnTheirGridAndCoalesceWhatABusyQueueMissed) {

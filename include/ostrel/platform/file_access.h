@@ -1,5 +1,6 @@
-// Files examined byte by byte and by identity: what code signing and peer vetting need from
-// the file system. The real implementation, and an in-memory fake for tests.
+// Files examined byte by byte and by identity: what code signing, peer vetting and the
+// daemon's self-update need from the file system. The real implementation, and an
+// in-memory fake for tests.
 //
 // Unlike `Files`, every operation reports the errno it met (0 for success), because the
 // callers tell "missing" from "unreadable" from "too big" in their messages. Nothing here
@@ -12,6 +13,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace ostrel::platform {
 
@@ -82,6 +84,24 @@ class FileAccess {
     // the umask); EEXIST when something is already at `path` (a link counts).
     virtual int createExclusive(const std::string &path, std::string_view contents,
                                 std::uint32_t mode) const = 0;
+
+    // What self-update does to put a new executable in place. None follows a symbolic
+    // link at `path` (or `from`/`to`): a link is examined, refused or replaced itself.
+    //
+    // The status of the link itself when `path` is one (lstat).
+    virtual StatusResult linkStatus(const std::string &path) const = 0;
+    // Copies the regular file `from` into a new file `to` of mode 0600 (EEXIST when
+    // something is there) and flushes it; on failure no `to` is left behind. The source
+    // is read once, from one descriptor.
+    virtual int copyNew(const std::string &from, const std::string &to) const = 0;
+    virtual int changeOwner(const std::string &path, std::uint32_t uid,
+                            std::uint32_t gid) const = 0;
+    // Sets the permission bits (mode & 07777).
+    virtual int changeMode(const std::string &path, std::uint32_t mode) const = 0;
+    // Moves `from` over `to` atomically (rename(2)).
+    virtual int rename(const std::string &from, const std::string &to) const = 0;
+    // Removes the directory entry (unlink(2)).
+    virtual int remove(const std::string &path) const = 0;
 };
 
 // The real file system.
@@ -93,8 +113,9 @@ std::string errorText(int error);
 // `bytes` as an open file; its status is `status` with the size set to the bytes'.
 std::unique_ptr<ReadableFile> memoryFile(std::string bytes, FileStatus status = {});
 
-// Files held in memory by path, for tests. Symbolic links are not modelled: a path either
-// names a file or it does not. Not thread-safe.
+// Files held in memory by path, for tests. Symbolic links are only what link() declares:
+// readLink answers them, linkStatus sees a link and realPath follows it; open and stat do
+// not. Any operation can be made to fail on a path with fail(). Not thread-safe.
 class FakeFileAccess final : public FileAccess {
   public:
     struct Entry {
@@ -112,6 +133,12 @@ class FakeFileAccess final : public FileAccess {
                 const FileStatus &like) const override;
     int createExclusive(const std::string &path, std::string_view contents,
                         std::uint32_t mode) const override;
+    StatusResult linkStatus(const std::string &path) const override;
+    int copyNew(const std::string &from, const std::string &to) const override;
+    int changeOwner(const std::string &path, std::uint32_t uid, std::uint32_t gid) const override;
+    int changeMode(const std::string &path, std::uint32_t mode) const override;
+    int rename(const std::string &from, const std::string &to) const override;
+    int remove(const std::string &path) const override;
 
     // Puts a file at `path` (replacing what was there) and returns it for adjusting.
     Entry &put(const std::string &path, std::string bytes, FileStatus status = {});
@@ -119,10 +146,18 @@ class FakeFileAccess final : public FileAccess {
     const Entry *find(const std::string &path) const;
     // Makes readLink(path) answer `target`.
     void link(const std::string &path, std::string target) { links_[path] = std::move(target); }
+    // Makes `operation` ("copyNew", "changeOwner", "changeMode", "rename", "remove") on
+    // `path` (the destination of copyNew and rename) fail with `error`.
+    void fail(const std::string &operation, const std::string &path, int error) {
+        failures_[{operation, path}] = error;
+    }
 
   private:
+    int failure(const std::string &operation, const std::string &path) const;
+
     mutable std::map<std::string, Entry> files_;
     std::map<std::string, std::string> links_;
+    std::map<std::pair<std::string, std::string>, int> failures_;
 };
 
 }  // namespace ostrel::platform

@@ -6,6 +6,7 @@
 // the XDG rules instead.
 #pragma once
 
+#include <array>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,12 @@ class Paths {
     }
     std::string policiesFile() const { return system("/var/lib/dev.ostrel/fan-policies.json"); }
     std::string helperLog() const { return system("/var/log/dev.ostrel.helper.log"); }
+
+    // Where self-update may take a new daemon from, each inside the root like every path
+    // here: a source's real path must begin with one of them. "*" stands for one path
+    // component (a user's name). The package puts its copy at /usr/lib/ostrel/ostrel-helper.
+    static constexpr std::array<std::string_view, 4> selfUpdateSources = {
+        "/opt/ostrel/", "/usr/lib/ostrel/", "/usr/local/lib/ostrel/", "/home/*/.local/lib/ostrel/"};
 
     // $XDG_CACHE_HOME/dev.ostrel/discovery-v2.txt when XDG_CACHE_HOME is set and absolute,
     // else HOME/.cache/dev.ostrel/discovery-v2.txt, where HOME is $HOME when it is set and

@@ -4,7 +4,8 @@
 // work.
 //
 // `SerialQueue` is the real one (an Asio io_context run by one thread of its own);
-// `ManualQueue` is its deterministic stand-in for tests: work runs on the test's thread
+// `RunLoop` is the same on a thread that its owner lends it (the daemon's main thread);
+// `ManualQueue` is their deterministic stand-in for tests: work runs on the test's thread
 // when the test says so, and timers fire as a FakeClock is moved forward.
 #pragma once
 
@@ -13,9 +14,14 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ostrel/platform/clock.h"
+
+namespace asio {
+class io_context;
+}
 
 namespace ostrel::platform {
 
@@ -60,6 +66,39 @@ class Queue {
                                          Clock::Monotonic now);
 };
 
+// A serial queue run by an Asio io_context on the thread that calls run(). Other Asio
+// objects may live on context() (signal sets, descriptors); their handlers then take turns
+// with the queue's work.
+class RunLoop final : public Queue {
+  public:
+    // `uncaught` receives the message of any exception that escapes a queued task or timer
+    // (the loop goes on with the next piece of work); it runs on the loop.
+    explicit RunLoop(std::function<void(const std::string &)> uncaught);
+    // Drops whatever is still queued. Must not run while run() does.
+    ~RunLoop() override;
+    RunLoop(const RunLoop &) = delete;
+    RunLoop &operator=(const RunLoop &) = delete;
+
+    // Serves work, timers and the context's other objects on the calling thread, which is
+    // the loop's from then on, until quit(). Once.
+    void run();
+    // Makes run() return after the work queued so far; later work and timers are dropped.
+    // Any thread.
+    void quit();
+    asio::io_context &context();
+
+    void async(Task task) override;
+    // Needs run() going on another thread; on the loop's own it throws std::logic_error.
+    void sync(Task task) override;
+    std::unique_ptr<Timer> repeating(Duration first, Duration interval, Duration leeway,
+                                     Task task) override;
+    bool isCurrent() const override;
+
+  private:
+    struct Impl;  // keeps Asio out of this header
+    std::unique_ptr<Impl> impl_;
+};
+
 // A serial queue run by an Asio io_context on one thread of its own.
 class SerialQueue final : public Queue {
   public:
@@ -83,9 +122,9 @@ class SerialQueue final : public Queue {
     const std::string &label() const { return label_; }
 
   private:
-    struct Impl;  // keeps Asio out of this header
     std::string label_;
-    std::unique_ptr<Impl> impl_;
+    RunLoop loop_;
+    std::thread thread_;
 };
 
 // A queue that runs its work on the caller's thread when told to, for tests. Timers fire

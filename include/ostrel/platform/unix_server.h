@@ -57,11 +57,15 @@ struct UnixServerLimits {
     unsigned socketMode = 0600;
 };
 
-// A connection as the handler sees it. Valid during the handler call it was passed to.
+// A connection as the handler sees it. Valid from the handler's accepted() until its
+// closed() for that connection.
 class UnixConnection {
   public:
     virtual ~UnixConnection() = default;
     virtual const PeerCredentials &peer() const = 0;
+    // The connected socket, for what the handler asks the kernel about its peer (a pidfd);
+    // it must not read, write or close it.
+    virtual int nativeHandle() const = 0;
     // False once the connection is closed (by close(), a full reply queue, or the peer).
     virtual bool isOpen() const = 0;
     // Queues bytes to write. When that would put more than maxQueuedReplyBytes in the
@@ -80,6 +84,10 @@ class UnixServerHandler {
     // closed without an answer. May send and close.
     virtual std::optional<std::size_t> received(UnixConnection &connection,
                                                 std::string_view buffered) = 0;
+    // A connection was accepted, before anything is read from it. May close it.
+    virtual void accepted(UnixConnection &) {}
+    // An accepted connection was closed, by either side or by stop(); the last call for it.
+    virtual void closed(UnixConnection &) {}
 };
 
 // Listening failed. what() is a message for the user; inUse() tells a live server on the

@@ -1,0 +1,197 @@
+// The daemon as it runs: ostrel-helper and a virtual Mac as real processes in a sandbox,
+// driven through the socket by a signed test client. Ticks are provoked by policy changes
+// (each queues one) rather than waited for; only self-update waits for its real timer's
+// first check, 5 s after start.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+
+#include "ostrel/control_protocol.h"
+#include "support/daemon_rig.h"
+
+namespace {
+
+using namespace ostrel;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// A request line without its newline: the client adds one.
+std::string setPolicy(int id, int fan, const std::string &policy) {
+    std::string line =
+        ControlProtocol::requestLine({id, ControlProtocol::Call::setPolicy, fan, policy});
+    line.pop_back();
+    return line;
+}
+const std::string kVersion = R"({"id":1,"call":"version"})";
+const std::string kPolicies = R"({"id":3,"call":"policies"})";
+const std::string kFixed2500 = R"({"fixed":{"rpm":2500}})";
+
+class DaemonE2E : public testing::Test {
+  protected:
+    // The replies of one client run, one per line.
+    std::vector<std::string> ask(const std::vector<std::string> &lines) {
+        platform::ProcessResult run = rig.client(lines);
+        EXPECT_EQ(run.exitCode, 0) << run.error;
+        std::vector<std::string> replies;
+        std::istringstream in(run.output);
+        for (std::string line; std::getline(in, line);) {
+            replies.push_back(line);
+        }
+        return replies;
+    }
+    // Waits until the control loop has done everything queued so far (the tick a policy
+    // change queues after its reply included): a request queued now runs after it.
+    void settle() { ask({kPolicies}); }
+    Json fan(int index) { return rig.status()["fans"][index]; }
+    // Stops the daemon with `signal`; its exit status (or -signal) and last log line.
+    std::pair<int, std::string> stopWith(int signal) {
+        rig.helper().signal(signal);
+        return {rig.helper().wait().value_or(-100), rig.log().back()};
+    }
+
+    test::DaemonRig rig;
+};
+
+TEST_F(DaemonE2E, ServesVersionAndPoliciesStoresThemAndRestoresThemOnRestart) {
+    rig.start();
+    EXPECT_THAT(ask({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+    EXPECT_THAT(ask({setPolicy(2, 0, kFixed2500), kPolicies}),
+                ElementsAre(R"({"id":2,"reply":null})",
+                            R"({"id":3,"reply":"{\"0\":{\"fixed\":{\"rpm\":2500}}}"})"));
+    EXPECT_EQ(rig.log().back(), "fan 0: fixed 2500 rpm");
+    settle();
+    EXPECT_EQ(fan(0)["mode"], "manual") << "the tick queued after the reply wrote it";
+    EXPECT_EQ(fan(0)["written"], 2500);
+    EXPECT_EQ(test::fileBytes(rig.policiesPath()), R"({"0":{"fixed":{"rpm":2500}}})");
+
+    EXPECT_THAT(
+        ask({setPolicy(4, 0, R"({"fixed":{"rpm":-5}})"),
+             setPolicy(5, 0, R"({"fixed":{"rpm":"nan"}})"), setPolicy(6, 0, "{oops")}),
+        ElementsAre(R"({"id":4,"reply":"invalid rpm"})", R"({"id":5,"reply":"invalid rpm"})",
+                    testing::StartsWith(R"({"id":6,"reply":")")));
+    EXPECT_EQ(fan(0)["written"], 2500);
+    EXPECT_EQ(test::fileBytes(rig.policiesPath()), R"({"0":{"fixed":{"rpm":2500}}})");
+
+    EXPECT_EQ(stopWith(SIGTERM).first, 0);
+    rig.start();
+    EXPECT_THAT(rig.log(), testing::Contains("fan 0: restored fixed 2500 rpm"));
+    EXPECT_THAT(ask({setPolicy(7, -1, R"({"auto":{}})"), kPolicies}),
+                ElementsAre(R"({"id":7,"reply":null})", R"({"id":3,"reply":"{}"})"));
+    EXPECT_FALSE(rig.anyFanManual());
+    EXPECT_EQ(test::fileBytes(rig.policiesPath()), "{}");
+}
+
+class DaemonSignalE2E : public DaemonE2E, public testing::WithParamInterface<int> {};
+
+TEST_P(DaemonSignalE2E, EndsWithStatusZeroAndEveryFanOnAuto) {
+    rig.start();
+    ask({setPolicy(1, -1, kFixed2500)});
+    settle();
+    ASSERT_TRUE(rig.anyFanManual());
+    EXPECT_EQ(stopWith(GetParam()),
+              std::pair(0, "signal " + std::to_string(GetParam()) + "; fans returned to auto"));
+    EXPECT_FALSE(rig.anyFanManual());
+}
+
+INSTANTIATE_TEST_SUITE_P(TermIntHup, DaemonSignalE2E, testing::Values(SIGTERM, SIGINT, SIGHUP));
+
+TEST_F(DaemonE2E, StopsWhenItsExecutableIsReplaced) {
+    rig.start();
+    ask({setPolicy(1, 0, kFixed2500)});
+    test::DaemonRig::install(rig.helperPath() + ".next", nullptr);
+    std::filesystem::rename(rig.helperPath() + ".next", rig.helperPath());
+    EXPECT_EQ(rig.helper().wait(), 0);
+    EXPECT_EQ(rig.log().back(), "executable replaced (update); fans returned to auto");
+    EXPECT_FALSE(rig.anyFanManual());
+}
+
+TEST_F(DaemonE2E, ReleaseFansAfterAKillHandsThemBack) {
+    rig.start();
+    ask({setPolicy(1, -1, kFixed2500)});
+    settle();
+    rig.helper().signal(SIGKILL);
+    rig.helper().wait();
+    ASSERT_TRUE(rig.anyFanManual()) << "a killed daemon leaves its fans where they were";
+    test::BackgroundProcess release(rig.helperPath(), {"--release-fans"}, rig.environment(),
+                                    rig.logPath());
+    EXPECT_EQ(release.wait(), 0);
+    EXPECT_EQ(rig.log().back(), "fans returned to auto (release)");
+    EXPECT_FALSE(rig.anyFanManual());
+}
+
+TEST_F(DaemonE2E, RefusesUnsignedClientsWithoutAnAnswerAndAGarbledLineAlike) {
+    rig.start();
+    platform::ProcessResult refused = rig.client({setPolicy(1, 0, kFixed2500)}, false);
+    EXPECT_EQ(refused.exitCode, 3) << "closed without an answer";
+    EXPECT_EQ(refused.output, "");
+    EXPECT_THAT(rig.log().back(), testing::MatchesRegex("refused process [0-9]+ .*"));
+    platform::ProcessResult garbled = rig.client({"{\"id\":1,\"call\":\"reboot\"}"});
+    EXPECT_EQ(garbled.exitCode, 3);
+    EXPECT_FALSE(rig.anyFanManual());
+    EXPECT_FALSE(std::filesystem::exists(rig.policiesPath()));
+}
+
+TEST_F(DaemonE2E, ASecondDaemonLeavesTheFirstAlone) {
+    rig.start();
+    ask({setPolicy(1, 0, kFixed2500)});
+    settle();
+    test::BackgroundProcess second(rig.helperPath(), {}, rig.environment(), rig.logPath());
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(rig.log().back(), "another daemon is already serving " + rig.socket() + "; exiting");
+    EXPECT_EQ(fan(0)["mode"], "manual");
+    EXPECT_THAT(ask({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+}
+
+// A machine flat out with its fans held at their minimum: each policy change ticks once, and
+// simulated time is moved on between them.
+TEST_F(DaemonE2E, TheFailsafeHandsTheFansBackWhenTheMachineRunsTooHot) {
+    rig.start();
+    const std::string slow = setPolicy(1, -1, R"({"fixed":{"rpm":0}})");
+    ask({slow});
+    rig.ctl({"load", "--cpu", "1", "--gpu", "1"});
+    rig.ctl({"advance", "900"});
+    ask({slow});
+    ask({slow});
+    settle();
+    EXPECT_THAT(rig.log(), testing::Contains(testing::StartsWith("FAILSAFE: ")));
+    EXPECT_FALSE(rig.anyFanManual());
+    rig.ctl({"load", "--cpu", "0", "--gpu", "0"});
+    rig.ctl({"advance", "1800"});
+    for (int i = 0; i < 30; ++i) {
+        ask({slow});
+    }
+    settle();
+    EXPECT_THAT(rig.log(), testing::Contains(testing::StartsWith("cooled to ")));
+}
+
+// Self-update with a team of the test's own: the daemon signed by it, the candidate in the
+// sandbox's package location. The first check comes 5 s after start, on the real clock;
+// rejections and their logging are tested in-process on fake time.
+class SelfUpdateE2E : public testing::Test {
+  protected:
+    SelfUpdateE2E() {
+        std::filesystem::create_directories(std::filesystem::path(source).parent_path());
+    }
+    void candidate(const SigningKey *key) {
+        test::writeExecutable(source, test::signedBytes("#!/bin/sh\necho 1.1.14\nexit 0\n",
+                                                        "dev.ostrel.helper", key));
+    }
+
+    SigningKey team = SigningKey::generate();
+    test::DaemonRig rig{"macbookpro16-1", &team};
+    std::string source = rig.root() + "/usr/lib/ostrel/ostrel-helper";
+};
+
+TEST_F(SelfUpdateE2E, ANewerCopyOfTheTeamReplacesTheDaemonWhichStops) {
+    candidate(&team);
+    rig.start({"--source", source});
+    EXPECT_EQ(rig.helper().wait(), 0);
+    EXPECT_EQ(rig.log().back(),
+              "updated itself to 1.1.14 from " + source + "; fans returned to auto");
+    EXPECT_EQ(test::fileBytes(rig.helperPath()), test::fileBytes(source));
+}
+
+}  // namespace

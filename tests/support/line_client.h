@@ -1,0 +1,54 @@
+// One connection to the daemon's socket from the test or benchmark process itself, which
+// its build signs as the command-line program so that vetting serves it.
+#pragma once
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <optional>
+#include <string>
+
+#include "ostrel/platform/unique_fd.h"
+
+namespace ostrel::test {
+
+class LineClient {
+  public:
+    explicit LineClient(const std::string &path) : fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        connected_ =
+            ::connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    }
+    bool connected() const { return connected_; }
+    bool send(const std::string &bytes) {
+        return ::write(fd_.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    }
+    // The next line without its newline; nothing once the daemon closed the connection
+    // (or after 20 s without one).
+    std::optional<std::string> reply() {
+        for (;;) {
+            if (std::size_t end = buffer_.find('\n'); end != std::string::npos) {
+                std::string line = buffer_.substr(0, end);
+                buffer_.erase(0, end + 1);
+                return line;
+            }
+            pollfd ready{fd_.get(), POLLIN, 0};
+            char chunk[4096];
+            ssize_t n = ::poll(&ready, 1, 20000) == 1 ? ::read(fd_.get(), chunk, sizeof chunk) : 0;
+            if (n <= 0) {
+                return std::nullopt;
+            }
+            buffer_.append(chunk, static_cast<std::size_t>(n));
+        }
+    }
+
+  private:
+    platform::UniqueFd fd_;
+    bool connected_ = false;
+    std::string buffer_;
+};
+
+}  // namespace ostrel::test
