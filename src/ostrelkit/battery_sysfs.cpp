@@ -35,13 +35,17 @@ class Supply {
             return std::nullopt;
         }
         auto [end, ec] = std::from_chars(value->data(), value->data() + value->size(), n);
-        if (ec != std::errc() || end != value->data() + value->size()) {
+        // Real attributes stay far below 10^15 (a battery's µWh, µV, µA); anything beyond is a
+        // driver's nonsense and would overflow the unit conversions below.
+        if (ec != std::errc() || end != value->data() + value->size() || n > kLargest ||
+            n < -kLargest) {
             return std::nullopt;
         }
         return n;
     }
 
   private:
+    static constexpr long long kLargest = 1'000'000'000'000'000;
     std::string dir_;
     const platform::Files &files_;
 };
