@@ -14,6 +14,16 @@ namespace {
 constexpr unsigned kMaxFans = 10;
 constexpr unsigned long kSpeedLimit = 0x4000;
 
+// Whole decimal digits, nothing else, without overflow.
+std::optional<unsigned long> digits(std::string_view text) {
+    unsigned long value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
 // The kernel's kstrtoul(text, 10): an optional '+', decimal digits, at most one trailing
 // newline; anything else, and overflow, is refused.
 std::optional<unsigned long> kernelUnsigned(std::string_view text) {
@@ -23,12 +33,7 @@ std::optional<unsigned long> kernelUnsigned(std::string_view text) {
     if (!text.empty() && text.front() == '+') {
         text.remove_prefix(1);
     }
-    unsigned long value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
+    return digits(text);
 }
 
 // "%s" of a four-character code: it stops at a NUL byte.
@@ -55,13 +60,16 @@ std::optional<unsigned> fanNumber(const std::string &attribute, std::string_view
     if (!name.starts_with("fan") || !name.ends_with(what)) {
         return std::nullopt;
     }
-    std::string_view digits = name.substr(3, name.size() - 3 - what.size());
-    unsigned number = 0;
-    auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (digits.empty() || ec != std::errc{} || end != digits.data() + digits.size()) {
-        return std::nullopt;
+    auto number = digits(name.substr(3, name.size() - 3 - what.size()));
+    return number ? std::optional<unsigned>(static_cast<unsigned>(*number)) : std::nullopt;
+}
+
+// The SMC key behind a fan speed attribute (fanN_min or fanN_output).
+std::uint32_t speedKey(const std::string &attribute) {
+    if (std::optional<unsigned> fan = fanNumber(attribute, "_min")) {
+        return fanKey(*fan - 1, "Mn");
     }
-    return number;
+    return fanKey(*fanNumber(attribute, "_output") - 1, "Tg");
 }
 
 bool isSelectorUse(const std::string &attribute) {
@@ -140,11 +148,6 @@ std::vector<FakeApplesmc::Store> FakeApplesmc::fanStores() const {
         }
     }
     return fans;
-}
-
-void FakeApplesmc::clearStores() {
-    std::lock_guard guard(mutex_);
-    stores_.clear();
 }
 
 void FakeApplesmc::failNext(const std::string &attribute, int error, unsigned times) {
@@ -345,12 +348,7 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         }
         return 0;
     }
-    std::optional<unsigned> fan = fanNumber(attribute, "_min");
-    std::uint32_t key = fan ? fanKey(*fan - 1, "Mn") : 0;
-    if (!fan) {
-        fan = fanNumber(attribute, "_output");
-        key = fanKey(*fan - 1, "Tg");
-    }
+    std::uint32_t key = speedKey(attribute);
     std::vector<std::uint8_t> bytes;
     unsigned long speed = 0;
     if (variant_ == Variant::mainline) {
@@ -399,12 +397,7 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
     if (*value >= kSpeedLimit) {
         return EINVAL;
     }
-    std::optional<unsigned> fan = fanNumber(attribute, "_min");
-    std::uint32_t key = fan ? fanKey(*fan - 1, "Mn") : 0;
-    if (!fan) {
-        fan = fanNumber(attribute, "_output");
-        key = fanKey(*fan - 1, "Tg");
-    }
+    std::uint32_t key = speedKey(attribute);
     if (variant_ == Variant::mainline) {
         return writeKey(key, {static_cast<std::uint8_t>(*value >> 6),
                               static_cast<std::uint8_t>((*value << 2) & 0xFF)});

@@ -62,7 +62,6 @@ class FakeApplesmc {
     std::vector<Store> stores() const;
     // The stores into fan attributes only (the selector writes left out).
     std::vector<Store> fanStores() const;
-    void clearStores();
 
     // The next `times` accesses to `attribute` fail with `error`.
     void failNext(const std::string &attribute, int error, unsigned times = 1);
