@@ -194,6 +194,7 @@ TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNo
     EXPECT_THAT(error.explanation(), HasSubstr("reading SMC keys through the applesmc driver "
                                                "needs root"));
     EXPECT_THAT(error.explanation(), HasSubstr("sudo"));
+    EXPECT_THAT(error.explanation(), HasSubstr("ostrel helper install"));
     EXPECT_TRUE(rig.driver.stores().empty());
     EXPECT_EQ(rig.machine.count(SMC_CMD_WRITE), 0u);
 

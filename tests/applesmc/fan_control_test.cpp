@@ -85,26 +85,4 @@ INSTANTIATE_TEST_SUITE_P(IntelMacs, ApplesmcFanControlTest,
                                                     : "T2");
                          });
 
-TEST(ApplesmcFanControlPrivilege, AWriterThatIsNotRootGetsTheInstallMessage) {
-    vsmc::Machine machine = test::builtinMachine("macbookpro16-1");
-    FakeApplesmc driver(machine, FakeApplesmc::Variant::t2);
-    std::unique_ptr<platform::Sysfs> files = driver.opener(1000);
-    test::TempDir root;
-    auto smc = std::make_shared<SMC>(
-        std::make_unique<csmc::ApplesmcTransport>(driver.device(), root.path() + "/lock", *files));
-    Discovery discovery;
-    discovery.fans = {{0, "Fan 1", true}};
-    platform::FakeClock clock;
-    FanWriter writer(smc, discovery, clock);
-    try {
-        writer.setManual(0, 2000);
-        FAIL();
-    } catch (const SMCError &e) {
-        // The writer reads the limits first, and on this driver reading needs root too.
-        EXPECT_EQ(e, SMCError::kernel(static_cast<std::int32_t>(SMC_KERN_NOT_PERMITTED)));
-        EXPECT_NE(e.explanation().find("ostrel helper install"), std::string::npos);
-    }
-    EXPECT_TRUE(driver.fanStores().empty());
-}
-
 }  // namespace
