@@ -22,7 +22,6 @@ TEST(FourCCTest, TextIsPaddedCutAndShownPrintable) {
     EXPECT_EQ(FourCC("ab").description(), "ab  ");
     EXPECT_EQ(FourCC(0x7F414243u).description(), "?ABC");
     EXPECT_EQ(FourCC(0x00000041u).description(), "???A");
-    EXPECT_EQ(FourCC("TC0P").rawValue, 0x54433050u);
     EXPECT_EQ(Json(FourCC("FS!")).get<std::string>(), "FS! ");
 }
 
@@ -121,12 +120,9 @@ TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
     EXPECT_EQ(errorOf([&] { smc.write("F0Mx", 5000.0); }), SMCError::firmware("F0Mx"));
 }
 
-TEST_F(SMCTest, HasIsFalseForUnknownKeysAndAsksOnlyOnce) {
+TEST_F(SMCTest, HasIsFalseForUnknownKeys) {
     EXPECT_TRUE(smc.has("TC0P"));
-    EXPECT_FALSE(smc.has("NOPE"));
-    std::uint64_t before = machine.totalExchanges();
-    EXPECT_FALSE(smc.has("NOPE"));
-    EXPECT_EQ(machine.totalExchanges(), before);
+    EXPECT_FALSE(smc.has("NOPE"));  // asked once: the channel's negative cache (channel_test)
 }
 
 TEST_F(SMCTest, AllKeysSkipsIndexesThatFail) {
