@@ -14,18 +14,8 @@ namespace {
 
 using namespace ostrel::vsmc;
 using ostrel::test::Connection;
-
+using ostrel::test::readNumber;
 using ostrel::test::writeNumber;
-
-double readNumber(smc_conn *conn, std::uint32_t key) {
-    double value = std::nan("");
-    EXPECT_EQ(smc_read_double(conn, key, &value), SMC_OK);
-    return value;
-}
-
-double readNumber(smc_conn *conn, const char *key) {
-    return readNumber(conn, smc_fourcc(key));
-}
 
 // Takes every fan into manual mode at its minimum or maximum the way the machine's class
 // requires, retrying refused mode writes as a fan writer does.
