@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <set>
 
 namespace ostrel::test {
 
@@ -255,25 +256,20 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
         ++unlockedSelectorUses_;
     }
 
-    bool writable = false;
-    if (attribute == "key_at_index") {
-        writable = true;
-    } else if (attribute == "key_count" || attribute == "key_at_index_name" ||
-               attribute == "key_at_index_type" || attribute == "key_at_index_data_length" ||
-               attribute == "key_at_index_data" ||
-               (attribute == "name" && variant_ == Variant::mainline)) {
-        writable = false;
-    } else {
-        std::optional<unsigned> fan;
-        for (const char *what : {"_min", "_output", "_manual"}) {
-            if (!fan) {
-                fan = fanNumber(attribute, what);
-            }
-        }
+    // The selector and the fan files are writable; the rest are read-only, and anything
+    // else (the T2 driver has no name file) does not exist.
+    static const std::set<std::string> kReadOnly = {"key_count", "key_at_index_name",
+                                                    "key_at_index_type", "key_at_index_data_length",
+                                                    "key_at_index_data"};
+    bool readOnly =
+        kReadOnly.contains(attribute) || (attribute == "name" && variant_ == Variant::mainline);
+    if (!readOnly && attribute != "key_at_index") {
+        std::optional<unsigned> fan = fanNumber(attribute, "_min");
+        fan = fan ? fan : fanNumber(attribute, "_output");
+        fan = fan ? fan : fanNumber(attribute, "_manual");
         if (!fan || *fan < 1 || *fan > fanCount()) {
             return ENOENT;
         }
-        writable = true;
     }
 
     auto fault = faults_.find(attribute);
@@ -287,7 +283,7 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
     bool granted =
         attribute == "key_at_index" &&
         std::find(selectorUsers_.begin(), selectorUsers_.end(), who.uid) != selectorUsers_.end();
-    if (writing && (!writable || (who.uid != 0 && !granted))) {
+    if (writing && (readOnly || (who.uid != 0 && !granted))) {
         return EACCES;
     }
     return 0;
@@ -335,10 +331,10 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
     if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
         std::vector<std::uint8_t> bytes;
         if (variant_ == Variant::mainline) {
-            if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
+            unsigned mask = 0;
+            if (int error = forceMask(mask)) {
                 return error;
             }
-            unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
             out = std::to_string((mask >> (*fan - 1)) & 1) + "\n";
         } else {
             if (int error = readKey(fanKey(*fan - 1, "Md"), 1, bytes)) {
@@ -384,11 +380,10 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
         if (variant_ == Variant::t2) {
             return writeKey(fanKey(*fan - 1, "Md"), {static_cast<std::uint8_t>(*value & 1)});
         }
-        std::vector<std::uint8_t> bytes;
-        if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
+        unsigned mask = 0;
+        if (int error = forceMask(mask)) {
             return error;
         }
-        unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
         unsigned bit = 1u << (*fan - 1);
         mask = *value != 0 ? (mask | bit) : (mask & ~bit);
         return writeKey(csmc::kForceMaskKey,
@@ -434,6 +429,13 @@ int FakeApplesmc::readKey(std::uint32_t key, std::uint32_t size, std::vector<std
     }
     bytes.assign(out.bytes, out.bytes + size);
     return 0;
+}
+
+int FakeApplesmc::forceMask(unsigned &mask) {
+    std::vector<std::uint8_t> bytes;
+    int error = readKey(csmc::kForceMaskKey, 2, bytes);
+    mask = error == 0 ? (unsigned{bytes[0]} << 8) | bytes[1] : 0;
+    return error;
 }
 
 int FakeApplesmc::writeKey(std::uint32_t key, const std::vector<std::uint8_t> &bytes) {
