@@ -106,12 +106,9 @@ TEST_F(ControlServiceTest, ASuccessfulChangeIsFollowedByExactlyOneTick) {
 }
 
 TEST_F(ControlServiceTest, LinesThatAreNotRequestsCloseTheConnectionUnanswered) {
-    const std::string bad[] = {"not json\n", "[1]\n",
-                               R"({"id":1,"call":"reboot"})"
-                               "\n",
-                               R"({"id":"1","call":"version"})"
-                               "\n",
-                               std::string(ControlProtocol::maxLineBytes + 1, ' ')};
+    // Which lines are requests is the protocol's business (control_protocol_test.cpp);
+    // here, that a refused line and one past the length bound each end the connection.
+    const std::string bad[] = {"not json\n", std::string(ControlProtocol::maxLineBytes + 1, ' ')};
     for (const std::string &bytes : bad) {
         Line line(socket);
         line.send(bytes);

@@ -175,11 +175,4 @@ TEST(FanCurveTest, PresetsAreFoundByExactNameAndAreValidCurves) {
     }
 }
 
-TEST(FanCurveTest, EqualityCoversPointsAndSensor) {
-    FanCurve a("50:min,85:max", CurveSensor::cpu);
-    EXPECT_EQ(a, FanCurve("50:0,85:MAX", CurveSensor::cpu));
-    EXPECT_NE(a, FanCurve("50:min,85:max", CurveSensor::gpu));
-    EXPECT_NE(a, FanCurve("50:min,86:max", CurveSensor::cpu));
-}
-
 }  // namespace

@@ -20,16 +20,11 @@ FanCurve unsortedCurve() {
     return curve;
 }
 
-TEST(FanControlErrorTest, Messages) {
-    EXPECT_STREQ(FanControlError::badCurve("x").what(),
-                 "invalid curve point 'x' (expected TEMP:RPM|min|max, e.g. 50:min,70:3000,85:max)");
-    EXPECT_STREQ(FanControlError::noSuchFan(7).what(), "no fan with id 7");
-    EXPECT_STREQ(FanControlError::noSuchFan(-1).what(), "no fan with id -1");
+// The one message composed here rather than passed through (badCurve's is checked with
+// the curve parser, noSuchFan's through the daemon).
+TEST(FanControlErrorTest, HelperUnavailableSaysHowToInstall) {
     EXPECT_STREQ(FanControlError::helperUnavailable("no proxy").what(),
                  "helper unavailable: no proxy\nInstall it with: ostrel helper install");
-    EXPECT_STREQ(FanControlError::helper("invalid rpm").what(), "invalid rpm");
-    EXPECT_EQ(FanControlError::helper("a"), FanControlError::helper("a"));
-    EXPECT_FALSE(FanControlError::helper("a") == FanControlError::badCurve("a"));
 }
 
 // The message validate() fails with, or "(valid)".
@@ -69,13 +64,6 @@ TEST(FanPolicyTest, ValidationAndDescription) {
         EXPECT_EQ(validation(c.policy), c.validation) << c.description;
         EXPECT_EQ(c.policy.description(), c.description);
     }
-}
-
-TEST(FanPolicyTest, EqualityComparesTheValue) {
-    EXPECT_EQ(FanPolicy(), FanPolicy::Auto{});
-    EXPECT_EQ(FanPolicy::fixed(0.0), FanPolicy::fixed(-0.0));
-    EXPECT_NE(FanPolicy::fixed(NAN), FanPolicy::fixed(NAN));
-    EXPECT_NE(FanPolicy::fixed(0), FanPolicy::curve(FanCurve()));
 }
 
 TEST(PolicyCodingTest, EncodesTheDocumentedForms) {

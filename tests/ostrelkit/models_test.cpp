@@ -48,39 +48,27 @@ TEST(SnapshotTest, NoUsableTemperatureMeansNoDerivedTemperature) {
 }
 
 TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
+    using G = SensorGroup;
     struct Case {
+        double hottest, maximumKnown, cpu, gpu;  // the max sensor is the hottest
         std::vector<Reading> readings;
-        std::optional<double> hottest, maximumKnown, cpu, gpu, max;
     } cases[] = {
         // A hot board is not consulted while a CPU value exists; gpu falls back to hottest.
-        {{temp("TC0P", SensorGroup::cpu, 60), temp("Tm0P", SensorGroup::board, 80)},
-         60,
-         80,
-         60,
-         60,
-         60},
-        {{temp("Tm0P", SensorGroup::board, 45)}, 45, 45, 45, 45, 45},
-        {{temp("TG0P", SensorGroup::gpu, 70), temp("TC0P", SensorGroup::cpu, 65),
-          temp("TC0D", SensorGroup::cpu, 68), temp("TB0T", SensorGroup::battery, 90)},
-         70,
+        {60, 80, 60, 60, {temp("TC0P", G::cpu, 60), temp("Tm0P", G::board, 80)}},
+        {45, 45, 45, 45, {temp("Tm0P", G::board, 45)}},
+        {70,
          90,
          68,
          70,
-         70},
+         {temp("TG0P", G::gpu, 70), temp("TC0P", G::cpu, 65), temp("TC0D", G::cpu, 68),
+          temp("TB0T", G::battery, 90)}},
         // An unknown CPU reading does not count, so the board decides.
-        {{temp("TC0C", SensorGroup::cpu, 99, false), temp("Tm0P", SensorGroup::board, 50)},
-         50,
-         50,
-         50,
-         50,
-         50},
-        {{temp("TG0D", SensorGroup::gpu, 55), temp("TG0D", SensorGroup::gpu, NAN),
-          temp("Ts0P", SensorGroup::ambient, 30)},
+        {50, 50, 50, 50, {temp("TC0C", G::cpu, 99, false), temp("Tm0P", G::board, 50)}},
+        {55,
          55,
          55,
          55,
-         55,
-         55},
+         {temp("TG0D", G::gpu, 55), temp("TG0D", G::gpu, NAN), temp("Ts0P", G::ambient, 30)}},
     };
     for (const Case &c : cases) {
         Snapshot snapshot = withTemperatures(c.readings);
@@ -88,7 +76,7 @@ TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
         EXPECT_EQ(snapshot.maximumKnownTemperature(), c.maximumKnown);
         EXPECT_EQ(snapshot.temperature(CurveSensor::cpu), c.cpu);
         EXPECT_EQ(snapshot.temperature(CurveSensor::gpu), c.gpu);
-        EXPECT_EQ(snapshot.temperature(CurveSensor::max), c.max);
+        EXPECT_EQ(snapshot.temperature(CurveSensor::max), c.hottest);
     }
 }
 

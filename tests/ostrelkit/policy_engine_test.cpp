@@ -156,10 +156,4 @@ TEST_F(EngineTest, SettingTheLastPolicyToAutoOrClearingResetsTheFailsafe) {
     EXPECT_FALSE(engine.suspended());
     EXPECT_FALSE(engine.isActive());
 }
-
-TEST(SafetyLimitsTest, PresetsByHardware) {
-    EXPECT_EQ(SafetyLimits::forHardware(false), (SafetyLimits{95, 85, 30, 2}));
-    EXPECT_EQ(SafetyLimits::forHardware(true), (SafetyLimits{110, 100, 30, 2}));
-}
-
 }  // namespace

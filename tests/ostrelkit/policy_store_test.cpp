@@ -1,4 +1,4 @@
-// The helper link's constants, and the policies file: what loading keeps, what saving
+// The policies file: what loading keeps, what saving
 // refuses, and, on the real file system, that a save is atomic and leaves exact modes.
 
 #include <gmock/gmock.h>
@@ -11,7 +11,6 @@
 #include <cmath>
 #include <csignal>
 
-#include "ostrel/helper_constants.h"
 #include "ostrel/policy_store.h"
 #include "support/temp_dir.h"
 
@@ -20,13 +19,6 @@ namespace {
 using namespace ostrel;
 
 const std::string kPath = "/var/lib/dev.ostrel/fan-policies.json";
-
-TEST(HelperConstantsTest, VersionJoinsProtocolAndProductAndPathsFollowTheRoot) {
-    EXPECT_EQ(HelperConstants::version, "1/1.1.13");
-    platform::FakeEnvironment env;
-    env.set("OSTREL_ROOT", "/sandbox");
-    EXPECT_EQ(HelperConstants::policiesFile(platform::Paths(env)), "/sandbox" + kPath);
-}
 
 TEST(PolicyStoreTest, LoadDropsBadMembersOneByOneAndBadFilesWhole) {
     struct Case {

@@ -1,18 +1,14 @@
 // A real client process connected to a socket of the test: the peer that vetting examines.
 #pragma once
 
-#include <poll.h>
 #include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
 #include "ostrel/platform/unique_fd.h"
+#include "support/unix_socket.h"
 
 extern char **environ;
 
@@ -26,13 +22,9 @@ class ConnectedClient {
     ConnectedClient(const std::string &program, const std::string &dir,
                     const std::string &preload = "") {
         std::string path = dir + "/peer.sock";
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
         ::unlink(path.c_str());
-        platform::UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (::bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-            ::listen(listener.get(), 1) != 0) {
+        platform::UniqueFd listener(rawSocket(path, true));
+        if (listener.get() < 0 || ::listen(listener.get(), 1) != 0) {
             throw std::runtime_error("cannot listen on " + path);
         }
         std::string preloadVariable = "LD_PRELOAD=" + preload;

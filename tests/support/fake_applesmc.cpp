@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <set>
 
 namespace ostrel::test {
 
@@ -13,6 +14,16 @@ namespace {
 
 constexpr unsigned kMaxFans = 10;
 constexpr unsigned long kSpeedLimit = 0x4000;
+
+// Whole decimal digits, nothing else, without overflow.
+std::optional<unsigned long> digits(std::string_view text) {
+    unsigned long value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
 
 // The kernel's kstrtoul(text, 10): an optional '+', decimal digits, at most one trailing
 // newline; anything else, and overflow, is refused.
@@ -23,12 +34,7 @@ std::optional<unsigned long> kernelUnsigned(std::string_view text) {
     if (!text.empty() && text.front() == '+') {
         text.remove_prefix(1);
     }
-    unsigned long value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
+    return digits(text);
 }
 
 // "%s" of a four-character code: it stops at a NUL byte.
@@ -55,13 +61,16 @@ std::optional<unsigned> fanNumber(const std::string &attribute, std::string_view
     if (!name.starts_with("fan") || !name.ends_with(what)) {
         return std::nullopt;
     }
-    std::string_view digits = name.substr(3, name.size() - 3 - what.size());
-    unsigned number = 0;
-    auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (digits.empty() || ec != std::errc{} || end != digits.data() + digits.size()) {
-        return std::nullopt;
+    auto number = digits(name.substr(3, name.size() - 3 - what.size()));
+    return number ? std::optional<unsigned>(static_cast<unsigned>(*number)) : std::nullopt;
+}
+
+// The SMC key behind a fan speed attribute (fanN_min or fanN_output).
+std::uint32_t speedKey(const std::string &attribute) {
+    if (std::optional<unsigned> fan = fanNumber(attribute, "_min")) {
+        return fanKey(*fan - 1, "Mn");
     }
-    return number;
+    return fanKey(*fanNumber(attribute, "_output") - 1, "Tg");
 }
 
 bool isSelectorUse(const std::string &attribute) {
@@ -140,11 +149,6 @@ std::vector<FakeApplesmc::Store> FakeApplesmc::fanStores() const {
         }
     }
     return fans;
-}
-
-void FakeApplesmc::clearStores() {
-    std::lock_guard guard(mutex_);
-    stores_.clear();
 }
 
 void FakeApplesmc::failNext(const std::string &attribute, int error, unsigned times) {
@@ -252,25 +256,20 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
         ++unlockedSelectorUses_;
     }
 
-    bool writable = false;
-    if (attribute == "key_at_index") {
-        writable = true;
-    } else if (attribute == "key_count" || attribute == "key_at_index_name" ||
-               attribute == "key_at_index_type" || attribute == "key_at_index_data_length" ||
-               attribute == "key_at_index_data" ||
-               (attribute == "name" && variant_ == Variant::mainline)) {
-        writable = false;
-    } else {
-        std::optional<unsigned> fan;
-        for (const char *what : {"_min", "_output", "_manual"}) {
-            if (!fan) {
-                fan = fanNumber(attribute, what);
-            }
-        }
+    // The selector and the fan files are writable; the rest are read-only, and anything
+    // else (the T2 driver has no name file) does not exist.
+    static const std::set<std::string> kReadOnly = {"key_count", "key_at_index_name",
+                                                    "key_at_index_type", "key_at_index_data_length",
+                                                    "key_at_index_data"};
+    bool readOnly =
+        kReadOnly.contains(attribute) || (attribute == "name" && variant_ == Variant::mainline);
+    if (!readOnly && attribute != "key_at_index") {
+        std::optional<unsigned> fan = fanNumber(attribute, "_min");
+        fan = fan ? fan : fanNumber(attribute, "_output");
+        fan = fan ? fan : fanNumber(attribute, "_manual");
         if (!fan || *fan < 1 || *fan > fanCount()) {
             return ENOENT;
         }
-        writable = true;
     }
 
     auto fault = faults_.find(attribute);
@@ -284,7 +283,7 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
     bool granted =
         attribute == "key_at_index" &&
         std::find(selectorUsers_.begin(), selectorUsers_.end(), who.uid) != selectorUsers_.end();
-    if (writing && (!writable || (who.uid != 0 && !granted))) {
+    if (writing && (readOnly || (who.uid != 0 && !granted))) {
         return EACCES;
     }
     return 0;
@@ -332,10 +331,10 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
     if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
         std::vector<std::uint8_t> bytes;
         if (variant_ == Variant::mainline) {
-            if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
+            unsigned mask = 0;
+            if (int error = forceMask(mask)) {
                 return error;
             }
-            unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
             out = std::to_string((mask >> (*fan - 1)) & 1) + "\n";
         } else {
             if (int error = readKey(fanKey(*fan - 1, "Md"), 1, bytes)) {
@@ -345,12 +344,7 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         }
         return 0;
     }
-    std::optional<unsigned> fan = fanNumber(attribute, "_min");
-    std::uint32_t key = fan ? fanKey(*fan - 1, "Mn") : 0;
-    if (!fan) {
-        fan = fanNumber(attribute, "_output");
-        key = fanKey(*fan - 1, "Tg");
-    }
+    std::uint32_t key = speedKey(attribute);
     std::vector<std::uint8_t> bytes;
     unsigned long speed = 0;
     if (variant_ == Variant::mainline) {
@@ -386,11 +380,10 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
         if (variant_ == Variant::t2) {
             return writeKey(fanKey(*fan - 1, "Md"), {static_cast<std::uint8_t>(*value & 1)});
         }
-        std::vector<std::uint8_t> bytes;
-        if (int error = readKey(csmc::kForceMaskKey, 2, bytes)) {
+        unsigned mask = 0;
+        if (int error = forceMask(mask)) {
             return error;
         }
-        unsigned mask = (unsigned{bytes[0]} << 8) | bytes[1];
         unsigned bit = 1u << (*fan - 1);
         mask = *value != 0 ? (mask | bit) : (mask & ~bit);
         return writeKey(csmc::kForceMaskKey,
@@ -399,12 +392,7 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
     if (*value >= kSpeedLimit) {
         return EINVAL;
     }
-    std::optional<unsigned> fan = fanNumber(attribute, "_min");
-    std::uint32_t key = fan ? fanKey(*fan - 1, "Mn") : 0;
-    if (!fan) {
-        fan = fanNumber(attribute, "_output");
-        key = fanKey(*fan - 1, "Tg");
-    }
+    std::uint32_t key = speedKey(attribute);
     if (variant_ == Variant::mainline) {
         return writeKey(key, {static_cast<std::uint8_t>(*value >> 6),
                               static_cast<std::uint8_t>((*value << 2) & 0xFF)});
@@ -441,6 +429,13 @@ int FakeApplesmc::readKey(std::uint32_t key, std::uint32_t size, std::vector<std
     }
     bytes.assign(out.bytes, out.bytes + size);
     return 0;
+}
+
+int FakeApplesmc::forceMask(unsigned &mask) {
+    std::vector<std::uint8_t> bytes;
+    int error = readKey(csmc::kForceMaskKey, 2, bytes);
+    mask = error == 0 ? (unsigned{bytes[0]} << 8) | bytes[1] : 0;
+    return error;
 }
 
 int FakeApplesmc::writeKey(std::uint32_t key, const std::vector<std::uint8_t> &bytes) {

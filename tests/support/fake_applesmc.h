@@ -62,7 +62,6 @@ class FakeApplesmc {
     std::vector<Store> stores() const;
     // The stores into fan attributes only (the selector writes left out).
     std::vector<Store> fanStores() const;
-    void clearStores();
 
     // The next `times` accesses to `attribute` fail with `error`.
     void failNext(const std::string &attribute, int error, unsigned times = 1);
@@ -97,6 +96,7 @@ class FakeApplesmc {
             const std::uint8_t *bytes = nullptr, std::uint32_t size = 0);
     int readKey(std::uint32_t key, std::uint32_t size, std::vector<std::uint8_t> &bytes);
     int writeKey(std::uint32_t key, const std::vector<std::uint8_t> &bytes);
+    int forceMask(unsigned &mask);
     int selected(vsmc::KeyEntry &entry);
     unsigned fanCount() const;
 

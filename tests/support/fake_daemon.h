@@ -4,18 +4,14 @@
 // does; a new one on the same path is the restarted daemon.
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <functional>
 #include <mutex>
 #include <thread>
 
 #include "ostrel/control_protocol.h"
+#include "support/unix_socket.h"
 
 namespace ostrel::test {
 
@@ -26,10 +22,8 @@ class FakeDaemon {
     enum class Mode { answer, silent, closeWithoutAnswer };
 
     FakeDaemon(const std::string &path, Mode mode, Respond respond) {
-        sockaddr_un address{AF_UNIX, {}};
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
         ::unlink(path.c_str());
-        ::bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+        listener_ = rawSocket(path, true);
         ::listen(listener_, 16);
         thread_ = std::thread([this, mode, respond = std::move(respond)] {
             while ((peer_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
@@ -77,7 +71,7 @@ class FakeDaemon {
         arrived_.notify_all();
     }
 
-    int listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int listener_ = -1;
     std::atomic<int> peer_{-1};
     std::atomic<int> connections_{0};
     std::mutex lock_;

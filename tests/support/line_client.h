@@ -2,27 +2,18 @@
 // its build signs as the command-line program so that vetting serves it.
 #pragma once
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <optional>
 #include <string>
 
 #include "ostrel/platform/unique_fd.h"
+#include "support/unix_socket.h"
 
 namespace ostrel::test {
 
 class LineClient {
   public:
-    explicit LineClient(const std::string &path) : fd_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        connected_ =
-            ::connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-    }
-    bool connected() const { return connected_; }
+    explicit LineClient(const std::string &path) : fd_(rawSocket(path)) {}
+    bool connected() const { return fd_.get() >= 0; }
     bool send(const std::string &bytes) {
         return ::write(fd_.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
     }
@@ -47,7 +38,6 @@ class LineClient {
 
   private:
     platform::UniqueFd fd_;
-    bool connected_ = false;
     std::string buffer_;
 };
 

@@ -1,6 +1,9 @@
 // Test helpers: virtual machines from inline profile text, and channel connections on them.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cmath>
 #include <memory>
 #include <string>
 #include <utility>
@@ -66,6 +69,17 @@ inline std::int32_t writeNumber(smc_conn *conn, std::uint32_t key, double value)
 
 inline std::int32_t writeNumber(smc_conn *conn, const char *key, double value) {
     return writeNumber(conn, smc_fourcc(key), value);
+}
+
+// Reads a key as a number through the channel; a failed read fails the test and gives NaN.
+inline double readNumber(smc_conn *conn, std::uint32_t key) {
+    double value = std::nan("");
+    EXPECT_EQ(smc_read_double(conn, key, &value), SMC_OK) << "reading a key";
+    return value;
+}
+
+inline double readNumber(smc_conn *conn, const char *key) {
+    return readNumber(conn, smc_fourcc(key));
 }
 
 // Sets a key of the machine to a number in the key's own type, behind the channel's back

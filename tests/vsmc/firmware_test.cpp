@@ -11,14 +11,8 @@ namespace {
 
 using namespace ostrel::vsmc;
 using ostrel::test::Connection;
-
+using ostrel::test::readNumber;
 using ostrel::test::writeNumber;
-
-double readNumber(smc_conn *conn, const char *key) {
-    double value = -1;
-    EXPECT_EQ(smc_read_double(conn, smc_fourcc(key), &value), SMC_OK) << key;
-    return value;
-}
 
 TEST(ForceMask, EachBitPutsItsFanInManualAndClearingItHandsTheFanBack) {
     Machine machine = ostrel::test::builtinMachine("macbookpro10-1");

@@ -14,18 +14,8 @@ namespace {
 
 using namespace ostrel::vsmc;
 using ostrel::test::Connection;
-
+using ostrel::test::readNumber;
 using ostrel::test::writeNumber;
-
-double readNumber(smc_conn *conn, std::uint32_t key) {
-    double value = std::nan("");
-    EXPECT_EQ(smc_read_double(conn, key, &value), SMC_OK);
-    return value;
-}
-
-double readNumber(smc_conn *conn, const char *key) {
-    return readNumber(conn, smc_fourcc(key));
-}
 
 // Takes every fan into manual mode at its minimum or maximum the way the machine's class
 // requires, retrying refused mode writes as a fan writer does.
@@ -250,16 +240,7 @@ TEST(Battery, ChargesOnTheAdapterAndIsAbsentOnADesktop) {
     nlohmann::json battery = laptop.batteryProperties();
     EXPECT_EQ(battery["IsCharging"], 1);
     EXPECT_GT(battery["Amperage"].get<int>(), 2000);
-    EXPECT_EQ(battery["DesignCapacity"], 8460);
-
-    Machine silicon = ostrel::test::builtinMachine("macbookpro18-2");
-    EXPECT_EQ(silicon.batteryProperties()["MaxCapacity"], 100) << "percent on Apple silicon";
-    EXPECT_EQ(silicon.batteryProperties()["AppleRawMaxCapacity"], 8693);
-
-    Machine desktop = ostrel::test::builtinMachine("macpro7-1");
-    EXPECT_TRUE(desktop.batteryProperties().is_null());
-    EXPECT_TRUE(desktop.temperatureSensors().empty());
-    EXPECT_EQ(desktop.fanCount(), 4u);
+    EXPECT_TRUE(ostrel::test::builtinMachine("macpro7-1").batteryProperties().is_null());
 }
 
 std::vector<std::uint8_t> tableBytes(const Machine &machine) {

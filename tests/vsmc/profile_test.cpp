@@ -239,36 +239,4 @@ TEST(ProfileBindings, KeysFollowTheirNamesUnlessTheProfileSaysOtherwise) {
 
 INSTANTIATE_TEST_SUITE_P(All, BuiltinProfile, testing::ValuesIn(builtinProfileNames()));
 
-TEST(BuiltinProfiles, CoverTheThreeWriteSemanticsAndADesktop) {
-    auto has = [](const Machine &m, const char *key) {
-        return m.keys().find(smc_fourcc(key)) != nullptr;
-    };
-    Machine forceMask(builtinProfile("macbookpro10-1"));
-    EXPECT_TRUE(has(forceMask, "FS! "));
-    EXPECT_FALSE(has(forceMask, "F0Md"));
-    EXPECT_EQ(forceMask.keys().find(smc_fourcc("F0Ac"))->type, smc_fourcc("fpe2"));
-    EXPECT_TRUE(has(forceMask, "F1ID"));
-
-    Machine t2(builtinProfile("macbookpro16-1"));
-    EXPECT_TRUE(has(t2, "F1Md"));
-    EXPECT_FALSE(has(t2, "FS! "));
-    EXPECT_FALSE(has(t2, "Ftst"));
-    EXPECT_EQ(t2.keys().find(smc_fourcc("F0Tg"))->type, smc_fourcc("flt "));
-
-    Machine silicon(builtinProfile("macbookpro18-2"));
-    EXPECT_TRUE(has(silicon, "Ftst"));
-    EXPECT_TRUE(has(silicon, "F0Md"));
-    EXPECT_EQ(silicon.keys().find(smc_fourcc("Tp01"))->type, smc_fourcc("flt "));
-    EXPECT_FALSE(silicon.temperatureSensors().empty());
-
-    Machine desktop(builtinProfile("macpro7-1"));
-    EXPECT_EQ(desktop.model(), "MacPro7,1");
-    EXPECT_EQ(desktop.fanControl(), FanControlKind::modeKeys);
-    EXPECT_EQ(desktop.keys().find(smc_fourcc("F3Mx"))->type, smc_fourcc("flt "));
-    EXPECT_FALSE(has(desktop, "B0AV"));
-    for (const Machine *m : {&forceMask, &t2, &silicon, &desktop}) {
-        EXPECT_GT(m->keys().size(), 200u) << m->model();
-    }
-}
-
 }  // namespace

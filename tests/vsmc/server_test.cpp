@@ -2,9 +2,7 @@
 // temporary socket with a fake clock (several clients, privilege, faults, garbage,
 // abuse, time), and the ostrel-vsmc process itself for start-up and shutdown.
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <gmock/gmock.h>
@@ -17,11 +15,10 @@
 #include "ostrel/platform/json.h"
 #include "ostrel/vsmc/server.h"
 #include "ostrel/vsmc/virtual_mac.h"
+#include "support/background_process.h"
 #include "support/io_thread.h"
 #include "support/temp_dir.h"
 #include "support/test_machine.h"
-
-extern char **environ;
 
 namespace {
 
@@ -379,59 +376,35 @@ TEST_F(VsmcServer, CtlBadArgumentsAreUsageErrorsAndRefusedCallsFailures) {
     EXPECT_THAT(scenario.err, HasSubstr("bad.scenario:1: cpu load '7'"));
 }
 
-// The ostrel-vsmc process: started, its announcement read from its output (which comes
-// once it listens), stopped with a signal.
-class VsmcProcess : public testing::Test {
-  protected:
-    // Starts `ostrel-vsmc ARGS`; its first line of output, or "" when it printed none.
-    std::string start(std::vector<std::string> args) {
-        args.insert(args.begin(), OSTREL_VSMC_BINARY);
-        std::vector<char *> argv;
-        for (std::string &a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        int pipe[2];
-        EXPECT_EQ(::pipe2(pipe, O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, pipe[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, pipe[1], 2);
-        EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(pipe[1]);
-        std::string line;
-        char c = 0;
-        while (::read(pipe[0], &c, 1) == 1 && c != '\n') {
-            line += c;
-        }
-        ::close(pipe[0]);
-        return line;
-    }
-    int stop(int signal = SIGTERM) {
-        ::kill(pid, signal);
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
+// The ostrel-vsmc process, its announcement read from its output (which comes once it
+// listens).
+TEST(VsmcProcess, ServesUntilTerminatedKeepsItsSocketAndTakesItAlong) {
     ostrel::test::TempDir dir;
     std::string socket = dir.path() + "/vsmc.sock";
-    pid_t pid = -1;
-};
-
-TEST_F(VsmcProcess, ServesUntilTerminatedKeepsItsSocketAndTakesItAlong) {
+    // The first line `ostrel-vsmc ARGS` prints, once it has printed one or ended.
+    auto announced = [&](ostrel::test::BackgroundProcess &vsmc, const std::string &log) {
+        ostrel::test::waitInDirectory(dir.path(), [&] {
+            return dir.read(log).find('\n') != std::string::npos || !vsmc.running();
+        });
+        std::string out = dir.read(log);
+        return out.substr(0, out.find('\n'));
+    };
     ::close(rawSocket(socket, true));  // left behind by a server that died: replaced
-    EXPECT_EQ(start({"--profile", "macbookpro16-1", "--socket", socket, "--speed", "0"}),
+    ostrel::test::BackgroundProcess first(
+        OSTREL_VSMC_BINARY, {"--profile", "macbookpro16-1", "--socket", socket, "--speed", "0"}, {},
+        dir.path() + "/first.log");
+    EXPECT_EQ(announced(first, "first.log"),
               "ostrel-vsmc: MacBookPro16,1 (builtin:macbookpro16-1) on " + socket + ", speed 0");
-    pid_t first = pid;
-    EXPECT_EQ(start({"--profile", "macbookpro10-1", "--socket", socket}),
+    ostrel::test::BackgroundProcess second(OSTREL_VSMC_BINARY,
+                                           {"--profile", "macbookpro10-1", "--socket", socket}, {},
+                                           dir.path() + "/second.log");
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(announced(second, "second.log"),
               "ostrel-vsmc: a virtual Mac is already serving " + socket);
-    EXPECT_EQ(stop(0), 1);
-    pid = first;
     Client client(socket, ostrel::platform::realClock());
     EXPECT_EQ(client.transport().modelIdentifier(), "MacBookPro16,1");
-    EXPECT_EQ(stop(), 0);
+    first.signal(SIGTERM);
+    EXPECT_EQ(first.wait(), 0);
     EXPECT_EQ(::access(socket.c_str(), F_OK), -1) << "the socket goes with the server";
 }
 
