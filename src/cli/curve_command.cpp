@@ -43,13 +43,7 @@ void curveCommand(Context &context, const Options &options) {
     for (const std::string &text : options.at) {
         temperatures.push_back(numberOption("--at", text));
     }
-    FanCurve curve;
-    if (const FanCurve *preset = FanCurve::preset(options.curveText)) {
-        curve = *preset;
-        curve.sensor = sensor;
-    } else {
-        curve = FanCurve(options.curveText, sensor);
-    }
+    FanCurve curve = curveNamed(options.curveText, sensor);
     if (options.json) {
         out << PolicyCoding::encode(FanPolicy::curve(curve)) << '\n';
         return;

@@ -89,9 +89,14 @@ TEST_F(CliTest, LostOutputExitsOne) {
     FullDisk full;
     std::ostream lost(&full);
     cli::Context context{
-        &lost, &err,
+        &lost,
+        &err,
         [this] { return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine)); },
-        SystemAccess{}};
+        SystemAccess{},
+        {},
+        nullptr,
+        {},
+        false};
     const char *args[] = {"ostrel", "smc", "keys"};
     EXPECT_EQ(cli::run(3, args, context), 1);
     EXPECT_THAT(err.str(), HasSubstr("ostrel: cannot write the output"));
@@ -154,29 +159,22 @@ class CurveCommandTest : public testing::Test, protected ostrel::test::CliHarnes
     }
 };
 
-TEST_F(CurveCommandTest, PrintsTheDescriptionAndTheSpeedAtEachTemperature) {
-    EXPECT_EQ(
-        run({"85:max, 50:min,70:3000", "--at", "40", "--at", "60", "--at", "80", "--at", "72.5"}),
-        0);
-    EXPECT_EQ(out.str(),
-              "50:min,70:3000,85:max (cpu)\n"
-              "40 \u00B0C: 1200 rpm\n"
-              "60 \u00B0C: 2100 rpm\n"
-              "80 \u00B0C: 5000 rpm\n"
-              "72.5 \u00B0C: 3500 rpm\n");
-    EXPECT_EQ(err.str(), "");
-}
-
-TEST_F(CurveCommandTest, PresetsSensorAndFanLimits) {
-    EXPECT_EQ(run({"quiet", "--sensor", "gpu", "--min", "2000", "--max", "5000", "--at", "95"}), 0);
-    EXPECT_EQ(out.str(), "60:min,80:3500,92:max (gpu)\n95 \u00B0C: 5000 rpm\n");
-}
-
-TEST_F(CurveCommandTest, JsonIsTheCurvePolicy) {
-    EXPECT_EQ(run({"50:min,85:max", "--sensor", "max", "--json"}), 0);
-    EXPECT_EQ(out.str(), R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
-                         R"({"temperature":85,"rpm":"inf"}],"sensor":"max"}}})"
-                         "\n");
+TEST_F(CurveCommandTest, PrintsTheSpeedsPresetsWithTheirSensorAndLimitsAndThePolicyJson) {
+    for (auto [args, printed] : std::vector<std::pair<std::vector<const char *>, std::string>>{
+             {{"85:max, 50:min,70:3000", "--at", "40", "--at", "60", "--at", "80", "--at", "72.5"},
+              "50:min,70:3000,85:max (cpu)\n40 \u00B0C: 1200 rpm\n60 \u00B0C: 2100 rpm\n"
+              "80 \u00B0C: 5000 rpm\n72.5 \u00B0C: 3500 rpm\n"},
+             {{"quiet", "--sensor", "gpu", "--min", "2000", "--max", "5000", "--at", "95"},
+              "60:min,80:3500,92:max (gpu)\n95 \u00B0C: 5000 rpm\n"},
+             {{"50:min,85:max", "--sensor", "max", "--json"},
+              R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
+              R"({"temperature":85,"rpm":"inf"}],"sensor":"max"}}})"
+              "\n"},
+         }) {
+        out.str("");
+        EXPECT_EQ(run(args), 0) << err.str();
+        EXPECT_EQ(out.str(), printed);
+    }
 }
 
 TEST_F(CurveCommandTest, BadCurvesExitOneAndUsageErrorsTwo) {

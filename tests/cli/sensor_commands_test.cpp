@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <sstream>
 
 #include "cli_harness.h"
@@ -237,6 +238,68 @@ TEST_F(SensingCommandsTest, ReadingsLostToTheConnectionExitOne) {
         EXPECT_EQ(err.str(), "ostrel: some readings are missing: IOKit error 0xe00002ed\n");
         EXPECT_THAT(out.str(), HasSubstr("Left side")) << "what was read is printed";
     }
+}
+
+// Waits as a script says: each wait returns the next signal (0: the interval passed).
+struct ScriptedPause : cli::Pause {
+    ScriptedPause(std::vector<int> *s, std::vector<std::chrono::nanoseconds> *w)
+        : script(s), waits(w) {}
+    std::vector<int> *script;
+    std::vector<std::chrono::nanoseconds> *waits;
+    int wait(std::chrono::nanoseconds duration) override {
+        waits->push_back(duration);
+        return waits->size() <= script->size() ? (*script)[waits->size() - 1] : 0;
+    }
+};
+
+// No daemon listens in the sandbox: watch goes on without policies.
+TEST_F(SensingCommandsTest, WatchRedrawsUntilItsCountOrASignal) {
+    platform::SerialQueue deadlines("watch.deadlines", nullptr);
+    HelperClient client(root.path() + "/run/dev.ostrel.helper.sock", deadlines);
+    helper = [&]() -> HelperClient & { return client; };
+    std::vector<int> script;
+    std::vector<std::chrono::nanoseconds> waits;
+    pause = [&] { return std::make_unique<ScriptedPause>(&script, &waits); };
+    root.put("var/log/dev.ostrel.helper.log", "one\ntwo\nthree\nfour\n");
+    struct Case {
+        std::vector<const char *> args;
+        bool terminal;
+        std::vector<int> signals;
+        int status;
+        std::size_t frames;
+    };
+    for (const Case &c : std::vector<Case>{
+             {{"watch", "--count", "3", "--interval", "0.5"}, false, {}, 0, 3},
+             {{"watch"}, false, {0, SIGINT}, 130, 2},
+             {{"watch", "--interval", "1"}, true, {SIGTERM}, 143, 1},
+             {{"watch", "--json", "--count", "2"}, false, {}, 0, 2},
+         }) {
+        out.str("");
+        terminal = c.terminal;
+        script = c.signals;
+        waits.clear();
+        EXPECT_EQ(run(c.args), c.status) << err.str();
+        std::string shown = out.str();
+        EXPECT_EQ(waits.size(), c.frames - (c.status == 0));
+        if (c.args.size() > 1 && c.args[1] == std::string("--json")) {
+            Json last = Json::parse(shown.substr(shown.rfind('\n', shown.size() - 2)));
+            EXPECT_EQ(last["fans"][1]["policy"], Json());
+            EXPECT_EQ(last["log"], Json::parse(R"(["two","three","four"])"));
+            continue;
+        }
+        std::size_t frames = 0;
+        for (std::size_t at = 0; (at = shown.find("ostrel watch", at)) != std::string::npos; ++at) {
+            ++frames;
+        }
+        EXPECT_EQ(frames, c.frames);
+        EXPECT_EQ(shown.starts_with("\x1b[H\x1b[2J"), c.terminal);
+        EXPECT_EQ(shown.find("\n\nEvery") != std::string::npos, !c.terminal);
+        EXPECT_THAT(shown, HasSubstr("manual, target 3500 rpm  policy: unknown\n"
+                                     "Daemon not reachable: no daemon is listening on "));
+        EXPECT_THAT(shown, HasSubstr("Daemon log\n  two\n  three\n  four\n"));
+    }
+    EXPECT_EQ(waits, std::vector<std::chrono::nanoseconds>(1, std::chrono::seconds(2)))
+        << "the default interval";
 }
 
 TEST(SensingCommandsOnAMacPro, TheEssentialCpuSensorsAreNoCores) {
