@@ -90,6 +90,16 @@ void defineDump(CLI::App &command, Options &options) {
     jsonFlag(command, options, "Print JSON instead of the profile format");
 }
 
+// The temperature a curve follows, for `curve` and `set`.
+void sensorOption(CLI::App &command, Options &options) {
+    command
+        .add_option("--sensor", options.sensor,
+                    "The temperature that drives the curve: cpu or gpu (the hottest sensor "
+                    "of that kind) or max (the hottest of all); default cpu")
+        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
+        ->type_name("SENSOR");
+}
+
 void defineCurve(CLI::App &command, Options &options) {
     command
         .add_option("TEXT", options.curveText,
@@ -97,13 +107,7 @@ void defineCurve(CLI::App &command, Options &options) {
                     "balanced, performance")
         ->type_name("")
         ->required();
-    command
-        .add_option("--sensor", options.sensor,
-                    "The temperature that drives the curve: cpu or gpu (the hottest sensor "
-                    "of that kind) or max (the hottest of all)")
-        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
-        ->type_name("SENSOR")
-        ->capture_default_str();
+    sensorOption(command, options);
     CLI::Option *min =
         command.add_option("--min", options.min, "The fan's minimum speed in rpm (default 1200)")
             ->type_name("LO");
@@ -128,12 +132,7 @@ void defineSet(CLI::App &command, Options &options) {
                     "auto, max, a speed in rpm, a curve such as 50:min,70:3000,85:max, or a "
                     "preset: quiet, balanced, performance")
         ->required();
-    command
-        .add_option("--sensor", options.policySensor,
-                    "The temperature a curve follows: cpu or gpu (the hottest sensor of that "
-                    "kind) or max (the hottest of all); default cpu")
-        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
-        ->type_name("SENSOR");
+    sensorOption(command, options);
     jsonFlag(command, options, "Print the accepted policy as JSON");
 }
 

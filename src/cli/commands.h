@@ -32,13 +32,12 @@ struct Options {
     std::string key;
     // curve
     std::string curveText;
-    std::string sensor = "cpu";
+    std::optional<std::string> sensor;  // curve, set: nothing means cpu
     std::optional<std::string> min, max;
     std::vector<std::string> at;
     // set
     std::string fan;
     std::string policy;
-    std::optional<std::string> policySensor;
     // helper install
     std::optional<std::string> from;
     // watch

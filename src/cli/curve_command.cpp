@@ -36,7 +36,7 @@ double numberOption(const std::string &option, const std::string &text) {
 void curveCommand(Context &context, const Options &options) {
     std::ostream &out = *context.out;
     // CLI11 has already checked the sensor against the three names.
-    CurveSensor sensor = *curveSensorFromRaw(options.sensor);
+    CurveSensor sensor = *curveSensorFromRaw(options.sensor.value_or("cpu"));
     double lo = options.min ? numberOption("--min", *options.min) : kDefaultMinRpm;
     double hi = options.max ? numberOption("--max", *options.max) : kDefaultMaxRpm;
     std::vector<double> temperatures;

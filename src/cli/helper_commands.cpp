@@ -82,7 +82,7 @@ FanPolicy parsePolicy(const std::string &text, const std::optional<std::string> 
 
 void setCommand(Context &context, const Options &options) {
     std::int64_t fan = parseFan(options.fan);
-    FanPolicy policy = parsePolicy(options.policy, options.policySensor);
+    FanPolicy policy = parsePolicy(options.policy, options.sensor);
     context.helper().blocking(kSetWait, [&](HelperClient &c) { return c.setPolicy(policy, fan); });
     if (options.json) {
         Json json = policyJson(policy);
