@@ -239,6 +239,7 @@ TEST_F(SensingCommandsTest, WatchWaitsItsIntervalUntilItsCountOrASignal) {
     std::vector<int> script;
     std::vector<long> waitsMs;
     pause = [&] { return std::make_unique<ScriptedPause>(script, waitsMs); };
+    root.put("var/log/dev.ostrel.helper.log", std::string(5000, 'x') + "\nlast\n");
     struct Case {
         std::vector<const char *> args;
         bool terminal;
@@ -260,6 +261,7 @@ TEST_F(SensingCommandsTest, WatchWaitsItsIntervalUntilItsCountOrASignal) {
         EXPECT_EQ(out.str().starts_with("\x1b[H\x1b[2J"), c.terminal);
         EXPECT_THAT(out.str(), HasSubstr("manual, target 3500 rpm  policy: unknown\n"
                                          "Daemon not reachable: no daemon is listening on "));
+        EXPECT_THAT(out.str(), HasSubstr("Daemon log\n  last\n")) << "a line cut by the tail";
     }
 }
 

@@ -15,17 +15,17 @@ class CliE2E : public testing::Test {
   protected:
     // Runs `ostrel ARGS` in the sandbox; checks its status and returns its output.
     std::string ostrel(const std::vector<std::string> &args, int status = 0) {
-        platform::ProcessSpec spec;
-        spec.program = "/usr/bin/env";
+        platform::ProcessSpec command;
+        command.program = "/usr/bin/env";
         for (const auto &[name, value] : rig.environment()) {
-            spec.args.push_back(name + "=" + value);
+            command.args.push_back(name + "=" + value);
         }
-        spec.args.push_back("XDG_CACHE_HOME=" + rig.root() + "/cache");
-        spec.args.push_back(OSTREL_CLI_PROGRAM);
-        spec.args.insert(spec.args.end(), args.begin(), args.end());
-        spec.error = platform::Stream::capture;
-        spec.timeout = std::chrono::seconds(30);
-        platform::ProcessResult run = processes->run(spec);
+        command.args.push_back("XDG_CACHE_HOME=" + rig.root() + "/cache");
+        command.args.push_back(OSTREL_CLI_PROGRAM);
+        command.args.insert(command.args.end(), args.begin(), args.end());
+        command.error = platform::Stream::capture;
+        command.timeout = std::chrono::seconds(30);
+        platform::ProcessResult run = processes->run(command);
         EXPECT_EQ(run.exitCode, status) << testing::PrintToString(args) << run.error;
         error = run.error;
         return run.output;
