@@ -140,9 +140,8 @@ void defineInstall(CLI::App &command, Options &options) {
     command.add_option("--from", options.from,
                        "The ostrel-helper to install (default: the one next to ostrel or "
                        "where the package puts it)");
+    jsonFlag(command, options);
 }
-
-void defineNothing(CLI::App &, Options &) {}
 
 void defineWatch(CLI::App &command, Options &options) {
     command.add_option("--interval", options.interval, "Seconds between frames")
@@ -184,7 +183,7 @@ const Command kCommands[] = {
      helperStatusCommand},
     {"helper install", "Install the daemon and start it (asks for administrator rights)",
      defineInstall, helperInstallCommand},
-    {"helper uninstall", "Stop and remove the daemon and its stored policies", defineNothing,
+    {"helper uninstall", "Stop and remove the daemon and its stored policies", defineJson,
      helperUninstallCommand},
 };
 

@@ -199,13 +199,21 @@ void helperInstallCommand(Context &context, const Options &options) {
             "path with --from PATH");
     }
     context.installer->install(*from);
-    fmt::print(*context.out, "installed {} as {}\n", text::printable(*from),
-               HelperConstants::installedBinary(context.system.paths()));
+    std::string installed = HelperConstants::installedBinary(context.system.paths());
+    if (options.json) {
+        printJson(*context.out, Json{{"from", *from}, {"installed", installed}});
+    } else {
+        fmt::print(*context.out, "installed {} as {}\n", text::printable(*from), installed);
+    }
 }
 
-void helperUninstallCommand(Context &context, const Options &) {
+void helperUninstallCommand(Context &context, const Options &options) {
     context.installer->uninstall();
-    *context.out << "uninstalled the daemon, its unit and the stored policies\n";
+    if (options.json) {
+        printJson(*context.out, Json{{"uninstalled", true}});
+    } else {
+        *context.out << "uninstalled the daemon, its unit and the stored policies\n";
+    }
 }
 
 }  // namespace ostrel::cli
