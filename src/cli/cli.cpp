@@ -90,6 +90,16 @@ void defineDump(CLI::App &command, Options &options) {
     jsonFlag(command, options, "Print JSON instead of the profile format");
 }
 
+// The temperature a curve follows, for `curve` and `set`.
+void sensorOption(CLI::App &command, Options &options) {
+    command
+        .add_option("--sensor", options.sensor,
+                    "The temperature that drives the curve: cpu or gpu (the hottest sensor "
+                    "of that kind) or max (the hottest of all); default cpu")
+        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
+        ->type_name("SENSOR");
+}
+
 void defineCurve(CLI::App &command, Options &options) {
     command
         .add_option("TEXT", options.curveText,
@@ -97,13 +107,7 @@ void defineCurve(CLI::App &command, Options &options) {
                     "balanced, performance")
         ->type_name("")
         ->required();
-    command
-        .add_option("--sensor", options.sensor,
-                    "The temperature that drives the curve: cpu or gpu (the hottest sensor "
-                    "of that kind) or max (the hottest of all)")
-        ->check(CLI::IsMember({"cpu", "gpu", "max"}))
-        ->type_name("SENSOR")
-        ->capture_default_str();
+    sensorOption(command, options);
     CLI::Option *min =
         command.add_option("--min", options.min, "The fan's minimum speed in rpm (default 1200)")
             ->type_name("LO");
@@ -119,6 +123,35 @@ void defineCurve(CLI::App &command, Options &options) {
         ->excludes(at)
         ->excludes(min)
         ->excludes(max);
+}
+
+void defineSet(CLI::App &command, Options &options) {
+    command.add_option("FAN", options.fan, "A fan id (see ostrel fans), or all")->required();
+    command
+        .add_option("POLICY", options.policy,
+                    "auto, max, a speed in rpm, a curve such as 50:min,70:3000,85:max, or a "
+                    "preset: quiet, balanced, performance")
+        ->required();
+    sensorOption(command, options);
+    jsonFlag(command, options, "Print the accepted policy as JSON");
+}
+
+void defineInstall(CLI::App &command, Options &options) {
+    command.add_option("--from", options.from,
+                       "The ostrel-helper to install (default: the one next to ostrel or "
+                       "where the package puts it)");
+    jsonFlag(command, options);
+}
+
+void defineWatch(CLI::App &command, Options &options) {
+    command.add_option("--interval", options.interval, "Seconds between frames")
+        ->check(CLI::Range(0.1, 3600.0))
+        ->type_name("S")
+        ->capture_default_str();
+    command.add_option("--count", options.count, "Stop after this many frames")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    jsonFlag(command, options, "Print one JSON object per frame, one per line");
 }
 
 // One command of `ostrel`: its words ("smc read"), what it does, its options, and the
@@ -142,11 +175,22 @@ const Command kCommands[] = {
      smcDumpCommand},
     {"curve", "Check a fan curve and show the speeds it commands (touches no fan)", defineCurve,
      curveCommand},
+    {"set", "Set a fan's policy through the daemon", defineSet, setCommand},
+    {"policies", "Every fan with its policy, from the daemon", defineJson, policiesCommand},
+    {"watch", "Temperatures, fans and policies, redrawn until Ctrl-C", defineWatch, watchCommand},
+    {"helper version", "The daemon's version, over its socket", defineJson, helperVersionCommand},
+    {"helper status", "Whether the daemon is installed, running and answering; its log", defineJson,
+     helperStatusCommand},
+    {"helper install", "Install the daemon and start it (asks for administrator rights)",
+     defineInstall, helperInstallCommand},
+    {"helper uninstall", "Stop and remove the daemon and its stored policies", defineJson,
+     helperUninstallCommand},
 };
 
 // Words that only group commands.
 const std::map<std::string, const char *> kGroups = {
     {"smc", "Raw access to the SMC key table: keys, read, dump"},
+    {"helper", "The daemon: version, status, install, uninstall"},
 };
 
 std::vector<std::string> words(std::string_view path) {
@@ -193,6 +237,21 @@ Resolved resolve(CLI::App &root, const std::vector<std::string> &args) {
         r.path = path;
     }
     return r;
+}
+
+// A message for the terminal: controls escaped, but its own line breaks kept (the
+// helper-unavailable message ends with a line of advice).
+std::string printableLines(std::string_view message) {
+    std::string out;
+    for (std::size_t start = 0;;) {
+        std::size_t end = message.find('\n', start);
+        out += text::printable(message.substr(start, end - start));
+        if (end == std::string_view::npos) {
+            return out;
+        }
+        out += '\n';
+        start = end + 1;
+    }
 }
 
 int usageError(std::ostream &err, const std::string &message, const std::string &path) {
@@ -278,14 +337,19 @@ int run(int argc, const char *const *argv, Context &context) {
     } catch (const CLI::ValidationError &e) {
         return usageError(err, e.what(), resolved.path);
     } catch (const FanControlError &e) {
-        err << "ostrel: " << text::printable(e.what()) << '\n';
+        err << "ostrel: " << printableLines(e.what()) << '\n';
         status = 1;
     } catch (const SMCError &e) {
         err << "ostrel: " << text::printable(e.explanation()) << '\n';
         status = 1;
     } catch (const IncompleteOutput &e) {
-        err << "ostrel: " << text::printable(e.what()) << '\n';
+        err << "ostrel: " << printableLines(e.what()) << '\n';
         status = 1;
+    } catch (const DecodingError &e) {
+        err << "ostrel: the daemon's answer cannot be read: " << text::printable(e.what()) << '\n';
+        status = 1;
+    } catch (const Interrupted &e) {
+        status = 128 + e.signal;
     }
     return outputWritten(out, err) ? status : 1;
 }

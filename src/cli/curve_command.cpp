@@ -36,20 +36,14 @@ double numberOption(const std::string &option, const std::string &text) {
 void curveCommand(Context &context, const Options &options) {
     std::ostream &out = *context.out;
     // CLI11 has already checked the sensor against the three names.
-    CurveSensor sensor = *curveSensorFromRaw(options.sensor);
+    CurveSensor sensor = *curveSensorFromRaw(options.sensor.value_or("cpu"));
     double lo = options.min ? numberOption("--min", *options.min) : kDefaultMinRpm;
     double hi = options.max ? numberOption("--max", *options.max) : kDefaultMaxRpm;
     std::vector<double> temperatures;
     for (const std::string &text : options.at) {
         temperatures.push_back(numberOption("--at", text));
     }
-    FanCurve curve;
-    if (const FanCurve *preset = FanCurve::preset(options.curveText)) {
-        curve = *preset;
-        curve.sensor = sensor;
-    } else {
-        curve = FanCurve(options.curveText, sensor);
-    }
+    FanCurve curve = curveNamed(options.curveText, sensor);
     if (options.json) {
         out << PolicyCoding::encode(FanPolicy::curve(curve)) << '\n';
         return;

@@ -1,10 +1,15 @@
 // The composition root of `ostrel`: the one place that builds the real operating-system
 // services and the transports the program offers, and hands them down.
 
+#include <unistd.h>
+
 #include <iostream>
 #include <memory>
 
 #include "cli.h"
+#include "ostrel/helper_constants.h"
+#include "ostrel/platform/file_access.h"
+#include "ostrel/platform/process.h"
 #include "ostrel/vsmc/memory_transport.h"
 
 int main(int argc, char **argv) {
@@ -18,11 +23,34 @@ int main(int argc, char **argv) {
     std::string selector = environment.get("OSTREL_SMC").value_or("");
     csmc::installProcessMachine({transports, selector, paths.sysfs(), &files});
 
+    // The daemon's client and the queue that times its requests, made only by the commands
+    // that talk to the daemon; the client goes first, as it uses the queue.
+    std::unique_ptr<platform::SerialQueue> deadlines;
+    std::unique_ptr<HelperClient> client;
+    std::unique_ptr<platform::Processes> processes = platform::realProcesses(platform::realClock());
+    HelperInstaller installer({&paths, &environment, &files, &platform::realFileAccess(),
+                               processes.get(), platform::currentProcess()});
+
     cli::Context context{
         &std::cout,
         &std::cerr,
         [transports, selector] { return std::make_shared<SMC>(transports->open(selector)); },
         SystemAccess{&environment, &files, &platform::realClock()},
+        [&]() -> HelperClient & {
+            if (!client) {
+                deadlines = std::make_unique<platform::SerialQueue>(
+                    "dev.ostrel.client.deadlines",
+                    [](const std::string &message) { std::cerr << "ostrel: " << message << '\n'; });
+                client =
+                    std::make_unique<HelperClient>(HelperConstants::socketPath(paths), *deadlines);
+            }
+            return *client;
+        },
+        &installer,
+        cli::signalPause,
+        ::isatty(STDOUT_FILENO) == 1,
     };
-    return cli::run(argc, argv, context);
+    int status = cli::run(argc, argv, context);
+    client.reset();
+    return status;
 }

@@ -54,17 +54,6 @@ const char *alarmText(FanAlarm alarm) {
                                       : "impossible limits: minimum above maximum";
 }
 
-// A fan as JSON: its reading (units: rpm) and its alarms, the same shape wherever fans
-// appear.
-Json fanJson(const FanReading &fan, bool stopsAtIdle) {
-    Json json = fan;
-    json["alarms"] = Json::array();
-    for (FanAlarm alarm : alarms(fan, stopsAtIdle)) {
-        json["alarms"].push_back(alarmKey(alarm));
-    }
-    return json;
-}
-
 Json fansJson(const std::vector<FanReading> &fans, bool stopsAtIdle) {
     Json list = Json::array();
     for (const FanReading &fan : fans) {
@@ -80,18 +69,7 @@ std::string rpmText(double rpm) {
 void printFans(std::ostream &out, const std::vector<FanReading> &fans, bool stopsAtIdle,
                std::string_view indent) {
     for (const FanReading &fan : fans) {
-        std::string mode = "auto";
-        if (fan.manual) {
-            mode =
-                fan.target ? fmt::format("manual, target {} rpm", rpmText(*fan.target)) : "manual";
-        }
-        fmt::print(out, "{}{:>2}  {:<12} {:>5} rpm  (min {}, max {}, {:.0f}%)  {}", indent, fan.id,
-                   text::printable(fan.name), rpmText(fan.rpm), rpmText(fan.min), rpmText(fan.max),
-                   fan.load() * 100, mode);
-        for (FanAlarm alarm : alarms(fan, stopsAtIdle)) {
-            fmt::print(out, "  [{}]", alarmText(alarm));
-        }
-        out << '\n';
+        fmt::print(out, "{}{}\n", indent, fanLine(fan, stopsAtIdle));
     }
 }
 
@@ -100,6 +78,8 @@ std::string valueText(double value, Quantity quantity) {
     return quantity == Quantity::temperature ? fmt::format("{:.1f}", value)
                                              : fmt::format("{:.2f}", value);
 }
+
+}  // namespace
 
 void printReadings(std::ostream &out, const std::vector<Reading> &readings, Quantity quantity) {
     for (const Reading &r : readings) {
@@ -110,13 +90,34 @@ void printReadings(std::ostream &out, const std::vector<Reading> &readings, Quan
     }
 }
 
+Json fanJson(const FanReading &fan, bool stopsAtIdle) {
+    Json json = fan;
+    json["alarms"] = Json::array();
+    for (FanAlarm alarm : alarms(fan, stopsAtIdle)) {
+        json["alarms"].push_back(alarmKey(alarm));
+    }
+    return json;
+}
+
+std::string fanLine(const FanReading &fan, bool stopsAtIdle) {
+    std::string mode = "auto";
+    if (fan.manual) {
+        mode = fan.target ? fmt::format("manual, target {} rpm", rpmText(*fan.target)) : "manual";
+    }
+    std::string line = fmt::format("{:>2}  {:<12} {:>5} rpm  (min {}, max {}, {:.0f}%)  {}", fan.id,
+                                   text::printable(fan.name), rpmText(fan.rpm), rpmText(fan.min),
+                                   rpmText(fan.max), fan.load() * 100, mode);
+    for (FanAlarm alarm : alarms(fan, stopsAtIdle)) {
+        line += fmt::format("  [{}]", alarmText(alarm));
+    }
+    return line;
+}
+
 // Apple-silicon firmware stops the fans of a cool machine; the test key marks those
 // machines, as it does for the failsafe's limits.
 bool stopsAtIdle(const Sampler &sampler) {
     return sampler.discovery().fanTestKey;
 }
-
-}  // namespace
 
 void sensorsCommand(Context &context, const Options &options) {
     std::ostream &out = *context.out;

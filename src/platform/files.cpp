@@ -140,6 +140,27 @@ class RealFiles final : public Files {
         return contents;
     }
 
+    std::optional<std::string> readTail(const std::string &path,
+                                        std::size_t maxBytes) const override {
+        int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0) {
+            return std::nullopt;
+        }
+        std::optional<std::string> contents;
+        off_t end = ::lseek(fd, 0, SEEK_END);
+        off_t start = end - static_cast<off_t>(std::min<std::size_t>(maxBytes, end < 0 ? 0 : end));
+        if (end >= 0 && ::lseek(fd, start, SEEK_SET) == start) {
+            contents.emplace();
+            // A log that grew meanwhile gives the bytes that were there when we looked.
+            int error = posix::readRest(fd, *contents, maxBytes);
+            if (error != 0 && error != EFBIG) {
+                contents.reset();
+            }
+        }
+        ::close(fd);
+        return contents;
+    }
+
     std::optional<std::vector<std::string>> list(const std::string &dir) const override {
         std::unique_ptr<DIR, int (*)(DIR *)> handle(::opendir(dir.c_str()), ::closedir);
         if (!handle) {
@@ -274,6 +295,15 @@ std::optional<std::string> FakeFiles::readAtMost(const std::string &path,
                                                  std::size_t maxBytes) const {
     std::optional<std::string> contents = read(path);
     return contents && contents->size() <= maxBytes ? contents : std::nullopt;
+}
+
+std::optional<std::string> FakeFiles::readTail(const std::string &path,
+                                               std::size_t maxBytes) const {
+    std::optional<std::string> contents = read(path);
+    if (contents && contents->size() > maxBytes) {
+        contents->erase(0, contents->size() - maxBytes);
+    }
+    return contents;
 }
 
 FileResult FakeFiles::createDirectories(const std::string &dir, unsigned mode) const {

@@ -26,27 +26,23 @@ class CliTest : public testing::Test, protected test::CliHarness {
     }
 };
 
-TEST_F(CliTest, SmcReadPrintsTypeBytesAndValue) {
+TEST_F(CliTest, SmcReadAndKeysPrintTypeBytesAndValue) {
     EXPECT_EQ(run({"smc", "read", "F0Ac"}), 0);
     EXPECT_EQ(out.str(), "F0Ac  fpe2  2 bytes  attributes 0x90  [2e 98]  2982\n");
-}
-
-TEST_F(CliTest, SmcReadJson) {
-    EXPECT_EQ(run({"smc", "read", "F0Ac", "--json"}), 0);
-    EXPECT_EQ(Json::parse(out.str()),
-              Json::parse(R"({"key":"F0Ac","type":"fpe2","size":2,"attributes":144,
-                              "bytes":"2e 98","display":"2982","value":2982.0})"));
-}
-
-TEST_F(CliTest, SmcKeysListsTheWholeTable) {
+    out.str("");
     EXPECT_EQ(run({"smc", "keys"}), 0);
     EXPECT_THAT(out.str(), HasSubstr("    2  RPlt  ch8*     8  0x80  \"j31\"\n"));
     out.str("");
     EXPECT_EQ(run({"smc", "keys", "--json"}), 0);
     Json rows = Json::parse(out.str());
     ASSERT_EQ(rows.size(), 3u);
-    EXPECT_EQ(rows[0]["key"], "#KEY");
     EXPECT_EQ(rows[0]["value"], 3);
+    EXPECT_EQ(rows[1], Json::parse(R"({"index":1,"key":"F0Ac","type":"fpe2","size":2,
+        "attributes":144,"bytes":"2e 98","display":"2982","value":2982.0})"));
+    rows[1].erase("index");
+    out.str("");
+    EXPECT_EQ(run({"smc", "read", "F0Ac", "--json"}), 0);
+    EXPECT_EQ(Json::parse(out.str()), rows[1]) << "one key's JSON is its row's";
 }
 
 TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
@@ -67,6 +63,13 @@ TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
              {{"smc", "frob", "--json"}, 2, "unknown command 'smc frob'\nRun 'ostrel smc --help'"},
              {{}, 2, "a command is required"},
              {{"smc"}, 2, "'smc' needs a command"},
+             {{"sensors", "--group", "Attic"}, 2, "'Attic' is not a group"},
+             {{"sensors", "--scope", "most"}, 2, "--scope: Check most value in {"},
+             {{"curve"}, 2, "TEXT is required"},
+             {{"curve", "50:min", "--sensor", "CPU"}, 2, "--sensor: CPU not in {cpu,gpu,max}"},
+             {{"curve", "50:min", "--at", "hot"}, 2, "--at: 'hot' is not a number"},
+             {{"curve", "50:min", "--min", "inf"}, 2, "--min: 'inf' is not a number"},
+             {{"curve", "50:min", "--json", "--at", "60"}, 2, "--at excludes --json"},
              {{"help", "nosuch"}, 2, "unknown command 'nosuch'"},
              {{"--version"}, 0, "1.1.13\n"},
              {{"help"}, 0, "Subcommands:"},
@@ -88,26 +91,15 @@ struct FullDisk : std::streambuf {
 TEST_F(CliTest, LostOutputExitsOne) {
     FullDisk full;
     std::ostream lost(&full);
-    cli::Context context{
-        &lost, &err,
-        [this] { return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine)); },
-        SystemAccess{}};
-    const char *args[] = {"ostrel", "smc", "keys"};
-    EXPECT_EQ(cli::run(3, args, context), 1);
+    output = &lost;
+    EXPECT_EQ(run({"smc", "keys"}), 1);
     EXPECT_THAT(err.str(), HasSubstr("ostrel: cannot write the output"));
 }
 
-TEST(CliDump, AMachinesDumpLoadsAsTheSameTable) {
-    vsmc::Machine machine = test::builtinMachine("macbookpro18-2");
-    test::CliHarness cli;
-    ASSERT_EQ(
-        cli.run({"smc", "dump"},
-                [&] {
-                    return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
-                }),
-        0)
-        << cli.err.str();
-    vsmc::Machine reloaded(vsmc::parseProfile(cli.out.str(), "dump"));
+TEST_F(CliTest, AMachinesDumpLoadsAsTheSameTable) {
+    machine = test::builtinMachine("macbookpro18-2");
+    ASSERT_EQ(run({"smc", "dump"}), 0) << err.str();
+    vsmc::Machine reloaded(vsmc::parseProfile(out.str(), "dump"));
     EXPECT_EQ(reloaded.model(), machine.model());
     EXPECT_EQ(reloaded.keys().entries(), machine.keys().entries());
 }
@@ -154,47 +146,30 @@ class CurveCommandTest : public testing::Test, protected ostrel::test::CliHarnes
     }
 };
 
-TEST_F(CurveCommandTest, PrintsTheDescriptionAndTheSpeedAtEachTemperature) {
-    EXPECT_EQ(
-        run({"85:max, 50:min,70:3000", "--at", "40", "--at", "60", "--at", "80", "--at", "72.5"}),
-        0);
-    EXPECT_EQ(out.str(),
-              "50:min,70:3000,85:max (cpu)\n"
-              "40 \u00B0C: 1200 rpm\n"
-              "60 \u00B0C: 2100 rpm\n"
-              "80 \u00B0C: 5000 rpm\n"
-              "72.5 \u00B0C: 3500 rpm\n");
-    EXPECT_EQ(err.str(), "");
+TEST_F(CurveCommandTest, PrintsTheSpeedsPresetsWithTheirSensorAndLimitsAndThePolicyJson) {
+    for (auto [args, printed] : std::vector<std::pair<std::vector<const char *>, std::string>>{
+             {{"85:max, 50:min,70:3000", "--at", "40", "--at", "60", "--at", "80", "--at", "72.5"},
+              "50:min,70:3000,85:max (cpu)\n40 \u00B0C: 1200 rpm\n60 \u00B0C: 2100 rpm\n"
+              "80 \u00B0C: 5000 rpm\n72.5 \u00B0C: 3500 rpm\n"},
+             {{"quiet", "--sensor", "gpu", "--min", "2000", "--max", "5000", "--at", "95"},
+              "60:min,80:3500,92:max (gpu)\n95 \u00B0C: 5000 rpm\n"},
+             {{"50:min,85:max", "--sensor", "max", "--json"},
+              R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
+              R"({"temperature":85,"rpm":"inf"}],"sensor":"max"}}})"
+              "\n"},
+         }) {
+        out.str("");
+        EXPECT_EQ(run(args), 0) << err.str();
+        EXPECT_EQ(out.str(), printed);
+    }
 }
 
-TEST_F(CurveCommandTest, PresetsSensorAndFanLimits) {
-    EXPECT_EQ(run({"quiet", "--sensor", "gpu", "--min", "2000", "--max", "5000", "--at", "95"}), 0);
-    EXPECT_EQ(out.str(), "60:min,80:3500,92:max (gpu)\n95 \u00B0C: 5000 rpm\n");
-}
-
-TEST_F(CurveCommandTest, JsonIsTheCurvePolicy) {
-    EXPECT_EQ(run({"50:min,85:max", "--sensor", "max", "--json"}), 0);
-    EXPECT_EQ(out.str(), R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
-                         R"({"temperature":85,"rpm":"inf"}],"sensor":"max"}}})"
-                         "\n");
-}
-
-TEST_F(CurveCommandTest, BadCurvesExitOneAndUsageErrorsTwo) {
+TEST_F(CurveCommandTest, ABadCurveExitsOneWithTheCurvesMessage) {
     EXPECT_EQ(run({"50:min,50:3000"}), 1);
     EXPECT_EQ(err.str(),
               "ostrel: invalid curve point '50:min,50:3000' (expected TEMP:RPM|min|max, e.g. "
               "50:min,70:3000,85:max)\n");
     EXPECT_EQ(out.str(), "");
-    for (std::vector<const char *> args :
-         std::vector<std::vector<const char *>>{{},
-                                                {"50:min", "--sensor", "CPU"},
-                                                {"50:min", "--at", "hot"},
-                                                {"50:min", "--min", "inf"},
-                                                {"50:min", "--json", "--at", "60"}}) {
-        err.str("");
-        EXPECT_EQ(run(args), 2) << args.size();
-        EXPECT_THAT(err.str(), HasSubstr("ostrel: "));
-    }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <sstream>
 
 #include "cli_harness.h"
@@ -108,17 +109,6 @@ TEST_F(SensingCommandsTest, SensorsJsonIsTheSnapshot) {
     }
 }
 
-TEST_F(SensingCommandsTest, FansWithLimitsModeAndTarget) {
-    ASSERT_EQ(run({"fans"}), 0) << err.str();
-    EXPECT_EQ(out.str(),
-              " 0  Left side     2982 rpm  (min 2160, max 5940, 22%)  auto\n"
-              " 1  Right side    3500 rpm  (min 2000, max 5500, 43%)  manual, target 3500 rpm\n");
-    out.str("");
-    ASSERT_EQ(run({"fans", "--json"}), 0);
-    EXPECT_EQ(Json::parse(out.str())[1], Json::parse(R"({"id": 1, "name": "Right side",
-        "rpm": 3500, "min": 2000, "max": 5500, "target": 3500, "manual": true, "alarms": []})"));
-}
-
 // What a sensors user expects flagged: a fan that should turn and does not, and limits that
 // cannot be; but not the fans Apple-silicon firmware stops when the machine is cool.
 TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlagged) {
@@ -132,8 +122,8 @@ TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlagged) {
     EXPECT_THAT(out.str(), HasSubstr("auto  [stalled: not turning although it should]\n"));
     EXPECT_THAT(out.str(), HasSubstr("auto  [impossible limits: minimum above maximum]\n"));
     out.str("");
-    ASSERT_EQ(run({"sensors", "--json"}), 0);
-    Json fans = Json::parse(out.str())["fans"];
+    ASSERT_EQ(run({"fans", "--json"}), 0);
+    Json fans = Json::parse(out.str());
     EXPECT_EQ(fans[0]["alarms"], Json::parse(R"(["stalled"])"));
     EXPECT_EQ(fans[1]["alarms"], Json::parse(R"(["limitsInverted"])"));
     EXPECT_EQ(fans[2]["alarms"], Json::parse(R"(["stalled"])")) << "manual, with a target";
@@ -216,16 +206,6 @@ TEST_F(SensingCommandsTest, DiscoverySummaryAndRefresh) {
     EXPECT_GT(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "--refresh scans again";
 }
 
-TEST_F(SensingCommandsTest, UsageAndServiceErrors) {
-    EXPECT_EQ(run({"sensors", "--group", "Attic"}), 2);
-    EXPECT_THAT(err.str(), HasSubstr("'Attic' is not a group"));
-    EXPECT_EQ(run({"sensors", "--scope", "most"}), 2);
-    machine.injectFault({FourCC("#KEY").rawValue, SMC_CMD_READ, 1, SMC_KERN_IO_ERROR, 0});
-    err.str("");
-    EXPECT_EQ(run({"fans"}), 1);
-    EXPECT_EQ(err.str(), "ostrel: IOKit error 0xe00002ca\n");
-}
-
 TEST_F(SensingCommandsTest, ReadingsLostToTheConnectionExitOne) {
     ASSERT_EQ(run({"sensors"}), 0);  // discovered and cached
     for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
@@ -239,18 +219,50 @@ TEST_F(SensingCommandsTest, ReadingsLostToTheConnectionExitOne) {
     }
 }
 
-TEST(SensingCommandsOnAMacPro, TheEssentialCpuSensorsAreNoCores) {
-    test::Sandbox sandbox;
-    vsmc::Machine machine = test::builtinMachine("macpro7-1");
-    test::CliHarness cli;
-    ASSERT_EQ(
-        cli.run(
-            {"sensors", "--scope", "essential", "--group", "cpu"},
-            [&] { return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine)); },
-            sandbox.system),
-        0);
-    EXPECT_THAT(cli.out.str(), HasSubstr("CPU Die"));
-    EXPECT_THAT(cli.out.str(), testing::Not(testing::ContainsRegex("[PE]-Core|Tp|Te")));
+// Waits as a script says: each wait returns the next signal (0: the interval passed).
+struct ScriptedPause : cli::Pause {
+    ScriptedPause(std::vector<int> &s, std::vector<long> &w) : script(s), waitsMs(w) {}
+    int wait(std::chrono::nanoseconds duration) override {
+        waitsMs.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(duration).count());
+        return waitsMs.size() <= script.size() ? script[waitsMs.size() - 1] : 0;
+    }
+    std::vector<int> &script;
+    std::vector<long> &waitsMs;
+};
+
+// No daemon listens in the sandbox: watch goes on without policies. Frames and the log
+// under them are the end-to-end tests' (tests/e2e/cli_e2e_test.cpp).
+TEST_F(SensingCommandsTest, WatchWaitsItsIntervalUntilItsCountOrASignal) {
+    platform::SerialQueue deadlines("watch.deadlines", nullptr);
+    HelperClient client(root.path() + "/run/dev.ostrel.helper.sock", deadlines);
+    helper = [&]() -> HelperClient & { return client; };
+    std::vector<int> script;
+    std::vector<long> waitsMs;
+    pause = [&] { return std::make_unique<ScriptedPause>(script, waitsMs); };
+    root.put("var/log/dev.ostrel.helper.log", std::string(5000, 'x') + "\nlast\n");
+    struct Case {
+        std::vector<const char *> args;
+        bool terminal;
+        std::vector<int> signals;
+        int status;
+        std::vector<long> waitsMs;
+    };
+    for (const Case &c : std::vector<Case>{
+             {{"watch", "--count", "3", "--interval", "0.5"}, false, {}, 0, {500, 500}},
+             {{"watch"}, false, {0, SIGINT}, 130, {2000, 2000}},
+             {{"watch", "--interval", "1"}, true, {SIGTERM}, 143, {1000}},
+         }) {
+        out.str("");
+        terminal = c.terminal;
+        script = c.signals;
+        waitsMs.clear();
+        EXPECT_EQ(run(c.args), c.status) << err.str();
+        EXPECT_EQ(waitsMs, c.waitsMs);
+        EXPECT_EQ(out.str().starts_with("\x1b[H\x1b[2J"), c.terminal);
+        EXPECT_THAT(out.str(), HasSubstr("manual, target 3500 rpm  policy: unknown\n"
+                                         "Daemon not reachable: no daemon is listening on "));
+        EXPECT_THAT(out.str(), HasSubstr("Daemon log\n  last\n")) << "a line cut by the tail";
+    }
 }
 
 }  // namespace

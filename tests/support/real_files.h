@@ -16,6 +16,9 @@ class RealFiles : public platform::Files {
     std::optional<std::string> readOwn(const std::string &p, std::size_t n) const override {
         return real.readOwn(p, n);
     }
+    std::optional<std::string> readTail(const std::string &p, std::size_t n) const override {
+        return real.readTail(p, n);
+    }
     std::optional<std::vector<std::string>> list(const std::string &d) const override {
         return real.list(d);
     }

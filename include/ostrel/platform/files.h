@@ -46,6 +46,10 @@ class Files {
     // write. Nothing for any other file, so a file another user planted is never read.
     virtual std::optional<std::string> readOwn(const std::string &path,
                                                std::size_t maxBytes) const = 0;
+    // The file's last `maxBytes` bytes (all of it when it is shorter), for a file that only
+    // grows, such as a log; nothing when it cannot be opened or read.
+    virtual std::optional<std::string> readTail(const std::string &path,
+                                                std::size_t maxBytes) const = 0;
     // The names in a directory (no "." or ".."), sorted; nothing when it cannot be listed.
     virtual std::optional<std::vector<std::string>> list(const std::string &dir) const = 0;
     // Creates the directory and its missing parents, each one it creates with exactly `mode`
@@ -85,6 +89,8 @@ class FakeFiles final : public Files {
                                           std::size_t maxBytes) const override;
     std::optional<std::string> readOwn(const std::string &path,
                                        std::size_t maxBytes) const override;
+    std::optional<std::string> readTail(const std::string &path,
+                                        std::size_t maxBytes) const override;
     std::optional<std::vector<std::string>> list(const std::string &dir) const override;
     FileResult createDirectories(const std::string &dir, unsigned mode) const override;
     FileResult writeAtomic(const std::string &path, const std::string &contents,
