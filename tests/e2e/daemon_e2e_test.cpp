@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 
 #include "ostrel/control_protocol.h"
 #include "support/daemon_rig.h"
@@ -31,6 +33,7 @@ const std::string kFixed2500 = R"({"fixed":{"rpm":2500}})";
 
 class DaemonE2E : public testing::Test {
   protected:
+    explicit DaemonE2E(const char *profile = "macbookpro16-1") : rig(profile) {}
     // The replies of one client run, one per line.
     std::vector<std::string> ask(const std::vector<std::string> &lines) {
         platform::ProcessResult run = rig.client(lines);
@@ -166,6 +169,39 @@ TEST_F(DaemonE2E, TheFailsafeHandsTheFansBackWhenTheMachineRunsTooHot) {
     settle();
     EXPECT_THAT(rig.log(), testing::Contains(testing::StartsWith("cooled to ")));
 }
+
+// The firmware takes a fan back, then the machine sleeps (on the Apple-silicon profile the
+// test key is cleared too): the next tick, provoked by a change to fan 1 alone, puts fan 0
+// back under control.
+class HealingE2E : public DaemonE2E, public testing::WithParamInterface<const char *> {
+  protected:
+    HealingE2E() : DaemonE2E(GetParam()) {}
+};
+
+TEST_P(HealingE2E, TheNextTickTakesBackWhatTheFirmwareTook) {
+    rig.start();
+    ask({setPolicy(1, -1, kFixed2500)});
+    settle();
+    for (const char *event : {"takeover 0", "sleep"}) {
+        std::istringstream words(event);
+        rig.ctl({std::istream_iterator<std::string>(words), {}});
+        ASSERT_EQ(fan(0)["mode"], "auto") << event;
+        ask({setPolicy(2, 1, R"({"fixed":{"rpm":2600}})")});
+        settle();
+        EXPECT_EQ(fan(0)["mode"], "manual") << event;
+        EXPECT_EQ(fan(0)["written"], 2500) << event;
+    }
+    std::vector<std::string> log = rig.log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "fan 0: firmware took control back; re-applying"),
+              2);
+}
+
+INSTANTIATE_TEST_SUITE_P(ModeKeysAndTestKey, HealingE2E,
+                         testing::Values("macbookpro16-1", "macbookpro18-2"), [](const auto &info) {
+                             std::string name = info.param;
+                             std::erase(name, '-');
+                             return name;
+                         });
 
 // Self-update with a team of the test's own: the daemon signed by it, the candidate in the
 // sandbox's package location. The first check comes 5 s after start, on the real clock;
