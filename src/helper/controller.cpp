@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 #include "ostrel/policy_store.h"
@@ -96,7 +97,7 @@ void Controller::tick() {
     if (!engine_.isActive()) {
         return;
     }
-    Snapshot snapshot = sampler_->sample();
+    Snapshot snapshot = withKnownLimits(sampler_->sample());
     reclaimFans(snapshot);
     for (const FanPolicyEngine::Action &action : engine_.tick(snapshot)) {
         apply(action);
@@ -121,6 +122,25 @@ void Controller::noticeSleep() {
     writer_->forgetUnlock();
     services_.log(fmt::format("resumed after {} s asleep; re-applying fan policies",
                               std::chrono::duration_cast<std::chrono::seconds>(asleep).count()));
+}
+
+Snapshot Controller::withKnownLimits(Snapshot snapshot) {
+    std::vector<FanReading> fans;
+    for (FanReading fan : snapshot.fans()) {
+        if (fan.max > 0) {
+            knownLimits_[fan.id] = {fan.min, fan.max};
+        } else {
+            sampler_->invalidateFanLimits();
+            auto known = knownLimits_.find(fan.id);
+            if (known == knownLimits_.end()) {
+                continue;
+            }
+            std::tie(fan.min, fan.max) = known->second;
+        }
+        fans.push_back(std::move(fan));
+    }
+    return Snapshot(snapshot.timestamp(), snapshot.temperatures(), std::move(fans),
+                    snapshot.power(), snapshot.voltages(), snapshot.currents(), snapshot.battery());
 }
 
 void Controller::reclaimFans(const Snapshot &snapshot) {

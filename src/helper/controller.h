@@ -74,7 +74,9 @@ class Controller {
     // back; re-applying", once per event); after a sleep (the boot clock ran more than
     // kSleepGap ahead of the monotonic one since the last tick) every fan is written again
     // with fresh limits and the test key set anew ("resumed after N s asleep; re-applying
-    // fan policies").
+    // fan policies"). A fan whose limits fail to read (the sample's 0 and 0) keeps those it
+    // was last seen with, or sits the tick out, and its limits are read again next tick:
+    // resolved against 0 every speed would be the fan's minimum, even at full cooling.
     void tick();
 
     // Validates `policy`, sets it for `fan` (-1: every discovered fan), hands a fan set to
@@ -101,6 +103,7 @@ class Controller {
     void writeManual(std::int64_t fan, double rpm);
     void noticeSleep();
     void reclaimFans(const Snapshot &snapshot);
+    Snapshot withKnownLimits(Snapshot snapshot);
     bool hasFan(std::int64_t fan) const;
 
     platform::Queue &queue_;
@@ -110,6 +113,8 @@ class Controller {
     FanPolicyEngine engine_;
     std::map<std::int64_t, double> written_;
     std::unique_ptr<platform::Queue::Timer> timer_;
+    // Each fan's limits as last read whole, standing in for limits that fail to read.
+    std::map<std::int64_t, std::pair<double, double>> knownLimits_;
     // The clocks at the last tick, to tell a sleep from a pause.
     std::optional<std::pair<platform::Clock::Monotonic, std::chrono::nanoseconds>> lastTick_;
     bool started_ = false;

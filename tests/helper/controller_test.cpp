@@ -228,6 +228,14 @@ TEST_P(ControllerTest, WritesAgainWhatTheFirmwareTookBackOrASleepReset) {
     EXPECT_EQ(lines.size(), 1u);
 }
 
+TEST_P(ControllerTest, LimitsThatFailToReadKeepTheLastOnesRatherThanTheMinimum) {
+    start();
+    setPolicy(FanPolicy::fixed(3000), 0);
+    targetsOverTicks(1);
+    machine.injectFault({smc_fourcc("F0Mx"), SMC_CMD_READ, 1, 0, 0x86});
+    EXPECT_THAT(targetsOverTicks(8), testing::Each(0.0));
+}
+
 TEST_P(ControllerTest, AutoThatFailsResetsEveryFan) {
     start();
     setPolicy(FanPolicy::fixed(2500), -1);
