@@ -5,6 +5,7 @@
 //   BM_IdleWakeups   voluntary context switches of all the daemon's threads per second
 //                    over 10 s without policies (the 2 s control timer is all that should
 //                    wake it)
+//   BM_KillsDuringSaves  1,000 SIGKILLs during saves: the policies file stays whole
 //   BM_RoundTrip     request-to-reply latency over the socket, p50 and p99 in µs, for
 //                    version and setPolicy with 1 and 100 clients sending at once
 //
@@ -18,6 +19,7 @@
 #include <thread>
 
 #include "ostrel/control_protocol.h"
+#include "support/daemon_kills.h"
 #include "support/daemon_rig.h"
 #include "support/line_client.h"
 
@@ -155,6 +157,21 @@ BENCHMARK(BM_RoundTrip)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// A thousand SIGKILLs while the daemon saves policy changes (tests/support/daemon_kills.h);
+// its own rig, since the daemon is killed and restarted each time.
+void BM_KillsDuringSaves(benchmark::State &state) {
+    for (auto _ : state) {
+        test::DaemonRig killed("macbookpro16-1");
+        std::vector<std::string> problems = test::killDuringSaves(killed, 1000, 20261123);
+        state.counters["kills"] = 1000;
+        state.counters["torn_or_stale"] = static_cast<double>(problems.size());
+        for (const std::string &problem : problems) {
+            state.SkipWithError(problem.c_str());
+        }
+    }
+}
+BENCHMARK(BM_KillsDuringSaves)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
 

@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include "ostrel/control_protocol.h"
+#include "support/daemon_kills.h"
 #include "support/daemon_rig.h"
 
 namespace {
@@ -123,6 +124,10 @@ TEST_F(DaemonE2E, ReleaseFansAfterAKillHandsThemBack) {
     EXPECT_EQ(release.wait(), 0);
     EXPECT_EQ(rig.log().back(), "fans returned to auto (release)");
     EXPECT_FALSE(rig.anyFanManual());
+}
+
+TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveNoOlderThanAcknowledged) {
+    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
 }
 
 TEST_F(DaemonE2E, RefusesUnsignedClientsWithoutAnAnswerAndAGarbledLineAlike) {
