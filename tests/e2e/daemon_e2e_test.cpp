@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include "ostrel/control_protocol.h"
+#include "support/daemon_abuse.h"
 #include "support/daemon_kills.h"
 #include "support/daemon_rig.h"
 
@@ -128,6 +129,33 @@ TEST_F(DaemonE2E, ReleaseFansAfterAKillHandsThemBack) {
 
 TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveNoOlderThanAcknowledged) {
     EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
+}
+
+// A short run of bench/daemon_bench's abuse: 450 malformed frames of nine kinds, 100 silent
+// connections, 5 clients that never read, valid requests from an unsigned peer.
+TEST_F(DaemonE2E, AbuseOfTheSocketChangesNothingAndASignedClientIsStillServed) {
+    rig.start();
+    ask({setPolicy(1, 0, kFixed2500)});
+    settle();
+    auto fans = [&] {
+        std::vector<std::pair<Json, Json>> state;
+        for (const Json &fan : rig.status()["fans"]) {
+            state.emplace_back(fan["mode"], fan["written"]);
+        }
+        return state;
+    };
+    auto before = std::pair(fans(), test::fileBytes(rig.policiesPath()));
+    test::SocketAbuse abuse(rig.socket(), rig.helper().pid(), 5);
+    abuse.holdIdle(100);
+    abuse.deafClients(5, 2000);
+    abuse.malformed(450);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(rig.client({setPolicy(2, 0, R"({"auto":{}})")}, false).exitCode, 3);
+    }
+    EXPECT_THAT(ask({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+    EXPECT_EQ(std::pair(fans(), test::fileBytes(rig.policiesPath())), before);
+    EXPECT_LT(abuse.peakFds, 300) << "a socket and a pidfd for each of 128 connections at most";
+    EXPECT_LT(abuse.peakRssKib, 64 * 1024);
 }
 
 TEST_F(DaemonE2E, RefusesUnsignedClientsWithoutAnAnswerAndAGarbledLineAlike) {
