@@ -30,15 +30,32 @@ struct Counts {
     std::uint64_t ticks = 0, exchanges = 0, refusedWrites = 0, firmwareErrors = 0, kernelErrors = 0,
                   vanishedKeys = 0, bogusLimits = 0, failedSaves = 0, policyChanges = 0,
                   refusedChanges = 0, failsafeEntries = 0, resumes = 0, checks = 0;
-    Counts &operator+=(const Counts &o) {
-        std::uint64_t *a = &ticks;
-        const std::uint64_t *b = &o.ticks;
-        for (std::size_t i = 0; i < sizeof(Counts) / sizeof(std::uint64_t); ++i) {
-            a[i] += b[i];
-        }
-        return *this;
-    }
+    Counts &operator+=(const Counts &other);
 };
+
+// Every count with the name it is reported under.
+inline const std::pair<const char *, std::uint64_t Counts::*> kCountNames[] = {
+    {"ticks", &Counts::ticks},
+    {"exchanges", &Counts::exchanges},
+    {"refused_writes", &Counts::refusedWrites},
+    {"firmware_errors", &Counts::firmwareErrors},
+    {"kernel_errors", &Counts::kernelErrors},
+    {"vanished_keys", &Counts::vanishedKeys},
+    {"bogus_limits", &Counts::bogusLimits},
+    {"failed_saves", &Counts::failedSaves},
+    {"policy_changes", &Counts::policyChanges},
+    {"refused_changes", &Counts::refusedChanges},
+    {"failsafe_entries", &Counts::failsafeEntries},
+    {"resumes", &Counts::resumes},
+    {"checks", &Counts::checks},
+};
+
+inline Counts &Counts::operator+=(const Counts &other) {
+    for (const auto &[name, member] : kCountNames) {
+        this->*member += other.*member;
+    }
+    return *this;
+}
 
 // Fails one exchange in twenty through the machine's own fault injection.
 class FaultyTransport final : public csmc::Transport {

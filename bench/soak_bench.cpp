@@ -20,23 +20,10 @@ void BM_Soak(benchmark::State &state, const char *profile) {
             state.SkipWithError(v.c_str());
         }
     }
-    auto report = [&](const char *name, std::uint64_t value) {
-        state.counters[name] = static_cast<double>(value) / static_cast<double>(state.iterations());
-    };
-    report("ticks", total.ticks);
-    report("exchanges", total.exchanges);
-    report("refused_writes", total.refusedWrites);
-    report("firmware_errors", total.firmwareErrors);
-    report("kernel_errors", total.kernelErrors);
-    report("vanished_keys", total.vanishedKeys);
-    report("bogus_limits", total.bogusLimits);
-    report("failed_saves", total.failedSaves);
-    report("policy_changes", total.policyChanges);
-    report("refused_changes", total.refusedChanges);
-    report("failsafe_entries", total.failsafeEntries);
-    report("resumes", total.resumes);
-    report("checks", total.checks);
-    report("violations", violations);
+    for (const auto &[name, member] : ostrel::soak::kCountNames) {
+        state.counters[name] = static_cast<double>(total.*member);
+    }
+    state.counters["violations"] = static_cast<double>(violations);
 }
 
 BENCHMARK_CAPTURE(BM_Soak, macbookpro10_1, "macbookpro10-1")

@@ -11,9 +11,9 @@
 #include <filesystem>
 #include <iterator>
 
+#include "daemon_abuse.h"
+#include "daemon_kills.h"
 #include "ostrel/control_protocol.h"
-#include "support/daemon_abuse.h"
-#include "support/daemon_kills.h"
 #include "support/daemon_rig.h"
 
 namespace {
