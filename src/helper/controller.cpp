@@ -125,12 +125,20 @@ void Controller::noticeSleep() {
 }
 
 Snapshot Controller::withKnownLimits(Snapshot snapshot) {
-    std::vector<FanReading> fans;
-    for (FanReading fan : snapshot.fans()) {
+    bool whole = true;
+    for (const FanReading &fan : snapshot.fans()) {
         if (fan.max > 0) {
             knownLimits_[fan.id] = {fan.min, fan.max};
-        } else {
-            sampler_->invalidateFanLimits();
+        }
+        whole = whole && fan.max > 0;
+    }
+    if (whole) {
+        return snapshot;  // the usual tick: nothing to mend, nothing copied
+    }
+    sampler_->invalidateFanLimits();
+    std::vector<FanReading> fans;
+    for (FanReading fan : snapshot.fans()) {
+        if (fan.max <= 0) {
             auto known = knownLimits_.find(fan.id);
             if (known == knownLimits_.end()) {
                 continue;
