@@ -84,6 +84,19 @@ void BM_ActiveTick(benchmark::State &state) {
 }
 BENCHMARK(BM_ActiveTick)->DenseRange(0, 3)->Unit(benchmark::kMicrosecond);
 
+// Exactly 1,000 active ticks, for bench/figures to count their instructions under
+// valgrind --tool=callgrind (collecting inside Controller::tick only).
+void BM_TickInstructions(benchmark::State &state) {
+    Setup s(kProfiles[state.range(0)]);
+    s.queue.sync([&] { s.controller.setPolicy(FanPolicy::fixed(2500), -1); });
+    s.queue.advance(20s);
+    for (auto _ : state) {
+        s.queue.advance(2s);
+    }
+    state.SetLabel(kProfiles[state.range(0)]);
+}
+BENCHMARK(BM_TickInstructions)->DenseRange(0, 3)->Iterations(1000);
+
 void BM_IdleMinute(benchmark::State &state) {
     const char *profile = kProfiles[state.range(0)];
     Setup s(profile);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "ostrel/discovery.h"
@@ -45,6 +46,12 @@ class FanWriter {
     // Hands every fan back, skipping those that fail, then resets the test key. Never throws.
     void setAllAuto() noexcept;
 
+    // Whether the fan is under manual control now, read from its mode key or the force
+    // mask; nothing when that cannot be read. Throws noSuchFan only.
+    std::optional<bool> isManual(std::int64_t index);
+    // The firmware cleared the test key behind the writer's back (a resume from sleep, a
+    // takeover): the next setManual sets it again.
+    void forgetUnlock() { unlocked_ = false; }
     bool unlocked() const { return unlocked_; }
     const std::map<std::int64_t, double> &originalMode() const { return originalMode_; }
     const Discovery &discovery() const { return discovery_; }

@@ -4,6 +4,8 @@
 
 #include <cmath>
 #include <stdexcept>
+#include <tuple>
+#include <utility>
 
 #include "ostrel/policy_store.h"
 
@@ -88,11 +90,84 @@ void Controller::start() {
 
 void Controller::tick() {
     requireQueue("tick");
-    if (stopped_ || !engine_.isActive()) {
+    if (stopped_) {
         return;
     }
-    for (const FanPolicyEngine::Action &action : engine_.tick(sampler_->sample())) {
+    noticeSleep();
+    if (!engine_.isActive()) {
+        return;
+    }
+    Snapshot snapshot = withKnownLimits(sampler_->sample());
+    reclaimFans(snapshot);
+    for (const FanPolicyEngine::Action &action : engine_.tick(snapshot)) {
         apply(action);
+    }
+}
+
+void Controller::noticeSleep() {
+    const platform::Clock &clock = *services_.system.clock;
+    auto now = std::make_pair(clock.monotonic(), clock.sinceBoot());
+    auto last = std::exchange(lastTick_, now);
+    if (!last || !engine_.isActive()) {
+        return;
+    }
+    auto asleep = (now.second - last->second) - (now.first - last->first);
+    if (asleep <= kSleepGap) {
+        return;
+    }
+    // Resume hands the fans to the firmware, may change their limits and clears the test
+    // key: nothing the daemon remembers about them holds any more.
+    written_.clear();
+    sampler_->invalidateFanLimits();
+    writer_->forgetUnlock();
+    services_.log(fmt::format("resumed after {} s asleep; re-applying fan policies",
+                              std::chrono::duration_cast<std::chrono::seconds>(asleep).count()));
+}
+
+Snapshot Controller::withKnownLimits(Snapshot snapshot) {
+    bool whole = true;
+    for (const FanReading &fan : snapshot.fans()) {
+        if (fan.max > 0) {
+            knownLimits_[fan.id] = {fan.min, fan.max};
+        }
+        whole = whole && fan.max > 0;
+    }
+    if (whole) {
+        return snapshot;  // the usual tick: nothing to mend, nothing copied
+    }
+    sampler_->invalidateFanLimits();
+    std::vector<FanReading> fans;
+    for (FanReading fan : snapshot.fans()) {
+        if (fan.max <= 0) {
+            auto known = knownLimits_.find(fan.id);
+            if (known == knownLimits_.end()) {
+                continue;
+            }
+            std::tie(fan.min, fan.max) = known->second;
+        }
+        fans.push_back(std::move(fan));
+    }
+    return Snapshot(snapshot.timestamp(), snapshot.temperatures(), std::move(fans),
+                    snapshot.power(), snapshot.voltages(), snapshot.currents(), snapshot.battery());
+}
+
+void Controller::reclaimFans(const Snapshot &snapshot) {
+    for (const FanReading &fan : snapshot.fans()) {
+        auto it = written_.find(fan.id);
+        if (it == written_.end()) {
+            continue;
+        }
+        bool moved = fan.target && std::abs(*fan.target - it->second) >= kMinimumChange;
+        // A mode that failed to read looks automatic in the sample; ask again before
+        // believing it, so a passing read error does not count as a takeover.
+        if (!moved && (fan.manual || writer_->isManual(fan.id).value_or(true))) {
+            continue;
+        }
+        written_.erase(it);
+        if (sampler_->discovery().fanTestKey) {
+            writer_->forgetUnlock();  // whoever took the fan may have cleared the key too
+        }
+        services_.log(fanLine(fan.id, "firmware took control back; re-applying"));
     }
 }
 

@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "log.h"
@@ -45,6 +46,9 @@ class Controller {
     static constexpr double kMinimumChange = 50;     // rpm; smaller changes are not written
     static constexpr double kLargestDecrease = 400;  // rpm per tick
     static constexpr double kFanLimitRefresh = 10;   // seconds between reads of fan limits
+    // The boot clock running this much further than the monotonic clock between two ticks
+    // means the machine slept in between.
+    static constexpr std::chrono::seconds kSleepGap{5};
 
     // Opens the SMC, discovers the hardware afresh (never from the cache file) and builds
     // the sampler (essential sensors, temperatures and fans), the writer and the engine
@@ -64,7 +68,15 @@ class Controller {
     void start();
 
     // One control step; nothing at all (no SMC access) while no policy is active or after
-    // shutdown. Failures are logged, never thrown.
+    // shutdown. Failures are logged, never thrown. It heals what happened behind the
+    // daemon's back: a fan it drives that reads automatic, or whose target is 50 rpm or more
+    // off what was written, is written again this tick ("fan N: firmware took control
+    // back; re-applying", once per event); after a sleep (the boot clock ran more than
+    // kSleepGap ahead of the monotonic one since the last tick) every fan is written again
+    // with fresh limits and the test key set anew ("resumed after N s asleep; re-applying
+    // fan policies"). A fan whose limits fail to read (the sample's 0 and 0) keeps those it
+    // was last seen with, or sits the tick out, and its limits are read again next tick:
+    // resolved against 0 every speed would be the fan's minimum, even at full cooling.
     void tick();
 
     // Validates `policy`, sets it for `fan` (-1: every discovered fan), hands a fan set to
@@ -89,6 +101,9 @@ class Controller {
     void requireQueue(const char *operation) const;
     void apply(const FanPolicyEngine::Action &action);
     void writeManual(std::int64_t fan, double rpm);
+    void noticeSleep();
+    void reclaimFans(const Snapshot &snapshot);
+    Snapshot withKnownLimits(Snapshot snapshot);
     bool hasFan(std::int64_t fan) const;
 
     platform::Queue &queue_;
@@ -98,6 +113,10 @@ class Controller {
     FanPolicyEngine engine_;
     std::map<std::int64_t, double> written_;
     std::unique_ptr<platform::Queue::Timer> timer_;
+    // Each fan's limits as last read whole, standing in for limits that fail to read.
+    std::map<std::int64_t, std::pair<double, double>> knownLimits_;
+    // The clocks at the last tick, to tell a sleep from a pause.
+    std::optional<std::pair<platform::Clock::Monotonic, std::chrono::nanoseconds>> lastTick_;
     bool started_ = false;
     bool stopped_ = false;
 };

@@ -49,6 +49,23 @@ std::pair<double, double> FanWriter::limits(std::int64_t index) {
     return {min, max};
 }
 
+std::optional<bool> FanWriter::isManual(std::int64_t index) {
+    const FanDescriptor &f = fan(index);
+    try {
+        if (f.hasModeKey) {
+            return smc_->readDouble(f.modeKey()) == 1.0;
+        }
+        if (discovery_.fanForceKey && index >= 0 && index < 64) {
+            std::optional<std::int64_t> bits = numbers::truncatedInt64(smc_->readDouble(kForceKey));
+            if (bits) {
+                return ((static_cast<std::uint64_t>(*bits) >> index) & 1u) != 0;
+            }
+        }
+    } catch (const SMCError &) {
+    }
+    return std::nullopt;
+}
+
 void FanWriter::updateForceMask(std::int64_t index, bool manual) {
     double raw = smc_->readDouble(kForceKey);
     // Only a finite number inside the 64-bit range is a mask; anything else is a machine

@@ -7,6 +7,7 @@
 #include <asio.hpp>
 #include <deque>
 #include <map>
+#include <optional>
 
 namespace ostrel::platform {
 
@@ -49,6 +50,9 @@ struct UnixServer::Impl : std::enable_shared_from_this<UnixServer::Impl> {
     void accept();
     void armSweep();
     void closeExpired();
+    // Makes room for a newcomer by closing the connection idle the longest, if one has been
+    // idle for evictIdleAfter; false when every connection is busy or fresh.
+    bool evictIdlest();
     void stop();
     void forget(Connection *connection);
 
@@ -120,6 +124,15 @@ class UnixServer::Impl::Connection final : public UnixConnection,
         const UnixServerLimits &limits = server_->limits;
         return now - lastActivity_ >= limits.idleTimeout ||
                (!input_.empty() && now - messageStart_ >= limits.messageTimeout);
+    }
+
+    // Since when it has moved no byte, with nothing half-read or unwritten; nothing when
+    // it is busy.
+    std::optional<Clock::Monotonic> idleSince() const {
+        if (closed_ || !input_.empty() || !queue_.empty()) {
+            return std::nullopt;
+        }
+        return lastActivity_;
     }
 
   private:
@@ -260,7 +273,7 @@ void UnixServer::Impl::accept() {
                 });
                 return;
             }
-            if (self->connections.size() >= self->limits.maxConnections) {
+            if (self->connections.size() >= self->limits.maxConnections && !self->evictIdlest()) {
                 asio::error_code ignored;
                 socket.close(ignored);  // full: the peer sees the connection end at once
             } else {
@@ -274,6 +287,23 @@ void UnixServer::Impl::accept() {
             }
             self->accept();
         });
+}
+
+bool UnixServer::Impl::evictIdlest() {
+    Clock::Monotonic now = clock.monotonic();
+    std::shared_ptr<Connection> idlest;
+    std::optional<Clock::Monotonic> since;
+    for (const auto &[raw, connection] : connections) {
+        std::optional<Clock::Monotonic> idle = connection->idleSince();
+        if (idle && now - *idle >= limits.evictIdleAfter && (!since || *idle < *since)) {
+            idlest = connection;
+            since = idle;
+        }
+    }
+    if (idlest) {
+        idlest->close();
+    }
+    return idlest != nullptr;
 }
 
 void UnixServer::Impl::armSweep() {

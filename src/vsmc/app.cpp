@@ -367,6 +367,13 @@ const CtlCommand kCtlCommands[] = {
          return Json{{"call", "stall"}, {"stalled", false}, {"fan", a.fan}};
      },
      nullptr},
+    {"takeover", "let the firmware take a fan back (automatic again)", addFan,
+     [](const CtlArgs &a, const Context &) {
+         return Json{{"call", "takeover"}, {"fan", a.fan}};
+     },
+     nullptr},
+    {"sleep", "sleep and wake: every fan automatic, the test key cleared", nullptr,
+     [](const CtlArgs &, const Context &) { return simple("sleep"); }, nullptr},
     {"unlock-refusals", "mode writes refused after the test key is next set",
      [](CLI::App &c, CtlArgs &a) { addNumber(c, a, "value", "refusals", 0, 1e6); },
      [](const CtlArgs &a, const Context &) {

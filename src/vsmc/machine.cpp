@@ -557,6 +557,29 @@ bool Machine::setFanLimits(std::size_t index, double min, double max) {
     return true;
 }
 
+bool Machine::takeOverFan(std::size_t index) {
+    if (index >= fans_.size()) {
+        return false;
+    }
+    if (keys_.find(fans_[index].mode) != nullptr) {
+        store(fans_[index].mode, 0);
+    } else if (auto mask = number(kForceMask); mask && index < 64 && *mask >= 0) {
+        store(kForceMask, static_cast<double>(static_cast<std::uint64_t>(*mask) &
+                                              ~(std::uint64_t{1} << index)));
+    }
+    return true;
+}
+
+void Machine::sleepAndWake() {
+    for (std::size_t i = 0; i < fans_.size(); ++i) {
+        takeOverFan(i);
+    }
+    if (fanControl_ == FanControlKind::testKey) {
+        store(kTestKey, 0);
+        refusalsLeft_ = 0;
+    }
+}
+
 bool Machine::setFanStalled(std::size_t index, bool stalled) {
     if (index >= fans_.size()) {
         return false;

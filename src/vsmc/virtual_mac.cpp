@@ -203,6 +203,14 @@ Json VirtualMac::dispatch(const std::string &name, const Json &request) {
         m.setFanStalled(fan, request.value("stalled", true));
         return {};
     }
+    if (name == "takeover") {
+        m.takeOverFan(fanField(m, request));
+        return {};
+    }
+    if (name == "sleep") {
+        m.sleepAndWake();
+        return {};
+    }
     if (name == "unlock-refusals") {
         m.setUnlockRefusals(static_cast<std::uint32_t>(numberField(request, "value", 0, 1e6)));
         return {};

@@ -7,9 +7,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 
 #include "ostrel/control_protocol.h"
+#include "support/daemon_abuse.h"
+#include "support/daemon_kills.h"
 #include "support/daemon_rig.h"
 
 namespace {
@@ -31,6 +35,7 @@ const std::string kFixed2500 = R"({"fixed":{"rpm":2500}})";
 
 class DaemonE2E : public testing::Test {
   protected:
+    explicit DaemonE2E(const char *profile = "macbookpro16-1") : rig(profile) {}
     // The replies of one client run, one per line.
     std::vector<std::string> ask(const std::vector<std::string> &lines) {
         platform::ProcessResult run = rig.client(lines);
@@ -122,6 +127,37 @@ TEST_F(DaemonE2E, ReleaseFansAfterAKillHandsThemBack) {
     EXPECT_FALSE(rig.anyFanManual());
 }
 
+TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveNoOlderThanAcknowledged) {
+    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
+}
+
+// A short run of bench/daemon_bench's abuse: 450 malformed frames of nine kinds, 100 silent
+// connections, 5 clients that never read, valid requests from an unsigned peer.
+TEST_F(DaemonE2E, AbuseOfTheSocketChangesNothingAndASignedClientIsStillServed) {
+    rig.start();
+    ask({setPolicy(1, 0, kFixed2500)});
+    settle();
+    auto fans = [&] {
+        std::vector<std::pair<Json, Json>> state;
+        for (const Json &fan : rig.status()["fans"]) {
+            state.emplace_back(fan["mode"], fan["written"]);
+        }
+        return state;
+    };
+    auto before = std::pair(fans(), test::fileBytes(rig.policiesPath()));
+    test::SocketAbuse abuse(rig.socket(), rig.helper().pid(), 5);
+    abuse.holdIdle(100);
+    abuse.deafClients(5, 2000);
+    abuse.malformed(450);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(rig.client({setPolicy(2, 0, R"({"auto":{}})")}, false).exitCode, 3);
+    }
+    EXPECT_THAT(ask({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+    EXPECT_EQ(std::pair(fans(), test::fileBytes(rig.policiesPath())), before);
+    EXPECT_LT(abuse.peakFds, 300) << "a socket and a pidfd for each of 128 connections at most";
+    EXPECT_LT(abuse.peakRssKib, 64 * 1024);
+}
+
 TEST_F(DaemonE2E, RefusesUnsignedClientsWithoutAnAnswerAndAGarbledLineAlike) {
     rig.start();
     platform::ProcessResult refused = rig.client({setPolicy(1, 0, kFixed2500)}, false);
@@ -166,6 +202,39 @@ TEST_F(DaemonE2E, TheFailsafeHandsTheFansBackWhenTheMachineRunsTooHot) {
     settle();
     EXPECT_THAT(rig.log(), testing::Contains(testing::StartsWith("cooled to ")));
 }
+
+// The firmware takes a fan back, then the machine sleeps (on the Apple-silicon profile the
+// test key is cleared too): the next tick, provoked by a change to fan 1 alone, puts fan 0
+// back under control.
+class HealingE2E : public DaemonE2E, public testing::WithParamInterface<const char *> {
+  protected:
+    HealingE2E() : DaemonE2E(GetParam()) {}
+};
+
+TEST_P(HealingE2E, TheNextTickTakesBackWhatTheFirmwareTook) {
+    rig.start();
+    ask({setPolicy(1, -1, kFixed2500)});
+    settle();
+    for (const char *event : {"takeover 0", "sleep"}) {
+        std::istringstream words(event);
+        rig.ctl({std::istream_iterator<std::string>(words), {}});
+        ASSERT_EQ(fan(0)["mode"], "auto") << event;
+        ask({setPolicy(2, 1, R"({"fixed":{"rpm":2600}})")});
+        settle();
+        EXPECT_EQ(fan(0)["mode"], "manual") << event;
+        EXPECT_EQ(fan(0)["written"], 2500) << event;
+    }
+    std::vector<std::string> log = rig.log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "fan 0: firmware took control back; re-applying"),
+              2);
+}
+
+INSTANTIATE_TEST_SUITE_P(ModeKeysAndTestKey, HealingE2E,
+                         testing::Values("macbookpro16-1", "macbookpro18-2"), [](const auto &info) {
+                             std::string name = info.param;
+                             std::erase(name, '-');
+                             return name;
+                         });
 
 // Self-update with a team of the test's own: the daemon signed by it, the candidate in the
 // sandbox's package location. The first check comes 5 s after start, on the real clock;

@@ -198,6 +198,44 @@ TEST_P(ControllerTest, PolicyChangesAreValidatedLoggedAndSavedAndFailedSavesLogg
     EXPECT_EQ(machine.number(smc_fourcc("Ftst")).value_or(0), 0) << "handed back with the fans";
 }
 
+TEST_P(ControllerTest, WritesAgainWhatTheFirmwareTookBackOrASleepReset) {
+    const char *taken = "fan 0: firmware took control back; re-applying";
+    start();
+    setPolicy(FanPolicy::fixed(2500), -1);
+    targetsOverTicks(1);
+    lines.clear();
+    // A mode that fails to read once is not a takeover.
+    machine.injectFault({smc_fourcc(machine.keys().find(smc_fourcc("F0Md")) ? "F0Md" : "FS! "),
+                         SMC_CMD_READ, 1, 0, 0x86});
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(0));
+    machine.takeOverFan(0);
+    EXPECT_THAT(targetsOverTicks(2), ElementsAre(2500, 0));
+    EXPECT_TRUE(machine.fanManual(0));
+    test::setNumber(machine, "F0Tg", 2560);
+    EXPECT_THAT(targetsOverTicks(1), ElementsAre(2500));
+    EXPECT_THAT(lines, ElementsAre(taken, taken)) << "once per event";
+
+    lines.clear();
+    machine.sleepAndWake();
+    clock.suspend(90s);
+    EXPECT_THAT(targetsOverTicks(2), ElementsAre(2500, 0));
+    EXPECT_THAT(lines, ElementsAre("resumed after 90 s asleep; re-applying fan policies"));
+    for (std::size_t i = 0; i < machine.fanCount(); ++i) {
+        EXPECT_TRUE(machine.fanManual(i)) << i;
+    }
+    clock.suspend(4s);  // a stall, not a sleep
+    targetsOverTicks(1);
+    EXPECT_EQ(lines.size(), 1u);
+}
+
+TEST_P(ControllerTest, LimitsThatFailToReadKeepTheLastOnesRatherThanTheMinimum) {
+    start();
+    setPolicy(FanPolicy::fixed(3000), 0);
+    targetsOverTicks(1);
+    machine.injectFault({smc_fourcc("F0Mx"), SMC_CMD_READ, 1, 0, 0x86});
+    EXPECT_THAT(targetsOverTicks(8), testing::Each(0.0));
+}
+
 TEST_P(ControllerTest, AutoThatFailsResetsEveryFan) {
     start();
     setPolicy(FanPolicy::fixed(2500), -1);

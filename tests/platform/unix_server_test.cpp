@@ -183,6 +183,25 @@ TEST_F(UnixServerTest, TheClockClosesIdleAndUnfinishedConnections) {
     ::close(halfway);
 }
 
+TEST_F(UnixServerTest, ANewcomerTakesThePlaceOfTheConnectionIdleTheLongestWhenFull) {
+    auto server = listen({.maxConnections = 2, .evictIdleAfter = 1s});
+    int idle = connect();
+    clock.advance(5s);
+    int busy = connect();
+    sendAll(busy, "half a line");
+    clock.advance(5s);
+    settle();
+    int newcomer = connect();
+    EXPECT_TRUE(closedByPeer(idle));
+    EXPECT_EQ(ask(newcomer, "in"), "in");
+    int refused = connect();  // one busy, one fresh: nobody makes room
+    EXPECT_TRUE(closedByPeer(refused));
+    EXPECT_EQ(ask(busy, ""), "half a line");
+    for (int fd : {idle, busy, newcomer, refused}) {
+        ::close(fd);
+    }
+}
+
 TEST_F(UnixServerTest, APeerThatDoesNotReadIsCutOff) {
     auto server = listen({.maxQueuedReplyBytes = 256 * 1024});
     int fd = connect();

@@ -15,7 +15,9 @@ class LineClient {
     explicit LineClient(const std::string &path) : fd_(rawSocket(path)) {}
     bool connected() const { return fd_.get() >= 0; }
     bool send(const std::string &bytes) {
-        return ::write(fd_.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+        // A daemon that closed the connection makes this false, not a SIGPIPE.
+        return ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(bytes.size());
     }
     // The next line without its newline; nothing once the daemon closed the connection
     // (or after 20 s without one).

@@ -21,6 +21,9 @@ class Clock {
     virtual WallTime now() const = 0;
     // A clock that never jumps (for intervals).
     virtual Monotonic monotonic() const = 0;
+    // Time since boot, counting time spent suspended, which monotonic() does not: how far
+    // the two drifted apart between two readings is how long the machine slept.
+    virtual std::chrono::nanoseconds sinceBoot() const = 0;
     // Blocks the calling thread for `duration`.
     virtual void sleepFor(std::chrono::nanoseconds duration) = 0;
 };
@@ -29,7 +32,8 @@ class Clock {
 Clock &realClock();
 
 // A clock that only moves when told to; sleeping moves it by the duration slept and
-// counts the sleeps. Thread-safe, so a test may move it while a server thread reads it.
+// counts the sleeps (a thread's sleeps; the machine's are suspend()). Thread-safe, so a
+// test may move it while a server thread reads it.
 class FakeClock final : public Clock {
   public:
     explicit FakeClock(WallTime start = WallTime(std::chrono::hours(24 * 365 * 56)))
@@ -43,6 +47,10 @@ class FakeClock final : public Clock {
         std::lock_guard guard(lock_);
         return mono_;
     }
+    std::chrono::nanoseconds sinceBoot() const override {
+        std::lock_guard guard(lock_);
+        return boot_;
+    }
     void sleepFor(std::chrono::nanoseconds duration) override {
         std::lock_guard guard(lock_);
         ++sleeps_;
@@ -53,6 +61,13 @@ class FakeClock final : public Clock {
     void advance(std::chrono::nanoseconds by) {
         std::lock_guard guard(lock_);
         move(by);
+    }
+    // The machine is suspended for `by`: the date and the boot clock move on, the
+    // monotonic clock (and so every timer) stands still.
+    void suspend(std::chrono::nanoseconds by) {
+        std::lock_guard guard(lock_);
+        wall_ += std::chrono::duration_cast<WallTime::duration>(by);
+        boot_ += by;
     }
     int sleeps() const {
         std::lock_guard guard(lock_);
@@ -67,11 +82,13 @@ class FakeClock final : public Clock {
     void move(std::chrono::nanoseconds by) {
         wall_ += std::chrono::duration_cast<WallTime::duration>(by);
         mono_ += std::chrono::duration_cast<Monotonic::duration>(by);
+        boot_ += by;
     }
 
     mutable std::mutex lock_;
     WallTime wall_;
     Monotonic mono_{};
+    std::chrono::nanoseconds boot_{0};
     int sleeps_ = 0;
     std::chrono::nanoseconds slept_{0};
 };

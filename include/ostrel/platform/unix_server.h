@@ -8,7 +8,10 @@
 //   most maxBufferedBytes; a connection that would go past either is closed;
 // - replies: at most maxQueuedReplyBytes wait to be written to a connection; a peer that
 //   does not read is cut off;
-// - connections: at most maxConnections; one more is accepted and closed at once;
+// - connections: at most maxConnections; one more takes the place of the connection idle
+//   the longest (idle for at least evictIdleAfter, nothing half-read or unwritten), so that
+//   connections held open and silent cannot lock everyone else out; when there is none, it
+//   is accepted and closed at once;
 // - time: a connection that moves no byte for idleTimeout, or leaves a message unfinished
 //   for messageTimeout, is closed.
 //
@@ -53,6 +56,7 @@ struct UnixServerLimits {
     std::size_t maxQueuedReplyBytes = 256 * 1024;    // unwritten output per connection
     std::chrono::milliseconds idleTimeout{60'000};
     std::chrono::milliseconds messageTimeout{10'000};
+    std::chrono::milliseconds evictIdleAfter{1000};
     std::chrono::milliseconds acceptRetry{100};  // pause after a failed accept (EMFILE, ...)
     unsigned socketMode = 0600;
 };

@@ -179,6 +179,12 @@ class Machine {
     // Makes the fan's limit keys read the given values, whatever their attributes say;
     // false when the fan or a key is missing or a value does not fit the key's type.
     bool setFanLimits(std::size_t index, double min, double max);
+    // The firmware takes the fan back: it runs on its own curve again, as after a thermal
+    // event or a firmware reset; false for an unknown fan.
+    bool takeOverFan(std::size_t index);
+    // The machine slept and woke: every fan is automatic again and the test key is cleared,
+    // as firmware and kernel leave them after a resume. Simulated time does not move.
+    void sleepAndWake();
     // A stalled fan stops turning, whatever it is told; false for an unknown fan.
     bool setFanStalled(std::size_t index, bool stalled);
 

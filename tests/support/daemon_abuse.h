@@ -1,0 +1,123 @@
+// The daemon's socket under abuse, from the test or benchmark process itself (signed as the
+// command-line program): malformed frames of every kind over many connections, connections
+// held open and silent, and clients that never read their replies. While it goes on, the
+// daemon's resident memory and open descriptors are sampled. Shared by the end-to-end test
+// (a short run) and the benchmark (the long one, with a signed client's round trips).
+#pragma once
+
+#include <dirent.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "ostrel/platform/unique_fd.h"
+#include "support/io_thread.h"
+
+namespace ostrel::test {
+
+class SocketAbuse {
+  public:
+    SocketAbuse(std::string socket, pid_t daemon, std::uint64_t seed)
+        : socket_(std::move(socket)), daemon_(daemon), random_(seed) {}
+
+    // `count` malformed frames, each on a connection of its own that is closed right after.
+    void malformed(int count) {
+        for (int i = 0; i < count; ++i) {
+            platform::UniqueFd fd(rawSocket(socket_));
+            std::string frame = frameOfKind(i % kKinds);
+            ::send(fd.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            ++frames;
+            if (i % 100 == 0) {
+                sample();
+            }
+        }
+        sample();
+    }
+    // Opens `count` connections that say nothing and keeps them.
+    void holdIdle(int count) {
+        for (int i = 0; i < count; ++i) {
+            held_.emplace_back(rawSocket(socket_));
+        }
+        sample();
+    }
+    // `count` clients that ask for the policies `requests` times each and never read.
+    void deafClients(int count, int requests) {
+        for (int c = 0; c < count; ++c) {
+            held_.emplace_back(rawSocket(socket_));
+            for (int i = 0; i < requests; ++i) {
+                std::string line =
+                    R"({"id":)" + std::to_string(i) + R"(,"call":"policies"})" + "\n";
+                ::send(held_.back().get(), line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            }
+        }
+        sample();
+    }
+    // The daemon's resident set (KiB) and open descriptors now; the peaks keep the largest.
+    void sample() {
+        std::ifstream status("/proc/" + std::to_string(daemon_) + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("VmRSS:")) {
+                peakRssKib = std::max(peakRssKib, std::stol(line.substr(6)));
+            }
+        }
+        long fds = 0;
+        if (DIR *dir = ::opendir(("/proc/" + std::to_string(daemon_) + "/fd").c_str())) {
+            while (::readdir(dir) != nullptr) {
+                ++fds;
+            }
+            ::closedir(dir);
+        }
+        peakFds = std::max(peakFds, fds - 2);  // "." and ".."
+    }
+
+    long frames = 0;
+    long peakRssKib = 0;
+    long peakFds = 0;
+
+  private:
+    static constexpr int kKinds = 9;
+
+    std::string randomBytes(std::size_t size) {
+        std::string bytes(size, '\0');
+        for (char &c : bytes) {
+            c = static_cast<char>(random_() % 256);
+        }
+        return bytes;
+    }
+    std::string frameOfKind(int kind) {
+        const std::string policy = R"("{\"fixed\":{\"rpm\":1234}}")";
+        switch (kind) {
+            case 0:
+                return randomBytes(1 + random_() % 512) + "\n";
+            case 1:
+                return randomBytes(1 + random_() % 512);  // no end of line
+            case 2:
+                return std::string(64 * 1024 + 1, 'x') + "\n";
+            case 3:
+                return std::string(32000, '[') + std::string(32000, ']') + "\n";  // within a line
+            case 4:
+                return R"({"id":"one","call":"setPolicy","fan":0,"policy":)" + policy + "}\n";
+            case 5:
+                return R"({"id":1,"call":"setPolicy","fan":"0","policy":)" + policy + "}\n";
+            case 6:
+                return R"({"id":1,"call":"setPolicy","fan":0,"policy":{"fixed":{"rpm":1}}})"
+                       "\n";
+            case 7:
+                return R"({"id":1,"call":"setPolicy","fan":1e300,"policy":)" + policy + "}\n";
+            default:
+                return R"({"id":1,"call":"reboot"})"
+                       "\n";
+        }
+    }
+
+    std::string socket_;
+    pid_t daemon_;
+    std::mt19937_64 random_;
+    std::vector<platform::UniqueFd> held_;
+};
+
+}  // namespace ostrel::test
