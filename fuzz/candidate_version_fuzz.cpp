@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     using fuzz::check;
     std::string_view bytes(reinterpret_cast<const char *>(data), size);
     platform::FakeProcesses processes;
-    processes.respond = [&](const platform::ProcessSpec &) {
+    processes.respond = [&](const platform::ProcessLaunch &) {
         platform::ProcessResult result;
         result.exitCode = 0;
         result.output = std::string(bytes);

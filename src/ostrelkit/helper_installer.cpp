@@ -272,21 +272,21 @@ void HelperInstaller::uninstall() const {
 
 void HelperInstaller::runPrivileged(const std::string &script) const {
     bool root = services_.self.userId == 0;
-    platform::ProcessSpec spec;
-    spec.program = system(root ? kShell : kPkexec);
-    spec.args = {"-c", script};
+    platform::ProcessLaunch launch;
+    launch.program = system(root ? kShell : kPkexec);
+    launch.args = {"-c", script};
     if (!root) {
-        spec.args.insert(spec.args.begin(), system(kShell));
+        launch.args.insert(launch.args.begin(), system(kShell));
     }
-    spec.input = platform::Stream::inherit;
-    spec.output = platform::Stream::inherit;
-    spec.error = platform::Stream::capture;
-    platform::ProcessResult result = services_.processes->run(spec);
+    launch.input = platform::Stream::inherit;
+    launch.output = platform::Stream::inherit;
+    launch.error = platform::Stream::capture;
+    platform::ProcessResult result = services_.processes->run(launch);
     if (!result.started()) {
         std::string hint = !root && result.startError == ENOENT
                                ? " (install the pkexec package, or run this command as root)"
                                : "";
-        throw FanControlError::helper("cannot run " + spec.program + ": " +
+        throw FanControlError::helper("cannot run " + launch.program + ": " +
                                       platform::errorText(result.startError) + hint);
     }
     if (result.succeeded()) {
@@ -304,12 +304,12 @@ void HelperInstaller::runPrivileged(const std::string &script) const {
 }
 
 std::optional<std::string> HelperInstaller::serviceState() const {
-    platform::ProcessSpec spec;
-    spec.program = system(kSystemctl);
-    spec.args = {"is-active", std::string(unitName)};
-    spec.timeout = std::chrono::seconds(5);
-    spec.captureLimit = 256;
-    std::string state = withoutTrailingSpace(services_.processes->run(spec).output);
+    platform::ProcessLaunch launch;
+    launch.program = system(kSystemctl);
+    launch.args = {"is-active", std::string(unitName)};
+    launch.timeout = std::chrono::seconds(5);
+    launch.captureLimit = 256;
+    std::string state = withoutTrailingSpace(services_.processes->run(launch).output);
     return state.empty() ? std::nullopt : std::optional(state);
 }
 

@@ -151,12 +151,12 @@ std::optional<std::string> acceptableSource(const std::string &path, const platf
 }
 
 std::optional<std::string> version(const std::string &path, platform::Processes &processes) {
-    platform::ProcessSpec spec;
-    spec.program = path;
-    spec.args = {"--print-version"};
-    spec.timeout = versionTimeout;
-    spec.captureLimit = 4096;  // a version is a few bytes; a chatty candidate is not ours
-    platform::ProcessResult result = processes.run(spec);
+    platform::ProcessLaunch launch;
+    launch.program = path;
+    launch.args = {"--print-version"};
+    launch.timeout = versionTimeout;
+    launch.captureLimit = 4096;  // a version is a few bytes; a chatty candidate is not ours
+    platform::ProcessResult result = processes.run(launch);
     std::string text(trimmed(text::utf8Repaired(result.output)));
     if (!result.succeeded() || text.empty()) {
         return std::nullopt;

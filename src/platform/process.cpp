@@ -90,15 +90,15 @@ class RealProcesses final : public Processes {
   public:
     explicit RealProcesses(Clock &clock) : clock_(clock) {}
 
-    ProcessResult run(const ProcessSpec &spec) override {
+    ProcessResult run(const ProcessLaunch &launch) override {
         ProcessResult result;
         SpawnActions actions;
         std::array<Capture, 2> captures;
-        captures[0] = {UniqueFd(actions.route(STDOUT_FILENO, spec.output, result.startError)),
-                       &result.output, spec.captureLimit};
-        captures[1] = {UniqueFd(actions.route(STDERR_FILENO, spec.error, result.startError)),
-                       &result.error, spec.captureLimit};
-        actions.route(STDIN_FILENO, spec.input, result.startError);
+        captures[0] = {UniqueFd(actions.route(STDOUT_FILENO, launch.output, result.startError)),
+                       &result.output, launch.captureLimit};
+        captures[1] = {UniqueFd(actions.route(STDERR_FILENO, launch.error, result.startError)),
+                       &result.error, launch.captureLimit};
+        actions.route(STDIN_FILENO, launch.input, result.startError);
         if (result.startError != 0) {
             return result;
         }
@@ -113,13 +113,13 @@ class RealProcesses final : public Processes {
         posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 
         std::vector<char *> argv;
-        argv.push_back(const_cast<char *>(spec.program.c_str()));
-        for (const std::string &arg : spec.args) {
+        argv.push_back(const_cast<char *>(launch.program.c_str()));
+        for (const std::string &arg : launch.args) {
             argv.push_back(const_cast<char *>(arg.c_str()));
         }
         argv.push_back(nullptr);
         pid_t pid = 0;
-        int spawned = ::posix_spawn(&pid, spec.program.c_str(), actions.get(), &attributes,
+        int spawned = ::posix_spawn(&pid, launch.program.c_str(), actions.get(), &attributes,
                                     argv.data(), environ);
         posix_spawnattr_destroy(&attributes);
         actions.closeWriters();
@@ -127,7 +127,7 @@ class RealProcesses final : public Processes {
             result.startError = spawned;
             return result;
         }
-        wait(pid, spec, captures, result);
+        wait(pid, launch, captures, result);
         return result;
     }
 
@@ -135,11 +135,11 @@ class RealProcesses final : public Processes {
     // Reads the captures while the child runs, kills it at its limit, and reaps it. Stops
     // reading once the child has exited: a grandchild that keeps a pipe open must not keep
     // the caller waiting.
-    void wait(pid_t pid, const ProcessSpec &spec, std::array<Capture, 2> &captures,
+    void wait(pid_t pid, const ProcessLaunch &launch, std::array<Capture, 2> &captures,
               ProcessResult &result) {
         UniqueFd exited(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
         auto deadline =
-            spec.timeout ? std::optional(clock_.monotonic() + *spec.timeout) : std::nullopt;
+            launch.timeout ? std::optional(clock_.monotonic() + *launch.timeout) : std::nullopt;
         int status = 0;
         for (;;) {
             pid_t done = ::waitpid(pid, &status, WNOHANG);

@@ -15,7 +15,7 @@ class CliE2E : public testing::Test {
   protected:
     // Runs `ostrel ARGS` in the sandbox; checks its status and returns its output.
     std::string ostrel(const std::vector<std::string> &args, int status = 0) {
-        platform::ProcessSpec command;
+        platform::ProcessLaunch command;
         command.program = "/usr/bin/env";
         for (const auto &[name, value] : rig.environment()) {
             command.args.push_back(name + "=" + value);

@@ -83,7 +83,7 @@ TEST(HelperInstallerTest, FailuresSayWhatHappenedAndNothingRunsWithoutItsFiles) 
               "cannot run /usr/bin/pkexec: No such file or directory (install "
               "the pkexec package, or run this command as root)"}}) {
         FakeSystem system;
-        system.processes.respond = [&c](const platform::ProcessSpec &) {
+        system.processes.respond = [&c](const platform::ProcessLaunch &) {
             return platform::ProcessResult{c.startError, false, c.status, {}, {}, c.error};
         };
         EXPECT_EQ(system.error([](auto &installer) { installer.uninstall(); }), c.message);

@@ -12,12 +12,12 @@ namespace {
 
 using namespace ostrel::platform;
 
-ProcessSpec shell(std::string script) {
-    ProcessSpec spec;
-    spec.program = "/bin/sh";
-    spec.args = {"-c", std::move(script)};
-    spec.error = Stream::capture;
-    return spec;
+ProcessLaunch shell(std::string script) {
+    ProcessLaunch launch;
+    launch.program = "/bin/sh";
+    launch.args = {"-c", std::move(script)};
+    launch.error = Stream::capture;
+    return launch;
 }
 
 TEST(ProcessTest, StreamsStatusLimitsAndStartFailures) {
@@ -30,7 +30,7 @@ TEST(ProcessTest, StreamsStatusLimitsAndStartFailures) {
     EXPECT_EQ(done.exitCode, 3);
     EXPECT_FALSE(done.timedOut);
 
-    ProcessSpec chatty = shell("head -c 1000000 /dev/zero; echo tail >&2");
+    ProcessLaunch chatty = shell("head -c 1000000 /dev/zero; echo tail >&2");
     chatty.captureLimit = 10;
     ProcessResult capped = processes->run(chatty);
     EXPECT_EQ(capped.output.size(), 10u);
@@ -42,14 +42,14 @@ TEST(ProcessTest, StreamsStatusLimitsAndStartFailures) {
     EXPECT_TRUE(parent.succeeded());
     ::kill(std::stoi(parent.output), SIGKILL);
 
-    ProcessSpec slow = shell("exec sleep 30");
+    ProcessLaunch slow = shell("exec sleep 30");
     slow.timeout = std::chrono::milliseconds(0);
     ProcessResult killed = processes->run(slow);
     EXPECT_TRUE(killed.timedOut);
     EXPECT_EQ(killed.signal, SIGKILL);
     EXPECT_FALSE(killed.exitCode);
 
-    ProcessSpec missing;
+    ProcessLaunch missing;
     missing.program = "/nonexistent/program";
     EXPECT_EQ(processes->run(missing).startError, ENOENT);
 }

@@ -97,22 +97,22 @@ class DaemonRig {
     // Sends `lines` with the signed test client (or the unsigned one) and returns its run.
     platform::ProcessResult client(const std::vector<std::string> &lines,
                                    bool signedClient = true) {
-        platform::ProcessSpec spec;
-        spec.program = signedClient ? OSTREL_CONTROL_CLIENT : OSTREL_UNSIGNED_CLIENT;
-        spec.args = {socket()};
-        spec.args.insert(spec.args.end(), lines.begin(), lines.end());
-        spec.timeout = std::chrono::seconds(30);
-        return processes_->run(spec);
+        platform::ProcessLaunch launch;
+        launch.program = signedClient ? OSTREL_CONTROL_CLIENT : OSTREL_UNSIGNED_CLIENT;
+        launch.args = {socket()};
+        launch.args.insert(launch.args.end(), lines.begin(), lines.end());
+        launch.timeout = std::chrono::seconds(30);
+        return processes_->run(launch);
     }
 
     // `ostrel-vsmc ctl ARGS` on the virtual Mac; its standard output.
     std::string ctl(const std::vector<std::string> &args) {
-        platform::ProcessSpec spec;
-        spec.program = OSTREL_VSMC_PROGRAM;
-        spec.args = {"ctl", "--socket", vsmcSocket()};
-        spec.args.insert(spec.args.end(), args.begin(), args.end());
-        spec.timeout = std::chrono::seconds(30);
-        platform::ProcessResult result = processes_->run(spec);
+        platform::ProcessLaunch launch;
+        launch.program = OSTREL_VSMC_PROGRAM;
+        launch.args = {"ctl", "--socket", vsmcSocket()};
+        launch.args.insert(launch.args.end(), args.begin(), args.end());
+        launch.timeout = std::chrono::seconds(30);
+        platform::ProcessResult result = processes_->run(launch);
         if (!result.succeeded()) {
             throw std::runtime_error("ostrel-vsmc ctl failed: " + result.error);
         }

@@ -34,7 +34,7 @@ struct SelfUpdateRig {
     SelfUpdateRig() {
         files.put(destination, "old daemon");
         put(source, &teamKey());
-        processes.respond = [this](const platform::ProcessSpec &) { return answer; };
+        processes.respond = [this](const platform::ProcessLaunch &) { return answer; };
     }
     // A copy of the daemon at `path`, signed with `key` (ad hoc when null).
     void put(const std::string &path, const SigningKey *key,

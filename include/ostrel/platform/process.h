@@ -25,7 +25,7 @@ enum class Stream {
     capture,  // a pipe the parent reads (output streams only)
 };
 
-struct ProcessSpec {
+struct ProcessLaunch {
     std::string program;            // run as it is: an absolute path, no PATH search
     std::vector<std::string> args;  // argv[1..]; argv[0] is `program`
     Stream input = Stream::null;
@@ -37,7 +37,7 @@ struct ProcessSpec {
     // never blocks on a full pipe.
     std::size_t captureLimit = 1 << 20;
 
-    bool operator==(const ProcessSpec &) const = default;
+    bool operator==(const ProcessLaunch &) const = default;
 };
 
 struct ProcessResult {
@@ -57,7 +57,7 @@ class Processes {
     virtual ~Processes() = default;
     // Runs the program to its end (or its limit) and reaps it. Blocks the calling thread;
     // safe from any thread.
-    virtual ProcessResult run(const ProcessSpec &spec) = 0;
+    virtual ProcessResult run(const ProcessLaunch &launch) = 0;
 };
 
 // Who the running process is, as far as starting privileged work goes.
@@ -72,22 +72,22 @@ ProcessIdentity currentProcess();
 // The real one; `clock` measures the time limits and must outlive it.
 std::unique_ptr<Processes> realProcesses(Clock &clock);
 
-// Records every spec it is given and answers with `respond` (by default: exit 0, no
+// Records every launch it is given and answers with `respond` (by default: exit 0, no
 // output). Not thread-safe.
 class FakeProcesses final : public Processes {
   public:
-    ProcessResult run(const ProcessSpec &spec) override {
-        runs.push_back(spec);
+    ProcessResult run(const ProcessLaunch &launch) override {
+        runs.push_back(launch);
         if (respond) {
-            return respond(spec);
+            return respond(launch);
         }
         ProcessResult done;
         done.exitCode = 0;
         return done;
     }
 
-    std::vector<ProcessSpec> runs;
-    std::function<ProcessResult(const ProcessSpec &)> respond;
+    std::vector<ProcessLaunch> runs;
+    std::function<ProcessResult(const ProcessLaunch &)> respond;
 };
 
 }  // namespace ostrel::platform
