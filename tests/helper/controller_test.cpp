@@ -217,6 +217,12 @@ TEST_P(ControllerTest, WritesAgainWhatTheFirmwareTookBackOrASleepReset) {
     EXPECT_THAT(targetsOverTicks(1), ElementsAre(2500));
     EXPECT_THAT(lines, ElementsAre(taken, taken)) << "once per event";
 
+    // A sleep the clock did not see is healed as takeovers (the test key written again too).
+    machine.sleepAndWake();
+    EXPECT_THAT(targetsOverTicks(2), ElementsAre(2500, 0));
+    for (std::size_t i = 0; i < machine.fanCount(); ++i) {
+        EXPECT_TRUE(machine.fanManual(i)) << i;
+    }
     lines.clear();
     machine.sleepAndWake();
     clock.suspend(90s);
