@@ -35,7 +35,6 @@ const std::string kFixed2500 = R"({"fixed":{"rpm":2500}})";
 
 class DaemonE2E : public testing::Test {
   protected:
-    explicit DaemonE2E(const char *profile = "macbookpro16-1") : rig(profile) {}
     // Waits until the control loop has done everything queued so far (the tick a policy
     // change queues after its reply included): a request queued now runs after it.
     void settle() { rig.client({kPolicies}); }
