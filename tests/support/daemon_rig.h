@@ -77,14 +77,20 @@ class DaemonRig {
     // exited). Returns the process.
     BackgroundProcess &start(const std::vector<std::string> &args = {}) {
         helper_ = std::make_unique<BackgroundProcess>(helperPath(), args, environment(), logPath());
-        waitInDirectory(root_.path() + "/run",
-                        [&] { return isSocket(socket()) || !helper_->running(); });
-        // The file appears when the socket is bound, a moment before the daemon listens.
-        for (int i = 0; i < 100000 && helper_->running(); ++i) {
-            if (!client({R"({"id":0,"call":"version"})"}).empty()) {
-                break;
+        // The socket file may be a stopped daemon's, and appears when the socket is bound, a
+        // moment before the daemon listens: try at each change in the directory, and a while
+        // after it. Up is a request answered, or refused by vetting (a daemon of another team).
+        waitInDirectory(root_.path() + "/run", [&] {
+            for (int i = 0; i < 1000 && helper_->running(); ++i) {
+                if (LineClient ping(socket()); ping.connected()) {
+                    ping.send(R"({"id":0,"call":"version"})"
+                              "\n");
+                    ping.reply();
+                    return true;
+                }
             }
-        }
+            return !helper_->running();
+        });
         return *helper_;
     }
     BackgroundProcess &helper() { return *helper_; }
