@@ -241,7 +241,7 @@ void BM_SocketAbuse(benchmark::State &state) {
         abuse.deafClients(100, 2000);
         abuse.malformed(10000);
         for (int i = 0; i < 20; ++i) {
-            rig.client({setPolicyLine(0, 1000)}, false);
+            rig.ostrel({"set", "0", "1000"}, false);
         }
         std::this_thread::sleep_for(std::chrono::seconds(5));  // ticks after the storm
         abuse.sample();

@@ -14,14 +14,16 @@ void BM_Soak(benchmark::State &state, const char *profile) {
     for (auto _ : state) {
         ostrel::soak::Run run(profile, 20261123);
         run.run(10000);
-        total += run.counts;
+        for (const auto &[name, count] : run.counts) {
+            total[name] += count;
+        }
         violations += run.violations.size();
         for (const std::string &v : run.violations) {
             state.SkipWithError(v.c_str());
         }
     }
-    for (const auto &[name, member] : ostrel::soak::kCountNames) {
-        state.counters[name] = static_cast<double>(total.*member);
+    for (const auto &[name, count] : total) {
+        state.counters[name] = static_cast<double>(count);
     }
     state.counters["violations"] = static_cast<double>(violations);
 }

@@ -71,6 +71,12 @@ TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
              {{"curve", "50:min", "--min", "inf"}, 2, "--min: 'inf' is not a number"},
              {{"curve", "50:min", "--json", "--at", "60"}, 2, "--at excludes --json"},
              {{"help", "nosuch"}, 2, "unknown command 'nosuch'"},
+             // Policies `set` refuses before asking the daemon.
+             {{"set", "0", "fast"}, 2, "ostrel: POLICY: 'fast' is not a policy"},
+             {{"set", "one", "auto"}, 2, "ostrel: FAN: 'one' is not a fan"},
+             {{"set", "0", "max", "--sensor", "gpu"}, 2, "--sensor: applies to curves and presets"},
+             {{"set", "0", "-5"}, 1, "ostrel: invalid fan speed\n"},
+             {{"set", "0", "50:min,50:3000"}, 1, "ostrel: invalid curve point '50:min,50:3000'"},
              {{"--version"}, 0, "1.1.13\n"},
              {{"help"}, 0, "Subcommands:"},
              {{"help", "smc", "read"}, 0, "1 to 4 printable ASCII characters"},

@@ -125,15 +125,9 @@ TEST_F(SelfUpdateCheckTest, ChecksAfterFiveSecondsThenEveryThirtyAndLogsEachReas
     std::string unsigned_ = source + " is not signed by team " + test::teamKey().team();
     EXPECT_THAT(lines, ElementsAre("self-update skipped: " + unsigned_)) << "two checks, one line";
     put(source, &test::teamKey());
-    answer = test::printed("1.1.9");
-    queue.advance(60s);
-    EXPECT_EQ(processes.runs.size(), 2u);
-    EXPECT_EQ(lines.back(),
-              "self-update skipped: " + source + " is version 1.1.9, not newer than 1.1.13");
     files.put(destination, files.find(source)->bytes);
     queue.advance(60s);
-    EXPECT_EQ(lines.back(), "self-update: " + source + " is current");
-    EXPECT_EQ(lines.size(), 3u);
+    EXPECT_THAT(lines, ElementsAre(testing::_, "self-update: " + source + " is current"));
     files.put(destination, "old daemon");
     answer = test::printed("1.1.14");
     queue.advance(30s);

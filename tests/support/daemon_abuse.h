@@ -81,37 +81,28 @@ class SocketAbuse {
   private:
     static constexpr int kKinds = 9;
 
-    std::string randomBytes(std::size_t size) {
-        std::string bytes(size, '\0');
+    // Kinds 0 and 1 are random bytes, with and without an end of line; the rest are fixed.
+    std::string frameOfKind(int kind) {
+        static const std::string policy = R"("{\"fixed\":{\"rpm\":1234}}")";
+        static const std::string fixed[] = {
+            std::string(64 * 1024 + 1, 'x') + "\n",
+            std::string(32000, '[') + std::string(32000, ']') + "\n",  // within a line
+            R"({"id":"one","call":"setPolicy","fan":0,"policy":)" + policy + "}\n",
+            R"({"id":1,"call":"setPolicy","fan":"0","policy":)" + policy + "}\n",
+            R"({"id":1,"call":"setPolicy","fan":0,"policy":{"fixed":{"rpm":1}}})"
+            "\n",
+            R"({"id":1,"call":"setPolicy","fan":1e300,"policy":)" + policy + "}\n",
+            R"({"id":1,"call":"reboot"})"
+            "\n",
+        };
+        if (kind >= 2) {
+            return fixed[kind - 2];
+        }
+        std::string bytes(1 + random_() % 512, '\0');
         for (char &c : bytes) {
             c = static_cast<char>(random_() % 256);
         }
-        return bytes;
-    }
-    std::string frameOfKind(int kind) {
-        const std::string policy = R"("{\"fixed\":{\"rpm\":1234}}")";
-        switch (kind) {
-            case 0:
-                return randomBytes(1 + random_() % 512) + "\n";
-            case 1:
-                return randomBytes(1 + random_() % 512);  // no end of line
-            case 2:
-                return std::string(64 * 1024 + 1, 'x') + "\n";
-            case 3:
-                return std::string(32000, '[') + std::string(32000, ']') + "\n";  // within a line
-            case 4:
-                return R"({"id":"one","call":"setPolicy","fan":0,"policy":)" + policy + "}\n";
-            case 5:
-                return R"({"id":1,"call":"setPolicy","fan":"0","policy":)" + policy + "}\n";
-            case 6:
-                return R"({"id":1,"call":"setPolicy","fan":0,"policy":{"fixed":{"rpm":1}}})"
-                       "\n";
-            case 7:
-                return R"({"id":1,"call":"setPolicy","fan":1e300,"policy":)" + policy + "}\n";
-            default:
-                return R"({"id":1,"call":"reboot"})"
-                       "\n";
-        }
+        return kind == 0 ? bytes + "\n" : bytes;
     }
 
     std::string socket_;

@@ -3,8 +3,9 @@
 // started from its installed path inside it against that machine, its standard error
 // appended to the sandbox's log file. Everything is killed when the rig goes away.
 //
-// The including target defines OSTREL_HELPER_PROGRAM, OSTREL_VSMC_PROGRAM,
-// OSTREL_CONTROL_CLIENT and OSTREL_UNSIGNED_CLIENT (paths of the built programs).
+// The including target defines OSTREL_HELPER_PROGRAM, OSTREL_VSMC_PROGRAM and
+// OSTREL_CLI_PROGRAM (paths of the built programs), and is itself signed as the
+// command-line program, since it talks to the daemon as its client.
 #pragma once
 
 #include <sys/stat.h>
@@ -20,6 +21,7 @@
 #include "ostrel/platform/clock.h"
 #include "ostrel/platform/process.h"
 #include "support/background_process.h"
+#include "support/line_client.h"
 #include "support/signing.h"
 #include "support/temp_dir.h"
 
@@ -61,23 +63,34 @@ class DaemonRig {
     // A copy of the built daemon at `path` (mode 0755), signed ad hoc as the build does, or
     // with `team`'s key.
     static void install(const std::string &path, const SigningKey *team) {
-        std::string bytes = fileBytes(OSTREL_HELPER_PROGRAM);
-        if (team != nullptr) {
-            SignatureInfo info = verifyFile(OSTREL_HELPER_PROGRAM, platform::realFileAccess());
-            bytes = signedBytes(bytes.substr(0, info.contentSize), "dev.ostrel.helper", team);
-        }
-        writeExecutable(path, bytes);
+        writeExecutable(path, team == nullptr ? fileBytes(OSTREL_HELPER_PROGRAM)
+                                              : signedBytes(unsignedBytes(OSTREL_HELPER_PROGRAM),
+                                                            "dev.ostrel.helper", team));
+    }
+    // The built program at `path` without the signature the build gave it.
+    static std::string unsignedBytes(const std::string &path) {
+        SignatureInfo info = verifyFile(path, platform::realFileAccess());
+        return fileBytes(path).substr(0, info.contentSize);
     }
 
     // Starts the daemon with `args` and waits until it answers on its socket (or has
     // exited). Returns the process.
     BackgroundProcess &start(const std::vector<std::string> &args = {}) {
         helper_ = std::make_unique<BackgroundProcess>(helperPath(), args, environment(), logPath());
-        waitInDirectory(root_.path() + "/run",
-                        [&] { return isSocket(socket()) || !helper_->running(); });
-        if (helper_->running()) {
-            client({R"({"id":0,"call":"version"})"});  // served once the daemon is up
-        }
+        // The socket file may be a stopped daemon's, and appears when the socket is bound, a
+        // moment before the daemon listens: try at each change in the directory, and a while
+        // after it. Up is a request answered, or refused by vetting (a daemon of another team).
+        waitInDirectory(root_.path() + "/run", [&] {
+            for (int i = 0; i < 1000 && helper_->running(); ++i) {
+                if (LineClient ping(socket()); ping.connected()) {
+                    ping.send(R"({"id":0,"call":"version"})"
+                              "\n");
+                    ping.reply();
+                    return true;
+                }
+            }
+            return !helper_->running();
+        });
         return *helper_;
     }
     BackgroundProcess &helper() { return *helper_; }
@@ -94,13 +107,44 @@ class DaemonRig {
         return messages;
     }
 
-    // Sends `lines` with the signed test client (or the unsigned one) and returns its run.
-    platform::ProcessResult client(const std::vector<std::string> &lines,
-                                   bool signedClient = true) {
+    // Sends each of `lines` (without its newline) from this process on one connection and
+    // returns the replies, one per line; fewer when the daemon closed the connection.
+    std::vector<std::string> client(const std::vector<std::string> &lines) {
+        LineClient connection(socket());
+        std::vector<std::string> replies;
+        for (const std::string &line : lines) {
+            connection.send(line + "\n");
+        }
+        while (replies.size() < lines.size()) {
+            std::optional<std::string> reply = connection.reply();
+            if (!reply) {
+                break;
+            }
+            replies.push_back(*reply);
+        }
+        return replies;
+    }
+
+    // `ostrel ARGS` in the sandbox, its standard output and error captured: the built
+    // program, or a copy without its signature (which the daemon must refuse).
+    platform::ProcessResult ostrel(const std::vector<std::string> &args, bool signedCopy = true) {
+        std::string program = OSTREL_CLI_PROGRAM;
+        if (!signedCopy) {
+            program = root_.path() + "/unsigned/ostrel";
+            if (!std::filesystem::exists(program)) {
+                std::filesystem::create_directories(root_.path() + "/unsigned");
+                writeExecutable(program, unsignedBytes(OSTREL_CLI_PROGRAM));
+            }
+        }
         platform::ProcessLaunch launch;
-        launch.program = signedClient ? OSTREL_CONTROL_CLIENT : OSTREL_UNSIGNED_CLIENT;
-        launch.args = {socket()};
-        launch.args.insert(launch.args.end(), lines.begin(), lines.end());
+        launch.program = "/usr/bin/env";
+        for (const auto &[name, value] : environment()) {
+            launch.args.push_back(name + "=" + value);
+        }
+        launch.args.push_back("XDG_CACHE_HOME=" + root_.path() + "/cache");
+        launch.args.push_back(program);
+        launch.args.insert(launch.args.end(), args.begin(), args.end());
+        launch.error = platform::Stream::capture;
         launch.timeout = std::chrono::seconds(30);
         return processes_->run(launch);
     }

@@ -20,9 +20,9 @@ class LineClient {
                static_cast<ssize_t>(bytes.size());
     }
     // The next line without its newline; nothing once the daemon closed the connection
-    // (or after 20 s without one).
+    // (or after 20 s without one), or when it never connected.
     std::optional<std::string> reply() {
-        for (;;) {
+        while (connected()) {
             if (std::size_t end = buffer_.find('\n'); end != std::string::npos) {
                 std::string line = buffer_.substr(0, end);
                 buffer_.erase(0, end + 1);
@@ -36,6 +36,7 @@ class LineClient {
             }
             buffer_.append(chunk, static_cast<std::size_t>(n));
         }
+        return std::nullopt;
     }
 
   private:

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <memory>
 #include <random>
 #include <set>
@@ -26,36 +27,10 @@
 
 namespace ostrel::soak {
 
-struct Counts {
-    std::uint64_t ticks = 0, exchanges = 0, refusedWrites = 0, firmwareErrors = 0, kernelErrors = 0,
-                  vanishedKeys = 0, bogusLimits = 0, failedSaves = 0, policyChanges = 0,
-                  refusedChanges = 0, failsafeEntries = 0, resumes = 0, checks = 0;
-    Counts &operator+=(const Counts &other);
-};
-
-// Every count with the name it is reported under.
-inline const std::pair<const char *, std::uint64_t Counts::*> kCountNames[] = {
-    {"ticks", &Counts::ticks},
-    {"exchanges", &Counts::exchanges},
-    {"refused_writes", &Counts::refusedWrites},
-    {"firmware_errors", &Counts::firmwareErrors},
-    {"kernel_errors", &Counts::kernelErrors},
-    {"vanished_keys", &Counts::vanishedKeys},
-    {"bogus_limits", &Counts::bogusLimits},
-    {"failed_saves", &Counts::failedSaves},
-    {"policy_changes", &Counts::policyChanges},
-    {"refused_changes", &Counts::refusedChanges},
-    {"failsafe_entries", &Counts::failsafeEntries},
-    {"resumes", &Counts::resumes},
-    {"checks", &Counts::checks},
-};
-
-inline Counts &Counts::operator+=(const Counts &other) {
-    for (const auto &[name, member] : kCountNames) {
-        this->*member += other.*member;
-    }
-    return *this;
-}
+// What a run met and did, by the name it is reported under: "ticks", "exchanges",
+// "refused_writes", "firmware_errors", "kernel_errors", "vanished_keys", "bogus_limits",
+// "failed_saves", "policy_changes", "refused_changes", "failsafe_entries", "resumes", "checks".
+using Counts = std::map<std::string, std::uint64_t>;
 
 // Fails one exchange in twenty through the machine's own fault injection.
 class FaultyTransport final : public csmc::Transport {
@@ -64,17 +39,17 @@ class FaultyTransport final : public csmc::Transport {
         : machine_(machine), inner_(machine), random_(random), counts_(counts) {}
     bool enabled = false;
     std::uint32_t exchange(const smc_param &in, smc_param &out) override {
-        ++counts_.exchanges;
+        ++counts_["exchanges"];
         if (enabled && std::uniform_int_distribution<int>(0, 19)(random_) == 0) {
             vsmc::Fault fault{in.key, in.command, 1, 0, SMC_RESULT_NOT_READABLE};
             if (in.command == SMC_CMD_WRITE && random_() % 2 == 0) {
                 fault.result = SMC_RESULT_NOT_WRITABLE;
-                ++counts_.refusedWrites;
+                ++counts_["refused_writes"];
             } else if (random_() % 2 == 0) {
                 fault.kern = random_() % 2 ? SMC_KERN_IO_ERROR : SMC_KERN_BUSY;
-                ++counts_.kernelErrors;
+                ++counts_["kernel_errors"];
             } else {
-                ++counts_.firmwareErrors;
+                ++counts_["firmware_errors"];
             }
             machine_.injectFault(fault);
         }
@@ -148,9 +123,9 @@ class Run {
         }
     }
     void expect(bool holds, const std::string &what) {
-        ++counts.checks;
+        ++counts["checks"];
         if (!holds && violations.size() < 20) {
-            violations.push_back(fmt::format("tick {}: {}", counts.ticks, what));
+            violations.push_back(fmt::format("tick {}: {}", counts["ticks"], what));
         }
     }
     bool chance(double p) { return std::uniform_real_distribution<>(0, 1)(random_) < p; }
@@ -184,12 +159,12 @@ class Run {
                     try {
                         controller_->setPolicy(randomPolicy(), fan);
                     } catch (const FanControlError &) {
-                        ++counts.refusedChanges;  // fan `fans` does not exist
+                        ++counts["refused_changes"];  // fan `fans` does not exist
                         return;
                     }
-                    ++counts.policyChanges;
+                    ++counts["policy_changes"];
                     bool failed = !log_.empty() && log_.back().starts_with("could not save");
-                    counts.failedSaves += failed;
+                    counts["failed_saves"] += failed;
                     if (!failed) {
                         saved_ = controller_->policies();
                     }
@@ -203,11 +178,11 @@ class Run {
         }
         if (chance(0.01) && machine_.keys().size() > 1) {
             const vsmc::KeyEntry &entry = machine_.keys().at(random_() % machine_.keys().size());
-            counts.vanishedKeys += machine_.vanishKey(entry.key);
+            counts["vanished_keys"] += machine_.vanishKey(entry.key);
         }
         if (chance(0.01) && machine_.fanCount() > 0) {
             std::size_t fan = random_() % machine_.fanCount();
-            counts.bogusLimits +=
+            counts["bogus_limits"] +=
                 machine_.setFanLimits(fan, chance(0.5) ? 9000 : -100, chance(0.5) ? 0 : 1e6);
         } else if (chance(0.05) && machine_.fanCount() > 0) {
             std::size_t fan = random_() % machine_.fanCount();
@@ -218,7 +193,7 @@ class Run {
     // The invariants after a tick. The failsafe is judged against temperature streaks kept
     // here from what the tick really read (the journal), not from the engine's counters.
     void check() {
-        ++counts.ticks;
+        ++counts["ticks"];
         const FanPolicyEngine &engine = controller_->engine();
         const SafetyLimits &limits = engine.limits();
         double hottest = 0;  // as the engine sees a sample without temperatures
@@ -247,8 +222,8 @@ class Run {
         bool resumed =
             std::any_of(log_.begin() + static_cast<std::ptrdiff_t>(logged_), log_.end(),
                         [](const std::string &line) { return line.starts_with("cooled to "); });
-        counts.failsafeEntries += entered;
-        counts.resumes += resumed;
+        counts["failsafe_entries"] += entered;
+        counts["resumes"] += resumed;
         if (entered) {
             expect(hotStreak_ >= limits.triggerTicks, "failsafe without two hot ticks");
             expect(log_.size() > logged_ && log_[logged_].starts_with("FAILSAFE: "),
