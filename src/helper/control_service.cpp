@@ -171,16 +171,6 @@ void ControlService::dispatch() {
             bool tick = false;
             std::string reply =
                 ControlProtocol::replyLine({next.request.id, answer(next.request, tick)});
-            // A new policy reaches the fans now rather than at the next tick. The tick is
-            // queued before the reply leaves, so whatever a client asks after the reply runs
-            // after the tick.
-            if (tick) {
-                services_.controller.queue().async([this, stopped] {
-                    if (!*stopped) {
-                        services_.controller.tick();
-                    }
-                });
-            }
             loop_.async([this, weak = next.connection, reply = std::move(reply)] {
                 --inFlight_;
                 if (auto connection = weak.lock()) {
@@ -191,6 +181,14 @@ void ControlService::dispatch() {
                 }
                 dispatch();
             });
+            // After the reply: a new policy reaches the fans now rather than at the next tick.
+            if (tick) {
+                services_.controller.queue().async([this, stopped] {
+                    if (!*stopped) {
+                        services_.controller.tick();
+                    }
+                });
+            }
         });
     }
 }
