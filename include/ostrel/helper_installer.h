@@ -29,11 +29,6 @@ std::string shellQuote(std::string_view text);
 // and control characters written as \xNN.
 std::string systemdQuote(std::string_view text);
 
-// Whether `realPath` (already resolved, see FileAccess::realPath) lies where the daemon
-// may update itself from: under /opt/ostrel/, /usr/lib/ostrel/, /usr/local/lib/ostrel/ or
-// a user's /home/USER/.local/lib/ostrel/, all inside the OSTREL_ROOT of `paths`.
-bool isAcceptableSourceLocation(std::string_view realPath, const platform::Paths &paths);
-
 class HelperInstaller {
   public:
     // The operating system as the installer sees it; everything must outlive the

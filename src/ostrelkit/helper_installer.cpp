@@ -1,4 +1,5 @@
 #include "ostrel/helper_installer.h"
+#include "ostrel/helper_self_update.h"
 
 #include <array>
 #include <cerrno>
@@ -81,30 +82,6 @@ std::string shellQuote(std::string_view text) {
 
 std::string systemdQuote(std::string_view text) {
     return unitValue(text, UnitValue::commandLine);
-}
-
-bool isAcceptableSourceLocation(std::string_view realPath, const platform::Paths &paths) {
-    std::string root = paths.root();
-    if (!realPath.starts_with(root) || !realPath.substr(root.size()).starts_with('/')) {
-        return false;
-    }
-    std::string_view path = realPath.substr(root.size());
-    auto below = [&path](std::string_view directory) {
-        return path.size() > directory.size() && path.starts_with(directory);
-    };
-    if (below("/opt/ostrel/") || below("/usr/lib/ostrel/") || below("/usr/local/lib/ostrel/")) {
-        return true;
-    }
-    // /home/USER/.local/lib/ostrel/...: one non-empty name for USER.
-    constexpr std::string_view home = "/home/";
-    if (!path.starts_with(home)) {
-        return false;
-    }
-    std::string_view rest = path.substr(home.size());
-    std::size_t slash = rest.find('/');
-    return slash != 0 && slash != std::string_view::npos &&
-           rest.substr(slash).size() > std::string_view("/.local/lib/ostrel/").size() &&
-           rest.substr(slash).starts_with("/.local/lib/ostrel/");
 }
 
 bool HelperInstaller::isExecutableFile(const std::string &path) const {
@@ -216,11 +193,10 @@ void HelperInstaller::install(const std::string &from) const {
     if (!isExecutableFile(from)) {
         throw FanControlError::helper(from + " is not an executable file");
     }
-    std::optional<std::string> source;
-    platform::TextResult real = services_.fileAccess->realPath(from);
-    if (real.error == 0 && isAcceptableSourceLocation(real.text, paths)) {
-        source = real.text;
-    }
+    // Recorded in the unit only when self-update would accept it, so the daemon never
+    // checks a source it must refuse.
+    std::optional<std::string> source =
+        HelperSelfUpdate::acceptableSource(from, paths, *services_.fileAccess);
     std::string temp = services_.environment->get("TMPDIR").value_or("");
     if (!temp.starts_with('/')) {
         temp = "/tmp";
