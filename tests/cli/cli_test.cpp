@@ -15,45 +15,38 @@ using testing::HasSubstr;
 
 class CliTest : public testing::Test, protected test::CliHarness {
   protected:
+    CliTest() {
+        openSmc = [this] {
+            return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
+        };
+    }
     vsmc::Machine machine = test::machineFromRows(
         "key F0Ac fpe2 2 0x90 2982\n"
         "key RPlt ch8* 8 0x80 \"j31\"\n");
-
-    int run(std::vector<const char *> args) {
-        return CliHarness::run(std::move(args), [this] {
-            return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
-        });
-    }
 };
 
 TEST_F(CliTest, SmcReadAndKeysPrintTypeBytesAndValue) {
-    EXPECT_EQ(run({"smc", "read", "F0Ac"}), 0);
-    EXPECT_EQ(out.str(), "F0Ac  fpe2  2 bytes  attributes 0x90  [2e 98]  2982\n");
-    out.str("");
-    EXPECT_EQ(run({"smc", "keys"}), 0);
-    EXPECT_THAT(out.str(), HasSubstr("    2  RPlt  ch8*     8  0x80  \"j31\"\n"));
-    out.str("");
-    EXPECT_EQ(run({"smc", "keys", "--json"}), 0);
-    Json rows = Json::parse(out.str());
+    EXPECT_EQ(printed({"smc", "read", "F0Ac"}),
+              "F0Ac  fpe2  2 bytes  attributes 0x90  [2e 98]  2982\n");
+    EXPECT_THAT(printed({"smc", "keys"}), HasSubstr("    2  RPlt  ch8*     8  0x80  \"j31\"\n"));
+    Json rows = Json::parse(printed({"smc", "keys", "--json"}));
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0]["value"], 3);
     EXPECT_EQ(rows[1], Json::parse(R"({"index":1,"key":"F0Ac","type":"fpe2","size":2,
         "attributes":144,"bytes":"2e 98","display":"2982","value":2982.0})"));
     rows[1].erase("index");
-    out.str("");
-    EXPECT_EQ(run({"smc", "read", "F0Ac", "--json"}), 0);
-    EXPECT_EQ(Json::parse(out.str()), rows[1]) << "one key's JSON is its row's";
+    EXPECT_EQ(Json::parse(printed({"smc", "read", "F0Ac", "--json"})), rows[1])
+        << "one key's JSON is its row's";
 }
 
 TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
-    EXPECT_EQ(run({"smc", "read", "NOPE"}), 1);
-    EXPECT_EQ(err.str(), "ostrel: SMC key 'NOPE' not found\n");
     struct Case {
         std::vector<const char *> args;
         int status;
         const char *says;  // on standard error, or on standard output for status 0
     };
     for (const Case &c : std::vector<Case>{
+             {{"smc", "read", "NOPE"}, 1, "ostrel: SMC key 'NOPE' not found\n"},
              {{"smc", "read"}, 2, "KEY is required"},
              {{"smc", "read", "F0Mnx"}, 2, "'F0Mnx' is not an SMC key"},
              {{"smc", "read", ""}, 2, "'' is not an SMC key"},
@@ -77,15 +70,18 @@ TEST_F(CliTest, LibraryErrorsExitOneAndUsageErrorsExitTwo) {
              {{"set", "0", "max", "--sensor", "gpu"}, 2, "--sensor: applies to curves and presets"},
              {{"set", "0", "-5"}, 1, "ostrel: invalid fan speed\n"},
              {{"set", "0", "50:min,50:3000"}, 1, "ostrel: invalid curve point '50:min,50:3000'"},
+             {{"curve", "50:min,50:3000"},
+              1,
+              "ostrel: invalid curve point '50:min,50:3000' (expected TEMP:RPM|min|max, e.g. "
+              "50:min,70:3000,85:max)\n"},
              {{"--version"}, 0, "1.1.13\n"},
              {{"help"}, 0, "Subcommands:"},
              {{"help", "smc", "read"}, 0, "1 to 4 printable ASCII characters"},
              {{"fans", "--help"}, 0, "Fan speeds, limits, mode and target"},
          }) {
-        out.str("");
-        err.str("");
         EXPECT_EQ(run(c.args), c.status) << c.says;
         EXPECT_THAT((c.status == 0 ? out : err).str(), HasSubstr(c.says));
+        EXPECT_EQ(out.str().empty(), c.status != 0) << c.says;
     }
 }
 
@@ -104,18 +100,17 @@ TEST_F(CliTest, LostOutputExitsOne) {
 
 TEST_F(CliTest, AMachinesDumpLoadsAsTheSameTable) {
     machine = test::builtinMachine("macbookpro18-2");
-    ASSERT_EQ(run({"smc", "dump"}), 0) << err.str();
-    vsmc::Machine reloaded(vsmc::parseProfile(out.str(), "dump"));
+    vsmc::Machine reloaded(vsmc::parseProfile(printed({"smc", "dump"}), "dump"));
     EXPECT_EQ(reloaded.model(), machine.model());
     EXPECT_EQ(reloaded.keys().entries(), machine.keys().entries());
 }
 
 TEST_F(CliTest, DumpNotesKeysItCannotRead) {
     machine.injectFault({FourCC("RPlt").rawValue, SMC_CMD_READ, 1, 0, 0x85});
-    EXPECT_EQ(run({"smc", "dump"}), 0);
-    EXPECT_THAT(out.str(), HasSubstr("model Test,1\n"));
-    EXPECT_THAT(out.str(), HasSubstr("# RPlt could not be read (SMC rejected request for "
-                                     "'RPlt'); its value is left zero\nkey RPlt   ch8*"));
+    std::string dump = printed({"smc", "dump"});
+    EXPECT_THAT(dump, HasSubstr("model Test,1\n"));
+    EXPECT_THAT(dump, HasSubstr("# RPlt could not be read (SMC rejected request for "
+                                "'RPlt'); its value is left zero\nkey RPlt   ch8*"));
 }
 
 // The machine goes away in the middle of a walk: what was read stands, the walk stops at
@@ -124,58 +119,34 @@ TEST_F(CliTest, AWalkThatLosesTheMachineStopsAndExitsOne) {
     for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
              {"smc", "dump"}, {"smc", "keys"}, {"smc", "keys", "--json"}}) {
         machine.injectFault({FourCC("F0Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_NOT_RESPONDING, 0});
-        out.str("");
-        err.str("");
-        EXPECT_EQ(run(args), 1) << args.size();
+        std::string walked = printed(args, 1);
         EXPECT_EQ(err.str(), "ostrel: stopped at key 1 of 3: IOKit error 0xe00002ed\n");
-        EXPECT_THAT(out.str(), HasSubstr("#KEY"));
-        EXPECT_THAT(out.str(), testing::Not(HasSubstr("RPlt")));
+        EXPECT_THAT(walked, HasSubstr("#KEY"));
+        EXPECT_THAT(walked, testing::Not(HasSubstr("RPlt")));
     }
     EXPECT_EQ(Json::parse(out.str()).size(), 1u) << "the JSON that was read is still JSON";
 }
 
-}  // namespace
-
-namespace {
-
-using testing::HasSubstr;
-
-// `ostrel curve` needs no SMC: the context's opener fails the test if it is called.
-class CurveCommandTest : public testing::Test, protected ostrel::test::CliHarness {
-  protected:
-    int run(std::vector<const char *> args) {
-        args.insert(args.begin(), "curve");
-        return CliHarness::run(std::move(args), []() -> std::shared_ptr<ostrel::SMC> {
-            ADD_FAILURE() << "curve opened the SMC";
-            throw ostrel::SMCError::noService();
-        });
-    }
-};
-
-TEST_F(CurveCommandTest, PrintsTheSpeedsPresetsWithTheirSensorAndLimitsAndThePolicyJson) {
-    for (auto [args, printed] : std::vector<std::pair<std::vector<const char *>, std::string>>{
-             {{"85:max, 50:min,70:3000", "--at", "40", "--at", "60", "--at", "80", "--at", "72.5"},
+// `ostrel curve` needs no SMC: the opener fails the test if it is called.
+TEST_F(CliTest, CurvePrintsTheSpeedsPresetsWithTheirSensorAndLimitsAndThePolicyJson) {
+    openSmc = []() -> std::shared_ptr<SMC> {
+        ADD_FAILURE() << "curve opened the SMC";
+        throw SMCError::noService();
+    };
+    for (auto [args, text] : std::vector<std::pair<std::vector<const char *>, std::string>>{
+             {{"curve", "85:max, 50:min,70:3000", "--at", "40", "--at", "60", "--at", "80", "--at",
+               "72.5"},
               "50:min,70:3000,85:max (cpu)\n40 \u00B0C: 1200 rpm\n60 \u00B0C: 2100 rpm\n"
               "80 \u00B0C: 5000 rpm\n72.5 \u00B0C: 3500 rpm\n"},
-             {{"quiet", "--sensor", "gpu", "--min", "2000", "--max", "5000", "--at", "95"},
+             {{"curve", "quiet", "--sensor", "gpu", "--min", "2000", "--max", "5000", "--at", "95"},
               "60:min,80:3500,92:max (gpu)\n95 \u00B0C: 5000 rpm\n"},
-             {{"50:min,85:max", "--sensor", "max", "--json"},
+             {{"curve", "50:min,85:max", "--sensor", "max", "--json"},
               R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
               R"({"temperature":85,"rpm":"inf"}],"sensor":"max"}}})"
               "\n"},
          }) {
-        out.str("");
-        EXPECT_EQ(run(args), 0) << err.str();
-        EXPECT_EQ(out.str(), printed);
+        EXPECT_EQ(printed(args), text);
     }
-}
-
-TEST_F(CurveCommandTest, ABadCurveExitsOneWithTheCurvesMessage) {
-    EXPECT_EQ(run({"50:min,50:3000"}), 1);
-    EXPECT_EQ(err.str(),
-              "ostrel: invalid curve point '50:min,50:3000' (expected TEMP:RPM|min|max, e.g. "
-              "50:min,70:3000,85:max)\n");
-    EXPECT_EQ(out.str(), "");
 }
 
 }  // namespace

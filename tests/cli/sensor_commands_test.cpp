@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <sstream>
 
 #include "cli_harness.h"
 #include "ostrel/sampler.h"
-#include "support/sandbox.h"
 #include "support/test_machine.h"
 
 namespace {
@@ -16,11 +14,14 @@ namespace {
 using namespace ostrel;
 using testing::HasSubstr;
 
-class SensingCommandsTest : public testing::Test,
-                            protected test::Sandbox,
-                            protected test::CliHarness {
+class SensingCommandsTest : public testing::Test, protected test::CliHarness {
   protected:
-    SensingCommandsTest() { clock.advance(std::chrono::milliseconds(123)); }
+    SensingCommandsTest() {
+        clock.advance(std::chrono::milliseconds(123));
+        openSmc = [this] {
+            return std::make_shared<SMC>(std::make_unique<test::BareMemoryTransport>(machine));
+        };
+    }
     vsmc::Machine machine = test::machineFromRows(
         "key TC0P sp78 2 0xc0 63.5\n"
         "key TC0F sp78 2 0xc0 60\n"
@@ -42,20 +43,10 @@ class SensingCommandsTest : public testing::Test,
         "key F1Mx fpe2 2 0xc0 5500\n"
         "key F1Tg fpe2 2 0xd0 3500\n",
         "MacBookPro10,1");
-
-    int run(std::vector<const char *> args) {
-        return CliHarness::run(
-            std::move(args),
-            [this] {
-                return std::make_shared<SMC>(std::make_unique<test::BareMemoryTransport>(machine));
-            },
-            system);
-    }
 };
 
 TEST_F(SensingCommandsTest, SensorsGroupedWithUnits) {
-    ASSERT_EQ(run({"sensors"}), 0) << err.str();
-    EXPECT_EQ(out.str(),
+    EXPECT_EQ(printed({"sensors"}),
               "CPU\n"
               "  CPU Die (filtered)           TC0F     60.0 \u00B0C\n"
               "  CPU Proximity                TC0P     63.5 \u00B0C\n"
@@ -72,9 +63,7 @@ TEST_F(SensingCommandsTest, SensorsGroupedWithUnits) {
               "Fans\n"
               "   0  Left side     2982 rpm  (min 2160, max 5940, 22%)  auto\n"
               "   1  Right side    3500 rpm  (min 2000, max 5500, 43%)  manual, target 3500 rpm\n");
-    out.str("");
-    ASSERT_EQ(run({"sensors", "--scope", "all", "--group", "cpu", "--group", "Other"}), 0);
-    EXPECT_EQ(out.str(),
+    EXPECT_EQ(printed({"sensors", "--scope", "all", "--group", "cpu", "--group", "Other"}),
               "CPU\n"
               "  CPU Die (filtered)           TC0F     60.0 \u00B0C\n"
               "  CPU Proximity                TC0P     63.5 \u00B0C\n"
@@ -83,8 +72,7 @@ TEST_F(SensingCommandsTest, SensorsGroupedWithUnits) {
 }
 
 TEST_F(SensingCommandsTest, SensorsJsonIsTheSnapshot) {
-    ASSERT_EQ(run({"sensors", "--scope", "essential", "--json"}), 0) << err.str();
-    EXPECT_EQ(Json::parse(out.str()), Json::parse(R"({
+    EXPECT_EQ(Json::parse(printed({"sensors", "--scope", "essential", "--json"})), Json::parse(R"({
         "timestamp": "2025-12-18T00:00:00.123Z",
         "temperatures": [
             {"key": "TB0T", "name": "Battery", "group": "Battery", "value": 31, "known": true},
@@ -100,13 +88,10 @@ TEST_F(SensingCommandsTest, SensorsJsonIsTheSnapshot) {
         "voltages": [],
         "currents": []})"));
     // A group filter narrows the JSON as it narrows the text.
-    out.str("");
-    ASSERT_EQ(run({"sensors", "--group", "gpu", "--json"}), 0);
-    Json narrowed = Json::parse(out.str());
-    EXPECT_EQ(narrowed["temperatures"].size(), 1u);
-    for (const char *list : {"fans", "power", "voltages", "currents"}) {
-        EXPECT_EQ(narrowed[list], Json::array()) << list;
-    }
+    EXPECT_EQ(Json::parse(printed({"sensors", "--group", "gpu", "--json"})), Json::parse(R"({
+        "timestamp": "2025-12-18T00:00:00.123Z", "temperatures": [{"key": "TG0P",
+        "name": "GPU Proximity", "group": "GPU", "value": 50.25, "known": true}],
+        "fans": [], "power": [], "voltages": [], "currents": []})"));
 }
 
 // What a sensors user expects flagged: a fan that should turn and does not, and limits that
@@ -118,23 +103,19 @@ TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlagged) {
         "key F0Ac fpe2 2 0x90 0\nkey F0Mn fpe2 2 0xc0 2160\nkey F0Mx fpe2 2 0xc0 5940\n"
         "key F1Ac fpe2 2 0x90 3000\nkey F1Mn fpe2 2 0xc0 6000\nkey F1Mx fpe2 2 0xc0 5000\n"
         "key F2Ac fpe2 2 0x90 0\nkey F2Tg fpe2 2 0xd0 2500\n");
-    ASSERT_EQ(run({"fans"}), 0) << err.str();
-    EXPECT_THAT(out.str(), HasSubstr("auto  [stalled: not turning although it should]\n"));
-    EXPECT_THAT(out.str(), HasSubstr("auto  [impossible limits: minimum above maximum]\n"));
-    out.str("");
-    ASSERT_EQ(run({"fans", "--json"}), 0);
-    Json fans = Json::parse(out.str());
-    EXPECT_EQ(fans[0]["alarms"], Json::parse(R"(["stalled"])"));
-    EXPECT_EQ(fans[1]["alarms"], Json::parse(R"(["limitsInverted"])"));
-    EXPECT_EQ(fans[2]["alarms"], Json::parse(R"(["stalled"])")) << "manual, with a target";
+    std::string text = printed({"fans"});
+    EXPECT_THAT(text, HasSubstr("auto  [stalled: not turning although it should]\n"));
+    EXPECT_THAT(text, HasSubstr("auto  [impossible limits: minimum above maximum]\n"));
+    Json fans = Json::parse(printed({"fans", "--json"}));
+    // The third is manual, with a target.
+    EXPECT_EQ(Json::array({fans[0]["alarms"], fans[1]["alarms"], fans[2]["alarms"]}),
+              Json::parse(R"([["stalled"], ["limitsInverted"], ["stalled"]])"));
 
     machine = test::machineFromRows(
         "key FNum ui8  1 0x80 1\nkey Ftst ui8 1 0xd0 0\nkey F0Md ui8 1 0xd0 0\n"
         "key F0Ac flt  4 0x85 0\nkey F0Mn flt  4 0x84 1199\nkey F0Mx flt  4 0x84 7199\n");
     clearCache(system);
-    out.str("");
-    ASSERT_EQ(run({"fans"}), 0);
-    EXPECT_EQ(out.str(), " 0  Fan              0 rpm  (min 1199, max 7199, 0%)  auto\n")
+    EXPECT_EQ(printed({"fans"}), " 0  Fan              0 rpm  (min 1199, max 7199, 0%)  auto\n")
         << "a cool Apple-silicon machine stops its fans";
 }
 
@@ -144,28 +125,22 @@ TEST_F(SensingCommandsTest, NamesFromOutsideArePrintedWithControlsEscaped) {
         "key F0ID {fds 16 0x80 <00 00 0c 00> \"\\x1b]0;x\\x07Fan\"\n"
         "key F0Ac fpe2 2 0x90 2000\n",
         "Mac\x1b[2J");
-    ASSERT_EQ(run({"fans"}), 0) << err.str();
-    EXPECT_THAT(out.str(), HasSubstr("\\x1b]0;x\\x07Fan"));
-    out.str("");
-    ASSERT_EQ(run({"discovery"}), 0);
-    EXPECT_THAT(out.str(), HasSubstr("\\x1b]0;x\\x07Fan"));
-    EXPECT_EQ(out.str().find('\x1b'), std::string::npos);
+    for (const char *command : {"fans", "discovery"}) {
+        std::string text = printed({command});
+        EXPECT_THAT(text, HasSubstr("\\x1b]0;x\\x07Fan"));
+        EXPECT_EQ(text.find('\x1b'), std::string::npos) << command;
+    }
 }
 
 TEST_F(SensingCommandsTest, BatteryFromPowerSupplyFilesOrNone) {
-    ASSERT_EQ(run({"battery"}), 0);
-    EXPECT_EQ(out.str(), "No battery.\n");
-    out.str("");
-    ASSERT_EQ(run({"battery", "--json"}), 0);
-    EXPECT_EQ(out.str(), "null\n");
+    EXPECT_EQ(printed({"battery"}), "No battery.\n");
+    EXPECT_EQ(printed({"battery", "--json"}), "null\n");
     root.put("sys/class/power_supply/BAT0/type", "Battery\n");
     root.put("sys/class/power_supply/BAT0/status", "Charging\n");
     root.put("sys/class/power_supply/BAT0/capacity", "81\n");
     root.put("sys/class/power_supply/BAT0/voltage_now", "12600000\n");
     root.put("sys/class/power_supply/BAT0/current_now", "1500000\n");
-    out.str("");
-    ASSERT_EQ(run({"battery"}), 0);
-    EXPECT_EQ(out.str(),
+    EXPECT_EQ(printed({"battery"}),
               "Charge          81%\n"
               "Temperature     31.0 \u00B0C\n"
               "Voltage         12.60 V\n"
@@ -173,18 +148,15 @@ TEST_F(SensingCommandsTest, BatteryFromPowerSupplyFilesOrNone) {
               "Power           18.90 W\n"
               "Charging        yes\n"
               "External power  yes\n");
-    out.str("");
-    ASSERT_EQ(run({"battery", "--json"}), 0);
-    EXPECT_EQ(Json::parse(out.str()),
+    EXPECT_EQ(Json::parse(printed({"battery", "--json"})),
               Json::parse(R"({"percent": 81, "temperature": 31, "voltage": 12.6,
                               "amperage": 1.5, "charging": true, "externalPower": true})"))
         << "unknown values and the derived power are left out";
 }
 
 TEST_F(SensingCommandsTest, DiscoverySummaryAndRefresh) {
-    ASSERT_EQ(run({"discovery"}), 0) << err.str();
     std::string cache = root.path() + "/.cache/dev.ostrel/discovery-v2.txt";
-    EXPECT_EQ(out.str(),
+    EXPECT_EQ(printed({"discovery"}),
               "Model                 unknown\n"
               "SMC keys              20\n"
               "Sensors               8 (7 known, 4 essential)\n"
@@ -196,26 +168,21 @@ TEST_F(SensingCommandsTest, DiscoverySummaryAndRefresh) {
               "Cache file            " +
                   cache + "\n");
     machine.clearJournal();
-    out.str("");
-    ASSERT_EQ(run({"discovery", "--json"}), 0);
-    EXPECT_EQ(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "the cache was used";
-    EXPECT_EQ(Json::parse(out.str())["fans"][1],
+    EXPECT_EQ(Json::parse(printed({"discovery", "--json"}))["fans"][1],
               Json::parse(R"({"id": 1, "name": "Right side", "hasModeKey": false})"))
         << "fans are \"id\" in every shape";
-    ASSERT_EQ(run({"discovery", "--refresh", "--json"}), 0);
+    EXPECT_EQ(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "the cache was used";
+    printed({"discovery", "--refresh", "--json"});
     EXPECT_GT(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "--refresh scans again";
 }
 
 TEST_F(SensingCommandsTest, ReadingsLostToTheConnectionExitOne) {
-    ASSERT_EQ(run({"sensors"}), 0);  // discovered and cached
+    printed({"sensors"});  // discovered and cached
     for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
              {"sensors", "--scope", "all"}, {"sensors", "--json"}, {"fans"}}) {
         machine.injectFault({FourCC("F1Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_NOT_RESPONDING, 0});
-        out.str("");
-        err.str("");
-        EXPECT_EQ(run(args), 1) << args[0];
+        EXPECT_THAT(printed(args, 1), HasSubstr("Left side")) << "what was read is printed";
         EXPECT_EQ(err.str(), "ostrel: some readings are missing: IOKit error 0xe00002ed\n");
-        EXPECT_THAT(out.str(), HasSubstr("Left side")) << "what was read is printed";
     }
 }
 
@@ -252,16 +219,15 @@ TEST_F(SensingCommandsTest, WatchWaitsItsIntervalUntilItsCountOrASignal) {
              {{"watch"}, false, {0, SIGINT}, 130, {2000, 2000}},
              {{"watch", "--interval", "1"}, true, {SIGTERM}, 143, {1000}},
          }) {
-        out.str("");
         terminal = c.terminal;
         script = c.signals;
         waitsMs.clear();
-        EXPECT_EQ(run(c.args), c.status) << err.str();
+        std::string frames = printed(c.args, c.status);
         EXPECT_EQ(waitsMs, c.waitsMs);
-        EXPECT_EQ(out.str().starts_with("\x1b[H\x1b[2J"), c.terminal);
-        EXPECT_THAT(out.str(), HasSubstr("manual, target 3500 rpm  policy: unknown\n"
-                                         "Daemon not reachable: no daemon is listening on "));
-        EXPECT_THAT(out.str(), HasSubstr("Daemon log\n  last\n")) << "a line cut by the tail";
+        EXPECT_EQ(frames.starts_with("\x1b[H\x1b[2J"), c.terminal);
+        EXPECT_THAT(frames, HasSubstr("manual, target 3500 rpm  policy: unknown\n"
+                                      "Daemon not reachable: no daemon is listening on "));
+        EXPECT_THAT(frames, HasSubstr("Daemon log\n  last\n")) << "a line cut by the tail";
     }
 }
 
