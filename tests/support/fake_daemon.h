@@ -5,9 +5,7 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "ostrel/control_protocol.h"
@@ -35,7 +33,8 @@ class FakeDaemon {
                     for (std::size_t end; (end = input.find('\n')) != std::string::npos;) {
                         auto request = ControlProtocol::parseRequest(input.substr(0, end));
                         input.erase(0, end + 1);
-                        count();
+                        ++requests_;
+                        requests_.notify_all();
                         if (!request || mode == Mode::closeWithoutAnswer) {
                             ::shutdown(peer_, SHUT_RDWR);
                         } else if (mode == Mode::answer) {
@@ -60,23 +59,16 @@ class FakeDaemon {
     // Waits until `count` requests have arrived in all (the test runner's limit ends a
     // test that waits for a request never sent).
     void awaitRequests(int count) {
-        std::unique_lock guard(lock_);
-        arrived_.wait(guard, [&] { return requests_ >= count; });
+        for (int seen; (seen = requests_) < count;) {
+            requests_.wait(seen);
+        }
     }
 
   private:
-    void count() {
-        std::lock_guard guard(lock_);
-        ++requests_;
-        arrived_.notify_all();
-    }
-
     int listener_ = -1;
     std::atomic<int> peer_{-1};
     std::atomic<int> connections_{0};
-    std::mutex lock_;
-    std::condition_variable arrived_;
-    int requests_ = 0;
+    std::atomic<int> requests_{0};
     std::thread thread_;
 };
 
