@@ -18,22 +18,17 @@ namespace {
 using namespace ostrel;
 using testing::HasSubstr;
 
-enum class Signed { no, adhoc, teamA };
-
 class PeerIdentityTest : public testing::Test {
   protected:
     test::TempDir dir;
     SigningKey teamA = SigningKey::generate();
     int copies = 0;
 
-    // A copy of the client program, signed as `identifier` the way `how` says.
-    std::string client(Signed how, const std::string &identifier = "dev.ostrel.cli") {
-        std::string bytes = test::fileBytes(OSTREL_TEST_PEER_CLIENT);
-        if (how != Signed::no) {
-            bytes = test::signedBytes(bytes, identifier, how == Signed::teamA ? &teamA : nullptr);
-        }
+    // A copy of the client program, signed as `identifier` with `key` (ad hoc when null).
+    std::string client(const SigningKey *key, const std::string &identifier = "dev.ostrel.cli") {
         std::string path = dir.path() + "/client" + std::to_string(++copies);
-        test::writeExecutable(path, bytes);
+        test::writeExecutable(
+            path, test::signedBytes(test::fileBytes(OSTREL_TEST_PEER_CLIENT), identifier, key));
         return path;
     }
 };
@@ -44,20 +39,21 @@ TEST_F(PeerIdentityTest, OnlyOurSignedProgramsAreServed) {
     ::chmod(preload.c_str(), 0775);  // group-writable: refused whoever owns it, root included
     struct Case {
         const char *name;
-        Signed how;
+        const SigningKey *key;
         std::optional<std::string> daemonTeam;
         std::string preload;
         std::string refusal;  // empty: accepted
+        std::string identifier = "dev.ostrel.cli";
     } cases[] = {
-        {"team-signed client", Signed::teamA, teamA.team(), "", ""},
-        {"unsigned program", Signed::no, std::nullopt, "", "not signed"},
-        {"ad hoc client, daemon without team", Signed::adhoc, std::nullopt, "", ""},
-        {"ad hoc client, daemon with team", Signed::adhoc, teamA.team(), "", "ad hoc signed"},
-        {"LD_PRELOAD of a writable library", Signed::teamA, teamA.team(), preload,
+        {"team-signed client", &teamA, teamA.team(), "", ""},
+        {"ad hoc client, daemon without team", nullptr, std::nullopt, "", ""},
+        {"LD_PRELOAD of a writable library", &teamA, teamA.team(), preload,
          "runs code from " + preload},
+        {"the daemon's identifier", &teamA, teamA.team(), "",
+         "signed as \"dev.ostrel.helper\", which is not accepted", "dev.ostrel.helper"},
     };
     for (const Case &c : cases) {
-        test::ConnectedClient peer(client(c.how), dir.path(), c.preload);
+        test::ConnectedClient peer(client(c.key, c.identifier), dir.path(), c.preload);
         PeerVetting vetting(clientRequirement(c.daemonTeam), platform::realProcessAccess());
         PeerVerdict verdict = vetting.check(peer.fd());
         EXPECT_EQ(verdict.accepted, c.refusal.empty()) << c.name << ": " << verdict.reason;
@@ -65,17 +61,12 @@ TEST_F(PeerIdentityTest, OnlyOurSignedProgramsAreServed) {
         EXPECT_GT(verdict.credentials.pid, 0);
         EXPECT_EQ(verdict.credentials.uid, ::getuid());
     }
-    test::ConnectedClient helper(client(Signed::teamA, "dev.ostrel.helper"), dir.path());
-    EXPECT_THAT(PeerVetting(clientRequirement(teamA.team()), platform::realProcessAccess())
-                    .check(helper.fd())
-                    .reason,
-                HasSubstr("signed as \"dev.ostrel.helper\", which is not accepted"));
 }
 
 TEST_F(PeerIdentityTest, VerdictsAreCachedUntilTheExecutableChanges) {
     for (platform::PidfdSource source :
          {platform::PidfdSource::socket, platform::PidfdSource::byPid}) {
-        std::string program = client(Signed::teamA);
+        std::string program = client(&teamA);
         test::ConnectedClient connection(program, dir.path());
         PeerVetting vetting(clientRequirement(teamA.team()), platform::realProcessAccess(source));
         PeerLookup lookup = identifyPeer(connection.fd(), platform::realProcessAccess(source));
@@ -112,13 +103,12 @@ class PeerRulesTest : public testing::Test {
         files.put("/home/u/evil.so", "", {1, 300, 0, 0, 0, 0100755, 1000, 1000});
     }
 
-    std::string reason(const std::string &status, const std::string &maps) {
-        return reason(status, maps, vetting);
-    }
-    std::string reason(const std::string &status, const std::string &maps, PeerVetting &by) {
+    // Why `by` (the fixture's vetting when null) refuses the peer; empty when it accepts.
+    std::string reason(const std::string &status, const std::string &maps,
+                       PeerVetting *by = nullptr) {
         access.fakeFiles().put("/proc/42/status", "Name:\tostrel\n" + status + "Uid:\t0\n");
         access.fakeFiles().put("/proc/42/maps", maps);
-        PeerVerdict verdict = by.check(-1);
+        PeerVerdict verdict = (by ? *by : vetting).check(-1);
         EXPECT_EQ(verdict.accepted, verdict.reason.empty());
         return verdict.reason;
     }
@@ -161,7 +151,7 @@ TEST_F(PeerRulesTest, FilesThisProcessRunsStayTrustedWhenTheirPathsChange) {
     PeerVetting pinning(clientRequirement(std::nullopt), access);
     // An upgrade puts a new file at the path; the old one lives on in both processes.
     access.fakeFiles().put("/usr/lib/libc.so.6", "", {1, 201, 0, 0, 0, 0100755, 0, 0});
-    EXPECT_EQ(reason("TracerPid:\t0\n", exe + libc, pinning), "");
+    EXPECT_EQ(reason("TracerPid:\t0\n", exe + libc, &pinning), "");
     EXPECT_THAT(reason("TracerPid:\t0\n", exe + libc), HasSubstr("no longer that file"));
 }
 
