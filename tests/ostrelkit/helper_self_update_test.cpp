@@ -68,10 +68,11 @@ TEST_F(SelfUpdateTest, VersionsCompareRunsOfDigitsByValue) {
 
 TEST_F(SelfUpdateTest, VersionIsTheTrimmedOutputOfASuccessfulRun) {
     EXPECT_EQ(version("/x", processes), "1.1.14");
-    ASSERT_EQ(processes.runs.size(), 1u);
-    EXPECT_EQ(processes.runs[0].args, std::vector<std::string>{"--print-version"});
-    EXPECT_EQ(processes.runs[0].timeout, std::chrono::milliseconds(5000));
-    EXPECT_EQ(processes.runs[0].error, platform::Stream::null);
+    EXPECT_EQ(processes.runs,
+              (std::vector<platform::ProcessLaunch>{{.program = "/x",
+                                                     .args = {"--print-version"},
+                                                     .timeout = std::chrono::milliseconds(5000),
+                                                     .captureLimit = 4096}}));
     const std::pair<platform::ProcessResult, std::optional<std::string>> cases[] = {
         {printed(" \r\n1.2.0 \n"), "1.2.0"},
         {printed("1.2\xff"), "1.2\xEF\xBF\xBD"},

@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <csignal>
+#include <filesystem>
 
 #include "ostrel/policy_store.h"
 #include "support/temp_dir.h"
@@ -51,12 +52,12 @@ TEST(PolicyStoreTest, LoadDropsBadMembersOneByOneAndBadFilesWhole) {
 TEST(PolicyStoreTest, SaveRefusesAnInvalidPolicyAndLeavesTheFileAsItWas) {
     platform::FakeFiles files;
     files.put(kPath, "old");
-    try {
-        PolicyStore::save({{0, FanPolicy::fixed(2000)}, {1, FanPolicy::fixed(-1)}}, kPath, files);
-        FAIL();
-    } catch (const FanControlError &e) {
-        EXPECT_STREQ(e.what(), "invalid fan speed");
-    }
+    EXPECT_THAT(
+        [&] {
+            PolicyStore::save({{0, FanPolicy::fixed(2000)}, {1, FanPolicy::fixed(-1)}}, kPath,
+                              files);
+        },
+        testing::ThrowsMessage<FanControlError>(testing::StrEq("invalid fan speed")));
     EXPECT_EQ(files.read(kPath), "old");
 }
 
@@ -74,12 +75,9 @@ TEST_F(PolicyStoreFilesTest, SaveCreatesTheDirectoryAndGivesExactModesWhateverTh
     umask(old);
     EXPECT_EQ(root.read(kPath.substr(1)),
               R"({"0":{"fixed":{"rpm":2500}},"1":{"fixed":{"rpm":"inf"}}})");
-    struct stat dir {
-    }, file{};
-    ASSERT_EQ(stat((root.path() + "/var/lib/dev.ostrel").c_str(), &dir), 0);
-    ASSERT_EQ(stat(path.c_str(), &file), 0);
-    EXPECT_EQ(dir.st_mode & 07777, 0755u);
-    EXPECT_EQ(file.st_mode & 07777, 0644u);
+    EXPECT_EQ(std::filesystem::status(root.path() + "/var/lib/dev.ostrel").permissions(),
+              std::filesystem::perms(0755));
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0644));
     EXPECT_EQ(PolicyStore::load(path, files), policies);
 }
 
