@@ -2,6 +2,7 @@
 // what a dismissed prompt or a failing script says, where it looks for the daemon, and a
 // whole install and uninstall in a sandbox carried out by recording fake programs.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -12,6 +13,7 @@
 namespace {
 
 using namespace ostrel;
+using testing::HasSubstr;
 
 // The installer on fakes: files in memory, processes recorded, no root.
 struct FakeSystem {
@@ -114,10 +116,8 @@ TEST(HelperInstallerTest, InstalledMeansBothFilesAndTheDaemonIsFoundNextToThePro
 TEST(HelperInstallerTest, TheUnitQuotesArgumentsBySystemdsRules) {
     std::string unit = FakeSystem().installer().unitText("/usr/local/libexec/dev.ostrel.helper",
                                                          "/opt/ostrel/100% \"new\"/x");
-    EXPECT_NE(unit.find("\nExecStart=\"/usr/local/libexec/dev.ostrel.helper\" \"--source\" "
-                        "\"/opt/ostrel/100%% \\\"new\\\"/x\"\n"),
-              std::string::npos)
-        << unit;
+    EXPECT_THAT(unit, HasSubstr("\nExecStart=\"/usr/local/libexec/dev.ostrel.helper\" \"--source\" "
+                                "\"/opt/ostrel/100%% \\\"new\\\"/x\"\n"));
     EXPECT_EQ(systemdQuote("$HOME\\\n"), "\"$$HOME\\\\\\x0a\"");
 }
 
@@ -133,9 +133,8 @@ TEST(HelperInstallerTest, InstallsAndUninstallsInASandbox) {
     installer.install(from);
     EXPECT_TRUE(installer.isInstalled());
     EXPECT_EQ(root.read("usr/local/libexec/dev.ostrel.helper"), "daemon");
-    EXPECT_NE(root.read("etc/systemd/system/dev.ostrel.helper.service")
-                  .find("\"--source\" \"" + from + "\""),
-              std::string::npos);
+    EXPECT_THAT(root.read("etc/systemd/system/dev.ostrel.helper.service"),
+                HasSubstr("\"--source\" \"" + from + "\""));
 
     installer.uninstall();
     EXPECT_FALSE(installer.isInstalled());
