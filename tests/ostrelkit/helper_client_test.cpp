@@ -61,7 +61,7 @@ class HelperClientTest : public ::testing::Test {
     platform::ManualQueue deadlines{clock};
 };
 
-TEST_F(HelperClientTest, AnswersArriveARefusedPolicyKeepsTheDaemonsWordsARestartIsReached) {
+TEST_F(HelperClientTest, AnswersArriveRefusalsKeepTheDaemonsWordsARestartIsReached) {
     auto fake = daemon(FakeDaemon::Mode::answer);
     HelperClient client(socket(), deadlines);
     auto version = client.version();
@@ -74,6 +74,7 @@ TEST_F(HelperClientTest, AnswersArriveARefusedPolicyKeepsTheDaemonsWordsARestart
     EXPECT_EQ(policies.get(),
               (PolicyMap{{0, FanPolicy::fixed(2500)}, {1, FanPolicy::fixed(INFINITY)}}));
     EXPECT_EQ(fake->connections(), 1);  // all four in flight on one connection
+    EXPECT_EQ(client.blocking(5, [](auto &c) { return c.version(); }), "1/1.1.13");
     // A restarted daemon is reached again without a reset, and after one.
     fake.reset();
     fake = daemon(FakeDaemon::Mode::answer);
@@ -112,6 +113,16 @@ TEST_F(HelperClientTest, ASilentDaemonCostsEachRequestItsLimitAndTheConnection) 
     fake->awaitRequests(3);
     EXPECT_EQ(failureAt(10s, std::move(again)), "no answer within 10 s");
     EXPECT_EQ(fake->connections(), 2);
+    // A blocking call's own limit, told in whole seconds.
+    EXPECT_EQ(failure(std::async(std::launch::deferred,
+                                 [&] {
+                                     return client.blocking(2.9, [&](HelperClient &c) {
+                                         auto future = c.version();
+                                         deadlines.advance(2900ms);  // the time the operation takes
+                                         return future;
+                                     });
+                                 })),
+              "timed out after 2s");
 }
 
 TEST_F(HelperClientTest, AReplyRacingItsTimeOutFinishesTheRequestOnce) {
@@ -127,23 +138,6 @@ TEST_F(HelperClientTest, AReplyRacingItsTimeOutFinishesTheRequestOnce) {
         }
         EXPECT_EQ(client.inFlight(), 0u);
     }
-}
-
-TEST_F(HelperClientTest, BlockingReturnsTheResultOrTimesOutInWholeSeconds) {
-    auto fake = daemon(FakeDaemon::Mode::answer);
-    EXPECT_EQ(HelperClient(socket(), deadlines).blocking(5, [](auto &c) { return c.version(); }),
-              "1/1.1.13");
-    fake = daemon(FakeDaemon::Mode::silent);
-    HelperClient client(socket(), deadlines);
-    EXPECT_EQ(failure(std::async(std::launch::deferred,
-                                 [&] {
-                                     return client.blocking(2.9, [&](HelperClient &c) {
-                                         auto future = c.version();
-                                         deadlines.advance(2900ms);  // the time the operation takes
-                                         return future;
-                                     });
-                                 })),
-              "timed out after 2s");
 }
 
 TEST_F(HelperClientTest, DestroyingTheClientFinishesItsRequestsAndLeavesNothingRunning) {

@@ -1,19 +1,26 @@
 // The installer: its scripts word for word, quoting by the shell's and systemd's rules,
 // what a dismissed prompt or a failing script says, where it looks for the daemon, and a
-// whole install and uninstall in a sandbox carried out by recording fake programs.
+// whole install and uninstall in a sandbox carried out by stand-in programs.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "ostrel/fan_policy.h"
 #include "ostrel/helper_installer.h"
-#include "support/fake_programs.h"
+#include "support/temp_dir.h"
 
 namespace {
 
 using namespace ostrel;
 using testing::HasSubstr;
+
+// Matches an action that throws a FanControlError saying `message`.
+auto Throws(const std::string &message) {
+    return testing::ThrowsMessage<FanControlError>(testing::StrEq(message));
+}
 
 // The installer on fakes: files in memory, processes recorded, no root.
 struct FakeSystem {
@@ -23,16 +30,6 @@ struct FakeSystem {
     }
     void executable(const std::string &path) { access.put(path, "ELF").status.mode = 0100755; }
     std::string script() const { return processes.runs.at(0).args.back(); }
-    // The message of what `action` throws.
-    std::string error(const std::function<void(HelperInstaller &)> &action) {
-        try {
-            HelperInstaller subject = installer();
-            action(subject);
-        } catch (const FanControlError &e) {
-            return e.what();
-        }
-        return "(no error)";
-    }
 
     platform::FakeEnvironment env{{{"TMPDIR", "/tmp"}}};
     platform::Paths paths{env};
@@ -88,14 +85,14 @@ TEST(HelperInstallerTest, FailuresSayWhatHappenedAndNothingRunsWithoutItsFiles) 
         system.processes.respond = [&c](const platform::ProcessLaunch &) {
             return platform::ProcessResult{c.startError, false, c.status, {}, {}, c.error};
         };
-        EXPECT_EQ(system.error([](auto &installer) { installer.uninstall(); }), c.message);
+        EXPECT_THAT([&] { system.installer().uninstall(); }, Throws(c.message));
     }
     FakeSystem system;
-    EXPECT_EQ(system.error([](auto &installer) { installer.install("/nowhere/ostrel-helper"); }),
-              "/nowhere/ostrel-helper is not an executable file");
+    EXPECT_THAT([&] { system.installer().install("/nowhere/ostrel-helper"); },
+                Throws("/nowhere/ostrel-helper is not an executable file"));
     system.files.setReadOnly(true);
-    EXPECT_EQ(system.error([](auto &in) { in.install("/usr/lib/ostrel/ostrel-helper"); }),
-              "cannot write /tmp/dev.ostrel.helper.812.service: Read-only file system");
+    EXPECT_THAT([&] { system.installer().install("/usr/lib/ostrel/ostrel-helper"); },
+                Throws("cannot write /tmp/dev.ostrel.helper.812.service: Read-only file system"));
     EXPECT_TRUE(system.processes.runs.empty());
 }
 
@@ -121,18 +118,41 @@ TEST(HelperInstallerTest, TheUnitQuotesArgumentsBySystemdsRules) {
     EXPECT_EQ(systemdQuote("$HOME\\\n"), "\"$$HOME\\\\\\x0a\"");
 }
 
-// The real code with real processes: every program the scripts run is a sandbox fake.
+// The real code with real processes, in an OSTREL_ROOT sandbox where Paths finds stand-ins
+// for the programs the scripts run: pkexec runs its command, systemctl does nothing,
+// install copies and sets the mode; sh, mkdir and rm are the real ones.
 TEST(HelperInstallerTest, InstallsAndUninstallsInASandbox) {
-    test::InstallerSandbox sandbox;
-    const test::TempDir &root = sandbox.root;
-    std::string from = root.put("usr/lib/ostrel/ostrel-helper", "daemon");
-    ::chmod(from.c_str(), 0755);
+    test::TempDir root;
+    auto script = [&](const std::string &relative, const std::string &body) {
+        std::string path = root.put(relative, "#!/bin/sh\n" + body);
+        ::chmod(path.c_str(), 0755);
+        return path;
+    };
+    script("usr/bin/pkexec", "exec \"$@\"\n");
+    script("bin/systemctl", "exit 0\n");
+    script("usr/bin/install",
+           "while [ $# -gt 2 ]; do [ \"$1\" = -m ] && mode=$2; shift 2; done\n"
+           "cp \"$1\" \"$2\" && chmod \"$mode\" \"$2\"\n");
+    for (const char *real : {"bin/sh", "bin/mkdir", "bin/rm"}) {
+        std::filesystem::create_symlink(std::string("/") + real, root.path() + "/" + real);
+    }
+    root.put("tmp/.keep", "");
     root.put("var/lib/dev.ostrel/fan-policies.json", "{}");
-    HelperInstaller installer = sandbox.installer();
+    platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}, {"TMPDIR", root.path() + "/tmp"}}};
+    platform::Paths paths{env};
+    platform::FakeClock clock;
+    std::unique_ptr<platform::Processes> processes = platform::realProcesses(clock);
+    HelperInstaller installer({&paths,
+                               &env,
+                               &platform::realFiles(),
+                               &platform::realFileAccess(),
+                               processes.get(),
+                               {1000, 812}});
 
+    std::string from = script("usr/lib/ostrel/ostrel-helper", "daemon");
     installer.install(from);
     EXPECT_TRUE(installer.isInstalled());
-    EXPECT_EQ(root.read("usr/local/libexec/dev.ostrel.helper"), "daemon");
+    EXPECT_EQ(root.read("usr/local/libexec/dev.ostrel.helper"), "#!/bin/sh\ndaemon");
     EXPECT_THAT(root.read("etc/systemd/system/dev.ostrel.helper.service"),
                 HasSubstr("\"--source\" \"" + from + "\""));
 
