@@ -129,17 +129,15 @@ TEST_F(CliTest, AMachinesDumpLoadsAsTheSameTable) {
     EXPECT_EQ(reloaded.keys().entries(), machine.keys().entries());
 }
 
-TEST_F(CliTest, DumpNotesKeysItCannotRead) {
+// A key that cannot be read is noted in a dump. The machine going away in the middle of a
+// walk is different: what was read stands, the walk stops at once instead of noting every
+// later key, and the exit status says the output is short.
+TEST_F(CliTest, AWalkNotesKeysItCannotReadAndStopsWhenItLosesTheMachine) {
     machine.injectFault({FourCC("RPlt").rawValue, SMC_CMD_READ, 1, 0, 0x85});
     std::string dump = printed({"smc", "dump"});
     EXPECT_THAT(dump, HasSubstr("model Test,1\n"));
     EXPECT_THAT(dump, HasSubstr("# RPlt could not be read (SMC rejected request for "
                                 "'RPlt'); its value is left zero\nkey RPlt   ch8*"));
-}
-
-// The machine goes away in the middle of a walk: what was read stands, the walk stops at
-// once instead of noting every later key, and the exit status says the output is short.
-TEST_F(CliTest, AWalkThatLosesTheMachineStopsAndExitsOne) {
     for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
              {"smc", "dump"}, {"smc", "keys"}, {"smc", "keys", "--json"}}) {
         machine.injectFault({FourCC("F0Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_NOT_RESPONDING, 0});
@@ -255,8 +253,9 @@ TEST_F(SensingCommandsTest, SensorsJsonIsTheSnapshot) {
 }
 
 // What a sensors user expects flagged: a fan that should turn and does not, and limits that
-// cannot be; but not the fans Apple-silicon firmware stops when the machine is cool.
-TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlagged) {
+// cannot be; but not the fans Apple-silicon firmware stops when the machine is cool. And
+// what comes from outside cannot drive the terminal.
+TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlaggedAndNamesEscaped) {
     machine = test::machineFromRows(
         "key FNum ui8  1 0x80 3\n"
         "key FS!  ui16 2 0xc0 4\n"
@@ -277,9 +276,9 @@ TEST_F(SensingCommandsTest, StalledFansAndImpossibleLimitsAreFlagged) {
     clearCache(system);
     EXPECT_EQ(printed({"fans"}), " 0  Fan              0 rpm  (min 1199, max 7199, 0%)  auto\n")
         << "a cool Apple-silicon machine stops its fans";
-}
 
-TEST_F(SensingCommandsTest, NamesFromOutsideArePrintedWithControlsEscaped) {
+    // Names from outside are printed with their controls escaped.
+    clearCache(system);
     machine = test::machineFromRows(
         "key FNum ui8  1 0x80 1\n"
         "key F0ID {fds 16 0x80 <00 00 0c 00> \"\\x1b]0;x\\x07Fan\"\n"
