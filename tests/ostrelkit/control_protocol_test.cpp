@@ -16,9 +16,7 @@ TEST(ControlProtocolTest, RequestsAndRepliesRoundTrip) {
         {INT64_MAX, Call::policies, 0, ""},
     };
     for (const Request &request : requests) {
-        std::string line = requestLine(request);
-        ASSERT_EQ(line.back(), '\n');
-        EXPECT_EQ(parseRequest(line), request) << line;
+        EXPECT_EQ(parseRequest(requestLine(request)), request) << requestLine(request);
     }
     EXPECT_EQ(requestLine(requests[0]), "{\"id\":1,\"call\":\"version\"}\n");
     for (const Reply &reply : {Reply{2, std::nullopt}, Reply{3, "no fan with id 7"}}) {
