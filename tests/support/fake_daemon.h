@@ -38,9 +38,8 @@ class FakeDaemon {
                         if (!request || mode == Mode::closeWithoutAnswer) {
                             ::shutdown(peer_, SHUT_RDWR);
                         } else if (mode == Mode::answer) {
-                            std::string line =
-                                ControlProtocol::replyLine({request->id, respond(*request)});
-                            ::send(peer_, line.data(), line.size(), MSG_NOSIGNAL);
+                            sendAll(peer_,
+                                    ControlProtocol::replyLine({request->id, respond(*request)}));
                         }
                     }
                 }
