@@ -91,15 +91,14 @@ TEST_F(CodeSignatureTest, TruncatedOrMisleadingBlocksAreNotSigned) {
     }
     std::string trailerOnly = good.substr(good.size() - 16);
     std::size_t body = good.size() - kContent.size() - 16;
-    auto withLength = [&](std::uint32_t length, std::string bytes) {
-        std::memcpy(bytes.data() + bytes.size() - 16, &length, 4);  // little-endian host
+    auto withLength = [&](std::size_t length, std::string bytes) {
+        auto field = static_cast<std::uint32_t>(length);
+        std::memcpy(bytes.data() + bytes.size() - 16, &field, 4);  // little-endian host
         return bytes;
     };
     for (const std::string &bytes :
-         {trailerOnly, withLength(0xFFFFFFFF, good),
-          withLength(static_cast<std::uint32_t>(good.size()), good),
-          withLength(static_cast<std::uint32_t>(body + 1), good),
-          withLength(static_cast<std::uint32_t>(body - 1), good), std::string("plain text\n")}) {
+         {trailerOnly, withLength(0xFFFFFFFF, good), withLength(good.size(), good),
+          withLength(body + 1, good), withLength(body - 1, good), std::string("plain text\n")}) {
         SignatureInfo info = verifyBytes(bytes);
         EXPECT_EQ(info.status, SignatureStatus::notSigned);
         EXPECT_EQ(info.contentSize, bytes.size());
