@@ -55,7 +55,7 @@ class DaemonE2E : public testing::Test {
     test::DaemonRig rig;
 };
 
-TEST_F(DaemonE2E, ServesVersionAndPoliciesStoresThemAndRestoresThemOnRestart) {
+TEST_F(DaemonE2E, ServesStoresRestoresAndEndsOnEachSignalWithEveryFanOnAuto) {
     rig.start();
     EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
     EXPECT_THAT(rig.client({setPolicy(2, 0, kFixed2500), kPolicies}),
@@ -66,90 +66,24 @@ TEST_F(DaemonE2E, ServesVersionAndPoliciesStoresThemAndRestoresThemOnRestart) {
     EXPECT_EQ(fan(0)["mode"], "manual") << "the tick queued after the reply wrote it";
     EXPECT_EQ(fan(0)["written"], 2500);
     EXPECT_EQ(test::fileBytes(rig.policiesPath()), R"({"0":{"fixed":{"rpm":2500}}})");
-
-    EXPECT_EQ(stopWith(SIGTERM).first, 0);
-    rig.start();
-    EXPECT_THAT(rig.log(), testing::Contains("fan 0: restored fixed 2500 rpm"));
+    for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        rig.client({setPolicy(1, -1, kFixed2500)});
+        settle();
+        ASSERT_TRUE(rig.anyFanManual());
+        EXPECT_EQ(stopWith(signal),
+                  std::pair(0, "signal " + std::to_string(signal) + "; fans returned to auto"));
+        EXPECT_FALSE(rig.anyFanManual());
+        rig.start();
+        EXPECT_THAT(rig.log(), testing::Contains("fan 1: restored fixed 2500 rpm")) << signal;
+    }
     EXPECT_THAT(rig.client({setPolicy(7, -1, R"({"auto":{}})"), kPolicies}),
                 ElementsAre(R"({"id":7,"reply":null})", R"({"id":3,"reply":"{}"})"));
     EXPECT_FALSE(rig.anyFanManual());
     EXPECT_EQ(test::fileBytes(rig.policiesPath()), "{}");
 }
 
-class DaemonSignalE2E : public DaemonE2E, public testing::WithParamInterface<int> {};
-
-TEST_P(DaemonSignalE2E, EndsWithStatusZeroAndEveryFanOnAuto) {
-    rig.start();
-    rig.client({setPolicy(1, -1, kFixed2500)});
-    settle();
-    ASSERT_TRUE(rig.anyFanManual());
-    EXPECT_EQ(stopWith(GetParam()),
-              std::pair(0, "signal " + std::to_string(GetParam()) + "; fans returned to auto"));
-    EXPECT_FALSE(rig.anyFanManual());
-}
-
-INSTANTIATE_TEST_SUITE_P(TermIntHup, DaemonSignalE2E, testing::Values(SIGTERM, SIGINT, SIGHUP));
-
-TEST_F(DaemonE2E, StopsWhenItsExecutableIsReplaced) {
-    rig.start();
-    rig.client({setPolicy(1, 0, kFixed2500)});
-    test::DaemonRig::install(rig.helperPath() + ".next", nullptr);
-    std::filesystem::rename(rig.helperPath() + ".next", rig.helperPath());
-    EXPECT_EQ(rig.helper().wait(), 0);
-    EXPECT_EQ(rig.log().back(), "executable replaced (update); fans returned to auto");
-    EXPECT_FALSE(rig.anyFanManual());
-}
-
-TEST_F(DaemonE2E, ReleaseFansAfterAKillHandsThemBack) {
-    rig.start();
-    rig.client({setPolicy(1, -1, kFixed2500)});
-    settle();
-    rig.helper().signal(SIGKILL);
-    rig.helper().wait();
-    ASSERT_TRUE(rig.anyFanManual()) << "a killed daemon leaves its fans where they were";
-    test::BackgroundProcess release(rig.helperPath(), {"--release-fans"}, rig.environment(),
-                                    rig.logPath());
-    EXPECT_EQ(release.wait(), 0);
-    EXPECT_EQ(rig.log().back(), "fans returned to auto (release)");
-    EXPECT_FALSE(rig.anyFanManual());
-}
-
-TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveNoOlderThanAcknowledged) {
-    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
-}
-
-// A short run of bench/daemon_bench's abuse: 450 malformed frames of nine kinds, 100 silent
-// connections, 5 clients that never read, valid requests from an unsigned peer (refused
-// unanswered, and logged).
-TEST_F(DaemonE2E, AbuseOfTheSocketChangesNothingAndASignedClientIsStillServed) {
-    rig.start();
-    rig.client({setPolicy(1, 0, kFixed2500)});
-    settle();
-    auto fans = [&] {
-        std::vector<std::pair<Json, Json>> state;
-        for (const Json &fan : rig.status()["fans"]) {
-            state.emplace_back(fan["mode"], fan["written"]);
-        }
-        return state;
-    };
-    auto before = std::pair(fans(), test::fileBytes(rig.policiesPath()));
-    test::SocketAbuse abuse(rig.socket(), rig.helper().pid(), 5);
-    abuse.holdIdle(100);
-    abuse.deafClients(5, 2000);
-    abuse.malformed(450);
-    for (int i = 0; i < 3; ++i) {
-        platform::ProcessResult refused = rig.ostrel({"set", "0", "auto"}, false);
-        EXPECT_EQ(refused.exitCode, 1);
-        EXPECT_THAT(refused.error, testing::HasSubstr("closed the connection without an answer"));
-    }
-    EXPECT_THAT(rig.log(), testing::Contains(testing::MatchesRegex("refused process [0-9]+ .*")));
-    EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
-    EXPECT_EQ(std::pair(fans(), test::fileBytes(rig.policiesPath())), before);
-    EXPECT_LT(abuse.peakFds, 300) << "a socket and a pidfd for each of 128 connections at most";
-    EXPECT_LT(abuse.peakRssKib, 64 * 1024);
-}
-
-TEST_F(DaemonE2E, ASecondDaemonLeavesTheFirstAlone) {
+// A second daemon is refused the socket; replacing the executable (an update) stops the first.
+TEST_F(DaemonE2E, ASecondDaemonLeavesTheFirstAloneWhichStopsWhenItsExecutableIsReplaced) {
     rig.start();
     rig.client({setPolicy(1, 0, kFixed2500)});
     settle();
@@ -158,6 +92,57 @@ TEST_F(DaemonE2E, ASecondDaemonLeavesTheFirstAlone) {
     EXPECT_EQ(rig.log().back(), "another daemon is already serving " + rig.socket() + "; exiting");
     EXPECT_EQ(fan(0)["mode"], "manual");
     EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+    test::DaemonRig::install(rig.helperPath() + ".next", nullptr);
+    std::filesystem::rename(rig.helperPath() + ".next", rig.helperPath());
+    EXPECT_EQ(rig.helper().wait(), 0);
+    EXPECT_EQ(rig.log().back(), "executable replaced (update); fans returned to auto");
+    EXPECT_FALSE(rig.anyFanManual());
+}
+
+// After a SIGKILL (which leaves the fans where they were) the file holds one whole save no
+// older than acknowledged, and --release-fans hands the fans back.
+TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveAndReleaseFansHandsThemBack) {
+    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
+    rig.start();
+    rig.client({setPolicy(1, -1, kFixed2500)});
+    settle();
+    rig.helper().signal(SIGKILL);
+    rig.helper().wait();
+    ASSERT_TRUE(rig.anyFanManual());
+    test::BackgroundProcess release(rig.helperPath(), {"--release-fans"}, rig.environment(),
+                                    rig.logPath());
+    EXPECT_EQ(release.wait(), 0);
+    EXPECT_EQ(rig.log().back(), "fans returned to auto (release)");
+    EXPECT_FALSE(rig.anyFanManual());
+}
+
+// A short run of bench/daemon_bench's abuse: 450 malformed frames of nine kinds, 100 silent
+// connections, 5 clients that never read, a valid request from an unsigned peer (refused
+// unanswered, and logged).
+TEST_F(DaemonE2E, AbuseOfTheSocketChangesNothingAndASignedClientIsStillServed) {
+    rig.start();
+    rig.client({setPolicy(1, 0, kFixed2500)});
+    settle();
+    auto state = [&] {
+        std::vector<std::pair<Json, Json>> fans;
+        for (const Json &fan : rig.status()["fans"]) {
+            fans.emplace_back(fan["mode"], fan["written"]);
+        }
+        return std::pair(fans, test::fileBytes(rig.policiesPath()));
+    };
+    auto before = state();
+    test::SocketAbuse abuse(rig.socket(), rig.helper().pid(), 5);
+    abuse.holdIdle(100);
+    abuse.deafClients(5, 2000);
+    abuse.malformed(450);
+    platform::ProcessResult refused = rig.ostrel({"set", "0", "auto"}, false);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_THAT(refused.error, testing::HasSubstr("closed the connection without an answer"));
+    EXPECT_THAT(rig.log(), testing::Contains(testing::MatchesRegex("refused process [0-9]+ .*")));
+    EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+    EXPECT_EQ(state(), before);
+    EXPECT_LT(abuse.peakFds, 300) << "a socket and a pidfd for each of 128 connections at most";
+    EXPECT_LT(abuse.peakRssKib, 64 * 1024);
 }
 
 // A load scenario drives the machine past the ceiling with every fan held at its minimum;
@@ -208,32 +193,18 @@ TEST_P(HealingE2E, TheNextTickTakesBackWhatTheFirmwareTook) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ModeKeysAndTestKey, HealingE2E,
-                         testing::Values("macbookpro16-1", "macbookpro18-2"), [](const auto &info) {
-                             std::string name = info.param;
-                             std::erase(name, '-');
-                             return name;
-                         });
+                         testing::Values("macbookpro16-1", "macbookpro18-2"));
 
 // Self-update with a team of the test's own: the daemon signed by it, the candidate in the
 // sandbox's package location. The first check comes 5 s after start, on the real clock;
 // rejections and their logging are tested in-process on fake time.
-class SelfUpdateE2E : public testing::Test {
-  protected:
-    SelfUpdateE2E() {
-        std::filesystem::create_directories(std::filesystem::path(source).parent_path());
-    }
-    void candidate(const SigningKey *key) {
-        test::writeExecutable(source, test::signedBytes("#!/bin/sh\necho 1.1.14\nexit 0\n",
-                                                        "dev.ostrel.helper", key));
-    }
-
+TEST(SelfUpdateE2E, ANewerCopyOfTheTeamReplacesTheDaemonWhichStops) {
     SigningKey team = SigningKey::generate();
-    test::DaemonRig rig{"macbookpro16-1", &team};
+    test::DaemonRig rig("macbookpro16-1", &team);
     std::string source = rig.root() + "/usr/lib/ostrel/ostrel-helper";
-};
-
-TEST_F(SelfUpdateE2E, ANewerCopyOfTheTeamReplacesTheDaemonWhichStops) {
-    candidate(&team);
+    std::filesystem::create_directories(std::filesystem::path(source).parent_path());
+    test::writeExecutable(
+        source, test::signedBytes("#!/bin/sh\necho 1.1.14\nexit 0\n", "dev.ostrel.helper", &team));
     rig.start({"--source", source});
     EXPECT_EQ(rig.helper().wait(), 0);
     EXPECT_EQ(rig.log().back(),
