@@ -2,7 +2,7 @@
 // start-up and restore, the 2 s loop, write smoothing, the failsafe, policy changes and
 // their storage, shutdown. What reaches the fans is read back from the machine's journal.
 // The loop closed over a machine whose time passes (heat, load, the failsafe tripping for
-// real) is the soak's (soak_test.cpp).
+// real) is the soak's (support/soak.h), at the end.
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -13,6 +13,7 @@
 #include "controller.h"
 #include "ostrel/policy_store.h"
 #include "support/sandbox.h"
+#include "support/soak.h"
 #include "support/test_machine.h"
 
 namespace {
@@ -266,5 +267,25 @@ INSTANTIATE_TEST_SUITE_P(BuiltinMachines, ControllerTest, testing::ValuesIn(kPro
                              std::erase(name, '-');
                              return name;
                          });
+
+// Thousands of ticks under faults, random policy changes and load, every invariant checked
+// after every tick (the long run with its counts is bench/soak_bench.cpp).
+TEST(SoakTest, EveryInvariantHoldsUnderFaultsOnEveryBuiltinMachine) {
+    ostrel::soak::Counts total;
+    for (const char *profile :
+         {"macbookpro10-1", "macbookpro16-1", "macbookpro18-2", "macpro7-1"}) {
+        ostrel::soak::Run run(profile, 16);
+        run.run(5000);
+        EXPECT_THAT(run.violations, testing::IsEmpty()) << profile;
+        for (const auto &[name, count] : run.counts) {
+            total[name] += count;
+        }
+    }
+    // The runs went where it matters: every kind of fault met, the failsafe left again.
+    for (const char *met : {"refused_writes", "firmware_errors", "kernel_errors", "vanished_keys",
+                            "bogus_limits", "failed_saves", "resumes"}) {
+        EXPECT_GT(total[met], 0u) << met;
+    }
+}
 
 }  // namespace

@@ -48,19 +48,27 @@ inline bool waitInDirectory(const std::string &directory, const std::function<bo
     return true;
 }
 
-// A child with `env` added to this process's environment (by env(1), which execs the
-// program in its own place, so the pid is the program's) and its standard output and
+// The command line of env(1) running `program` with `args` and `env` added to the
+// environment; env execs the program in its own place, so the pid is the program's.
+inline std::vector<std::string> withEnvironment(const std::map<std::string, std::string> &env,
+                                                const std::string &program,
+                                                const std::vector<std::string> &args) {
+    std::vector<std::string> argv = {"/usr/bin/env"};
+    for (const auto &[name, value] : env) {
+        argv.push_back(name + "=" + value);
+    }
+    argv.push_back(program);
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+// A child with `env` added to this process's environment and its standard output and
 // error appended to `output`; killed and reaped with the object unless waited for.
 class BackgroundProcess {
   public:
     BackgroundProcess(const std::string &program, const std::vector<std::string> &args,
                       const std::map<std::string, std::string> &env, const std::string &output) {
-        std::vector<std::string> argv = {"/usr/bin/env"};
-        for (const auto &[name, value] : env) {
-            argv.push_back(name + "=" + value);
-        }
-        argv.push_back(program);
-        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<std::string> argv = withEnvironment(env, program, args);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);

@@ -5,7 +5,7 @@
 // safe on hardware that overheats are checked; whatever breaks one is kept as a message.
 //
 // The benchmark runs it long (bench/soak_bench.cpp); the suite runs it short
-// (tests/helper/soak_test.cpp). Single-threaded; everything runs on a manual queue.
+// (tests/helper/controller_test.cpp). Single-threaded; everything runs on a manual queue.
 #pragma once
 
 #include <fmt/format.h>
