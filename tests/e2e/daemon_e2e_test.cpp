@@ -116,7 +116,7 @@ TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveAndReleaseFansHandsThemBac
     EXPECT_FALSE(rig.anyFanManual());
 }
 
-// A short run of bench/daemon_bench's abuse: 450 malformed frames of nine kinds, 100 silent
+// A short run of bench/daemon_bench's abuse: 450 malformed frames of five kinds, 100 silent
 // connections, 5 clients that never read, a valid request from an unsigned peer (refused
 // unanswered, and logged).
 TEST_F(DaemonE2E, AbuseOfTheSocketChangesNothingAndASignedClientIsStillServed) {

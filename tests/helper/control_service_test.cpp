@@ -32,13 +32,11 @@ std::string request(std::int64_t id, ControlProtocol::Call call) {
 }
 
 struct ServiceRig : test::Sandbox {
-    explicit ServiceRig(helper::ControlServiceLimits limits = {},
-                        CodeRequirement requirement = clientRequirement(std::nullopt))
+    explicit ServiceRig(CodeRequirement requirement = clientRequirement(std::nullopt))
         : vetting(std::move(requirement), platform::realProcessAccess()) {
         service = std::make_unique<helper::ControlService>(
             helper::ControlServiceServices{controller, vetting, platform::realProcessAccess(),
-                                           platform::realFiles(), clock, log, socket},
-            limits);
+                                           platform::realFiles(), clock, log, socket});
         service->start();
     }
     // Holds the controller's queue until the returned promise is set.
@@ -136,7 +134,7 @@ TEST_F(ControlServiceTest, AfterStopNothingQueuedChangesAnything) {
 
 TEST(ControlServiceRefusals, RefusedPeersAreLoggedTenTimesAMinute) {
     // Only the app may talk to this one, and the test is not the app.
-    ServiceRig rig({}, CodeRequirement{{"dev.ostrel.app"}, std::nullopt, std::nullopt});
+    ServiceRig rig(CodeRequirement{{"dev.ostrel.app"}, std::nullopt, std::nullopt});
     for (int i = 0; i < 12; ++i) {
         Line line(rig.socket);
         line.send(request(1, ControlProtocol::Call::version));
