@@ -51,22 +51,13 @@ class DaemonEntryTest : public testing::Test, protected test::Sandbox {
     platform::FakeProcessAccess processAccess;
     platform::FakeProcesses processes;
     helper::FakeServiceManager manager;
-    helper::DaemonServices services{
-        out,
-        [this](std::string_view line) { lines.emplace_back(line); },
-        env,
-        clock,
-        files,
-        fileAccess,
-        processAccess,
-        processes,
-        manager,
-        [this] {
-            ++opened;
-            return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
-        },
-        1000,
-        1000};
+    std::function<std::shared_ptr<SMC>()> openSMC = [this] {
+        ++opened;
+        return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
+    };
+    helper::LogSink log = [this](std::string_view line) { lines.emplace_back(line); };
+    helper::DaemonServices services{out,           log,       env,     clock,   files, fileAccess,
+                                    processAccess, processes, manager, openSMC, 1000,  1000};
 
     int run(std::vector<std::string> args) {
         args.insert(args.begin(), "/usr/local/libexec/dev.ostrel.helper");
