@@ -1,10 +1,10 @@
 // The daemon as it runs: ostrel-helper and a virtual Mac as real processes in a sandbox,
 // driven through the socket by this test program, which the build signs as the
-// command-line program. Ticks are provoked by policy changes
-// (each queues one) rather than waited for; only self-update waits for its real timer's
-// first check, 5 s after start. What the control loop does with a tick (smoothing, the
-// failsafe, healing after takeovers and sleep) is shown in-process (tests/helper), where
-// time is fake; here, that the daemon runs it against a machine of its own.
+// command-line program. Ticks are provoked by policy changes (each queues one) rather than
+// waited for; only self-update waits for its real timer's first check, 5 s after start. What the
+// control loop does with a tick (smoothing, the failsafe, healing after takeovers and sleep) is
+// shown in-process (tests/helper), where time is fake; here, that the daemon runs it against a
+// machine of its own.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,11 +46,6 @@ class DaemonE2E : public testing::Test {
         rig.client({kPolicies});
     }
     Json fan(int index) { return rig.status()["fans"][index]; }
-    // Stops the daemon with `signal`; its exit status (or -signal) and last log line.
-    std::pair<int, std::string> stopWith(int signal) {
-        rig.helper().signal(signal);
-        return {rig.helper().wait().value_or(-100), rig.log().back()};
-    }
 
     test::DaemonRig rig;
 };
@@ -70,8 +65,9 @@ TEST_F(DaemonE2E, ServesStoresRestoresAndEndsOnEachSignalWithEveryFanOnAuto) {
         rig.client({setPolicy(1, -1, kFixed2500)});
         settle();
         ASSERT_TRUE(rig.anyFanManual());
-        EXPECT_EQ(stopWith(signal),
-                  std::pair(0, "signal " + std::to_string(signal) + "; fans returned to auto"));
+        rig.helper().signal(signal);
+        EXPECT_EQ(rig.helper().wait(), 0);
+        EXPECT_EQ(rig.log().back(), "signal " + std::to_string(signal) + "; fans returned to auto");
         EXPECT_FALSE(rig.anyFanManual());
         rig.start();
         EXPECT_THAT(rig.log(), testing::Contains("fan 1: restored fixed 2500 rpm")) << signal;
