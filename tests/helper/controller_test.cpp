@@ -20,11 +20,8 @@ namespace {
 
 using namespace ostrel;
 using namespace std::chrono_literals;
-using testing::_;
 using testing::Each;
 using testing::ElementsAre;
-using testing::MatchesRegex;
-using testing::StartsWith;
 
 struct Profile {
     const char *name;
@@ -145,7 +142,7 @@ TEST_P(ControllerTest, RaisesAtOnceLowersBy400PerTickFromTheLastSuccessfulWrite)
     machine.injectFault({smc_fourcc("F0Tg"), SMC_CMD_WRITE, 1, 0, 0x86});
     EXPECT_THAT(targetsOverTicks(10),
                 ElementsAre(0, 3600, 3200, 2800, 2400, 2000, 1600, 1200, 0, 0));
-    EXPECT_THAT(lines, ElementsAre(_, StartsWith("fan 0: write failed: ")));
+    EXPECT_THAT(lines, ElementsAre(testing::_, testing::StartsWith("fan 0: write failed: ")));
     heat(70);  // 3000 rpm, then 3040 (not written) and 3060
     EXPECT_THAT(targetsOverTicks(1), ElementsAre(3000));
     heat(70.4);
@@ -211,7 +208,8 @@ TEST_P(ControllerTest, PolicyChangesAreValidatedLoggedAndSavedAndFailedSavesLogg
     lines.clear();
     machine.injectFault({std::nullopt, SMC_CMD_WRITE, 1, 0, 0x86});
     setPolicy(FanPolicy(), 0);
-    EXPECT_THAT(lines.at(0), MatchesRegex("fan 0: auto failed \\(.+\\); resetting all fans"));
+    EXPECT_THAT(lines.at(0),
+                testing::MatchesRegex("fan 0: auto failed \\(.+\\); resetting all fans"));
     EXPECT_THAT(manual(), Each(false));
     setPolicy(FanPolicy::fixed(2500), -1);
     queue.advance(2s);
