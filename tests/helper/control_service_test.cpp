@@ -97,8 +97,8 @@ TEST_F(ControlServiceTest, VersionNeverWaitsTheRestAnswerInOrderAndASuccessfulCh
 
 // Which lines are requests is the protocol's business (control_protocol_test.cpp); here,
 // that a refused line, one past the length bound and a client with too many requests
-// waiting each lose their connection unanswered, while others are served.
-TEST_F(ControlServiceTest, BadLinesAndTooManyRequestsWaitingCloseTheConnectionUnanswered) {
+// waiting each lose their connection unanswered, while others are served; and a stop.
+TEST_F(ControlServiceTest, BadLinesTooManyRequestsWaitingAndAStopCloseConnectionsUnanswered) {
     Line greedy(socket), patient(socket);
     auto gate = block();
     std::string lines;
@@ -116,16 +116,13 @@ TEST_F(ControlServiceTest, BadLinesAndTooManyRequestsWaitingCloseTheConnectionUn
     gate->set_value();
     EXPECT_EQ(greedy.reply(), std::nullopt);
     EXPECT_EQ(patient.reply(), R"({"id":99,"reply":"{}"})");
-}
-
-TEST_F(ControlServiceTest, AfterStopNothingQueuedChangesAnything) {
-    Line line(socket);
-    auto gate = block();
-    line.send(setPolicy(1, 0, R"({"fixed":{"rpm":2500}})") +
-              request(2, ControlProtocol::Call::version));
-    EXPECT_EQ(line.reply(), R"({"id":2,"reply":"1/1.1.13"})") << "so the change is queued";
+    // Stopped, the service drops its connections; nothing it queued changes anything.
+    gate = block();
+    patient.send(setPolicy(1, 0, R"({"fixed":{"rpm":2500}})") +
+                 request(2, ControlProtocol::Call::version));
+    EXPECT_EQ(patient.reply(), R"({"id":2,"reply":"1/1.1.13"})") << "so the change is queued";
     service->stop();
-    EXPECT_EQ(line.reply(), std::nullopt);
+    EXPECT_EQ(patient.reply(), std::nullopt);
     gate->set_value();
     queue.sync([] {});
     EXPECT_TRUE(controller.policies().empty());
