@@ -1,10 +1,10 @@
 // The daemon as it runs: ostrel-helper and a virtual Mac as real processes in a sandbox,
 // driven through the socket by this test program, which the build signs as the
-// command-line program. Ticks are provoked by policy changes
-// (each queues one) rather than waited for; only self-update waits for its real timer's
-// first check, 5 s after start. What the control loop does with a tick (smoothing, the
-// failsafe, healing after takeovers and sleep) is shown in-process (tests/helper), where
-// time is fake; here, that the daemon runs it against a machine of its own.
+// command-line program. Ticks are provoked by policy changes (each queues one) rather than
+// waited for; only self-update waits for its real timer's first check, 5 s after start. What the
+// control loop does with a tick (smoothing, the failsafe, healing after takeovers and sleep) is
+// shown in-process (tests/helper), where time is fake; here, that the daemon runs it against a
+// machine of its own.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,16 +46,11 @@ class DaemonE2E : public testing::Test {
         rig.client({kPolicies});
     }
     Json fan(int index) { return rig.status()["fans"][index]; }
-    // Stops the daemon with `signal`; its exit status (or -signal) and last log line.
-    std::pair<int, std::string> stopWith(int signal) {
-        rig.helper().signal(signal);
-        return {rig.helper().wait().value_or(-100), rig.log().back()};
-    }
 
     test::DaemonRig rig;
 };
 
-TEST_F(DaemonE2E, ServesVersionAndPoliciesStoresThemAndRestoresThemOnRestart) {
+TEST_F(DaemonE2E, ServesStoresRestoresAndEndsOnEachSignalWithEveryFanOnAuto) {
     rig.start();
     EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
     EXPECT_THAT(rig.client({setPolicy(2, 0, kFixed2500), kPolicies}),
@@ -66,47 +61,33 @@ TEST_F(DaemonE2E, ServesVersionAndPoliciesStoresThemAndRestoresThemOnRestart) {
     EXPECT_EQ(fan(0)["mode"], "manual") << "the tick queued after the reply wrote it";
     EXPECT_EQ(fan(0)["written"], 2500);
     EXPECT_EQ(test::fileBytes(rig.policiesPath()), R"({"0":{"fixed":{"rpm":2500}}})");
-
-    EXPECT_EQ(stopWith(SIGTERM).first, 0);
-    rig.start();
-    EXPECT_THAT(rig.log(), testing::Contains("fan 0: restored fixed 2500 rpm"));
+    for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        rig.client({setPolicy(1, -1, kFixed2500)});
+        settle();
+        ASSERT_TRUE(rig.anyFanManual());
+        rig.helper().signal(signal);
+        EXPECT_EQ(rig.helper().wait(), 0);
+        EXPECT_EQ(rig.log().back(), "signal " + std::to_string(signal) + "; fans returned to auto");
+        EXPECT_FALSE(rig.anyFanManual());
+        rig.start();
+        EXPECT_THAT(rig.log(), testing::Contains("fan 1: restored fixed 2500 rpm")) << signal;
+    }
     EXPECT_THAT(rig.client({setPolicy(7, -1, R"({"auto":{}})"), kPolicies}),
                 ElementsAre(R"({"id":7,"reply":null})", R"({"id":3,"reply":"{}"})"));
     EXPECT_FALSE(rig.anyFanManual());
     EXPECT_EQ(test::fileBytes(rig.policiesPath()), "{}");
 }
 
-class DaemonSignalE2E : public DaemonE2E, public testing::WithParamInterface<int> {};
-
-TEST_P(DaemonSignalE2E, EndsWithStatusZeroAndEveryFanOnAuto) {
-    rig.start();
-    rig.client({setPolicy(1, -1, kFixed2500)});
-    settle();
-    ASSERT_TRUE(rig.anyFanManual());
-    EXPECT_EQ(stopWith(GetParam()),
-              std::pair(0, "signal " + std::to_string(GetParam()) + "; fans returned to auto"));
-    EXPECT_FALSE(rig.anyFanManual());
-}
-
-INSTANTIATE_TEST_SUITE_P(TermIntHup, DaemonSignalE2E, testing::Values(SIGTERM, SIGINT, SIGHUP));
-
-TEST_F(DaemonE2E, StopsWhenItsExecutableIsReplaced) {
-    rig.start();
-    rig.client({setPolicy(1, 0, kFixed2500)});
-    test::DaemonRig::install(rig.helperPath() + ".next", nullptr);
-    std::filesystem::rename(rig.helperPath() + ".next", rig.helperPath());
-    EXPECT_EQ(rig.helper().wait(), 0);
-    EXPECT_EQ(rig.log().back(), "executable replaced (update); fans returned to auto");
-    EXPECT_FALSE(rig.anyFanManual());
-}
-
-TEST_F(DaemonE2E, ReleaseFansAfterAKillHandsThemBack) {
+// After a SIGKILL (which leaves the fans where they were) the file holds one whole save no
+// older than acknowledged, and --release-fans hands the fans back.
+TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveAndReleaseFansHandsThemBack) {
+    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
     rig.start();
     rig.client({setPolicy(1, -1, kFixed2500)});
     settle();
     rig.helper().signal(SIGKILL);
     rig.helper().wait();
-    ASSERT_TRUE(rig.anyFanManual()) << "a killed daemon leaves its fans where they were";
+    ASSERT_TRUE(rig.anyFanManual());
     test::BackgroundProcess release(rig.helperPath(), {"--release-fans"}, rig.environment(),
                                     rig.logPath());
     EXPECT_EQ(release.wait(), 0);
@@ -114,50 +95,38 @@ TEST_F(DaemonE2E, ReleaseFansAfterAKillHandsThemBack) {
     EXPECT_FALSE(rig.anyFanManual());
 }
 
-TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveNoOlderThanAcknowledged) {
-    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
-}
-
-// A short run of bench/daemon_bench's abuse: 450 malformed frames of nine kinds, 100 silent
-// connections, 5 clients that never read, valid requests from an unsigned peer (refused
-// unanswered, and logged).
-TEST_F(DaemonE2E, AbuseOfTheSocketChangesNothingAndASignedClientIsStillServed) {
+// A short run of bench/daemon_bench's abuse (450 malformed frames of five kinds, 100 silent
+// connections, 5 clients that never read, a valid request from an unsigned peer, refused
+// unanswered and logged) and a second daemon (refused the socket) change nothing, and a
+// signed client is still served; replacing the executable (an update) then stops it.
+TEST_F(DaemonE2E, AbuseAndASecondDaemonChangeNothingAndAReplacedExecutableStopsIt) {
     rig.start();
     rig.client({setPolicy(1, 0, kFixed2500)});
     settle();
-    auto fans = [&] {
-        std::vector<std::pair<Json, Json>> state;
-        for (const Json &fan : rig.status()["fans"]) {
-            state.emplace_back(fan["mode"], fan["written"]);
-        }
-        return state;
+    auto state = [&] {
+        return std::pair(rig.status()["fans"], test::fileBytes(rig.policiesPath()));
     };
-    auto before = std::pair(fans(), test::fileBytes(rig.policiesPath()));
+    auto before = state();
     test::SocketAbuse abuse(rig.socket(), rig.helper().pid(), 5);
     abuse.holdIdle(100);
     abuse.deafClients(5, 2000);
     abuse.malformed(450);
-    for (int i = 0; i < 3; ++i) {
-        platform::ProcessResult refused = rig.ostrel({"set", "0", "auto"}, false);
-        EXPECT_EQ(refused.exitCode, 1);
-        EXPECT_THAT(refused.error, testing::HasSubstr("closed the connection without an answer"));
-    }
+    platform::ProcessResult refused = rig.ostrel({"set", "0", "auto"}, false);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_THAT(refused.error, testing::HasSubstr("closed the connection without an answer"));
     EXPECT_THAT(rig.log(), testing::Contains(testing::MatchesRegex("refused process [0-9]+ .*")));
-    EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
-    EXPECT_EQ(std::pair(fans(), test::fileBytes(rig.policiesPath())), before);
-    EXPECT_LT(abuse.peakFds, 300) << "a socket and a pidfd for each of 128 connections at most";
-    EXPECT_LT(abuse.peakRssKib, 64 * 1024);
-}
-
-TEST_F(DaemonE2E, ASecondDaemonLeavesTheFirstAlone) {
-    rig.start();
-    rig.client({setPolicy(1, 0, kFixed2500)});
-    settle();
     test::BackgroundProcess second(rig.helperPath(), {}, rig.environment(), rig.logPath());
     EXPECT_EQ(second.wait(), 1);
     EXPECT_EQ(rig.log().back(), "another daemon is already serving " + rig.socket() + "; exiting");
-    EXPECT_EQ(fan(0)["mode"], "manual");
     EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+    EXPECT_EQ(state(), before);
+    EXPECT_LT(abuse.peakFds, 300) << "a socket and a pidfd for each of 128 connections at most";
+    EXPECT_LT(abuse.peakRssKib, 64 * 1024);
+    test::DaemonRig::install(rig.helperPath() + ".next", nullptr);
+    std::filesystem::rename(rig.helperPath() + ".next", rig.helperPath());
+    EXPECT_EQ(rig.helper().wait(), 0);
+    EXPECT_EQ(rig.log().back(), "executable replaced (update); fans returned to auto");
+    EXPECT_FALSE(rig.anyFanManual());
 }
 
 // A load scenario drives the machine past the ceiling with every fan held at its minimum;
@@ -208,32 +177,18 @@ TEST_P(HealingE2E, TheNextTickTakesBackWhatTheFirmwareTook) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ModeKeysAndTestKey, HealingE2E,
-                         testing::Values("macbookpro16-1", "macbookpro18-2"), [](const auto &info) {
-                             std::string name = info.param;
-                             std::erase(name, '-');
-                             return name;
-                         });
+                         testing::Values("macbookpro16-1", "macbookpro18-2"));
 
 // Self-update with a team of the test's own: the daemon signed by it, the candidate in the
 // sandbox's package location. The first check comes 5 s after start, on the real clock;
 // rejections and their logging are tested in-process on fake time.
-class SelfUpdateE2E : public testing::Test {
-  protected:
-    SelfUpdateE2E() {
-        std::filesystem::create_directories(std::filesystem::path(source).parent_path());
-    }
-    void candidate(const SigningKey *key) {
-        test::writeExecutable(source, test::signedBytes("#!/bin/sh\necho 1.1.14\nexit 0\n",
-                                                        "dev.ostrel.helper", key));
-    }
-
+TEST(SelfUpdateE2E, ANewerCopyOfTheTeamReplacesTheDaemonWhichStops) {
     SigningKey team = SigningKey::generate();
-    test::DaemonRig rig{"macbookpro16-1", &team};
+    test::DaemonRig rig("macbookpro16-1", &team);
     std::string source = rig.root() + "/usr/lib/ostrel/ostrel-helper";
-};
-
-TEST_F(SelfUpdateE2E, ANewerCopyOfTheTeamReplacesTheDaemonWhichStops) {
-    candidate(&team);
+    std::filesystem::create_directories(std::filesystem::path(source).parent_path());
+    test::writeExecutable(
+        source, test::signedBytes("#!/bin/sh\necho 1.1.14\nexit 0\n", "dev.ostrel.helper", &team));
     rig.start({"--source", source});
     EXPECT_EQ(rig.helper().wait(), 0);
     EXPECT_EQ(rig.log().back(),

@@ -32,13 +32,11 @@ std::string request(std::int64_t id, ControlProtocol::Call call) {
 }
 
 struct ServiceRig : test::Sandbox {
-    explicit ServiceRig(helper::ControlServiceLimits limits = {},
-                        CodeRequirement requirement = clientRequirement(std::nullopt))
+    explicit ServiceRig(CodeRequirement requirement = clientRequirement(std::nullopt))
         : vetting(std::move(requirement), platform::realProcessAccess()) {
         service = std::make_unique<helper::ControlService>(
             helper::ControlServiceServices{controller, vetting, platform::realProcessAccess(),
-                                           platform::realFiles(), clock, log, socket},
-            limits);
+                                           platform::realFiles(), clock, log, socket});
         service->start();
     }
     // Holds the controller's queue until the returned promise is set.
@@ -72,8 +70,9 @@ struct ServiceRig : test::Sandbox {
 
 class ControlServiceTest : public testing::Test, protected ServiceRig {};
 
-TEST_F(ControlServiceTest, VersionNeverWaitsAndTheRestAnswerInArrivalOrderWithTheirIds) {
+TEST_F(ControlServiceTest, VersionNeverWaitsTheRestAnswerInOrderAndASuccessfulChangeTicksOnce) {
     Line line(socket);
+    machine.clearJournal();
     auto gate = block();  // a long tick, say
     line.send(
         setPolicy(7, 0, R"({"fixed":{"rpm":2500}})") + request(8, ControlProtocol::Call::policies) +
@@ -87,17 +86,8 @@ TEST_F(ControlServiceTest, VersionNeverWaitsAndTheRestAnswerInArrivalOrderWithTh
     EXPECT_THAT(line.reply(), testing::Optional(testing::StartsWith(R"({"id":10,"reply":")")));
     EXPECT_EQ(line.reply(), R"({"id":11,"reply":"no fan with id 5"})");
     EXPECT_EQ(PolicyStore::load("/policies.json", files), controller.policies());
-}
-
-TEST_F(ControlServiceTest, ASuccessfulChangeIsFollowedByExactlyOneTick) {
-    Line line(socket);
-    machine.clearJournal();
-    line.send(setPolicy(1, 0, R"({"fixed":{"rpm":2500}})"));
-    ASSERT_EQ(line.reply(), R"({"id":1,"reply":null})");
-    line.send(setPolicy(2, 0, R"({"fixed":{"rpm":-1}})"));  // refused: no tick
-    ASSERT_EQ(line.reply(), R"({"id":2,"reply":"invalid rpm"})");
     queue.sync([] {});
-    std::size_t samples = 0;  // a tick reads each fan's speed once
+    std::size_t samples = 0;  // a tick reads each fan's speed once; refused changes queue none
     for (const vsmc::ExchangeRecord &r : machine.journal()) {
         samples += r.command == SMC_CMD_READ && r.key == smc_fourcc("F0Ac");
     }
@@ -105,21 +95,10 @@ TEST_F(ControlServiceTest, ASuccessfulChangeIsFollowedByExactlyOneTick) {
     EXPECT_TRUE(machine.fanManual(0));
 }
 
-TEST_F(ControlServiceTest, LinesThatAreNotRequestsCloseTheConnectionUnanswered) {
-    // Which lines are requests is the protocol's business (control_protocol_test.cpp);
-    // here, that a refused line and one past the length bound each end the connection.
-    const std::string bad[] = {"not json\n", std::string(ControlProtocol::maxLineBytes + 1, ' ')};
-    for (const std::string &bytes : bad) {
-        Line line(socket);
-        line.send(bytes);
-        EXPECT_EQ(line.reply(), std::nullopt) << bytes.substr(0, 30);
-    }
-    Line line(socket);
-    line.send(request(1, ControlProtocol::Call::version));
-    EXPECT_TRUE(line.reply()) << "the service goes on";
-}
-
-TEST_F(ControlServiceTest, AClientWithTooManyRequestsWaitingIsCutOff) {
+// Which lines are requests is the protocol's business (control_protocol_test.cpp); here,
+// that a refused line, one past the length bound and a client with too many requests
+// waiting each lose their connection unanswered, while others are served; and a stop.
+TEST_F(ControlServiceTest, BadLinesTooManyRequestsWaitingAndAStopCloseConnectionsUnanswered) {
     Line greedy(socket), patient(socket);
     auto gate = block();
     std::string lines;
@@ -127,20 +106,23 @@ TEST_F(ControlServiceTest, AClientWithTooManyRequestsWaitingIsCutOff) {
         lines += request(static_cast<std::int64_t>(i), ControlProtocol::Call::policies);
     }
     greedy.send(lines);
+    for (const std::string &bytes :
+         {std::string("not json\n"), std::string(ControlProtocol::maxLineBytes + 1, ' ')}) {
+        Line line(socket);
+        line.send(bytes);
+        EXPECT_EQ(line.reply(), std::nullopt) << bytes.substr(0, 30);
+    }
     patient.send(request(99, ControlProtocol::Call::policies));
     gate->set_value();
     EXPECT_EQ(greedy.reply(), std::nullopt);
     EXPECT_EQ(patient.reply(), R"({"id":99,"reply":"{}"})");
-}
-
-TEST_F(ControlServiceTest, AfterStopNothingQueuedChangesAnything) {
-    Line line(socket);
-    auto gate = block();
-    line.send(setPolicy(1, 0, R"({"fixed":{"rpm":2500}})") +
-              request(2, ControlProtocol::Call::version));
-    EXPECT_EQ(line.reply(), R"({"id":2,"reply":"1/1.1.13"})") << "so the change is queued";
+    // Stopped, the service drops its connections; nothing it queued changes anything.
+    gate = block();
+    patient.send(setPolicy(1, 0, R"({"fixed":{"rpm":2500}})") +
+                 request(2, ControlProtocol::Call::version));
+    EXPECT_EQ(patient.reply(), R"({"id":2,"reply":"1/1.1.13"})") << "so the change is queued";
     service->stop();
-    EXPECT_EQ(line.reply(), std::nullopt);
+    EXPECT_EQ(patient.reply(), std::nullopt);
     gate->set_value();
     queue.sync([] {});
     EXPECT_TRUE(controller.policies().empty());
@@ -149,7 +131,7 @@ TEST_F(ControlServiceTest, AfterStopNothingQueuedChangesAnything) {
 
 TEST(ControlServiceRefusals, RefusedPeersAreLoggedTenTimesAMinute) {
     // Only the app may talk to this one, and the test is not the app.
-    ServiceRig rig({}, CodeRequirement{{"dev.ostrel.app"}, std::nullopt, std::nullopt});
+    ServiceRig rig(CodeRequirement{{"dev.ostrel.app"}, std::nullopt, std::nullopt});
     for (int i = 0; i < 12; ++i) {
         Line line(rig.socket);
         line.send(request(1, ControlProtocol::Call::version));

@@ -1,19 +1,22 @@
 // The daemon's entry in-process: its command line, the version and root checks, a failed
-// SMC, --release-fans, the self-update check on fake time, the watchdog pings, and the
-// executable watch on real files. Signals, the socket and whole runs are the end-to-end
-// tests' (tests/e2e).
+// SMC, --release-fans, the self-update check on fake time, the watchdog pings, the
+// executable watch on real files and the log lines. Signals, the socket and whole runs are
+// the end-to-end tests' (tests/e2e).
 
 #include "daemon.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <asio/io_context.hpp>
 #include <filesystem>
 #include <sstream>
+#include <tuple>
 
 #include "executable_watch.h"
+#include "log.h"
 #include "self_update_check.h"
 #include "support/sandbox.h"
 #include "support/self_update_rig.h"
@@ -26,21 +29,19 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 
 TEST(DaemonArguments, FlagsAnywhereFirstSourceOnlyUnknownIgnored) {
-    using Args = std::vector<std::string>;
-    auto parsed = [](Args args) { return helper::parseArguments(args); };
-    helper::DaemonOptions o = parsed({"/usr/local/libexec/dev.ostrel.helper", "--bogus", "x",
-                                      "--source", "/a", "--source", "/b", "--print-version"});
-    EXPECT_EQ(o.program, "/usr/local/libexec/dev.ostrel.helper");
-    EXPECT_TRUE(o.printVersion);
-    EXPECT_FALSE(o.releaseFans);
-    EXPECT_EQ(o.source, "/a");
-    EXPECT_FALSE(parsed({"h", "--source"}).source) << "no path, no self-update";
-    EXPECT_TRUE(parsed({"h", "--release-fans"}).releaseFans);
-    EXPECT_FALSE(parsed({"h", "print-version"}).printVersion);
+    helper::DaemonOptions o =
+        helper::parseArguments({"/usr/local/libexec/dev.ostrel.helper", "--bogus", "x", "--source",
+                                "/a", "--source", "/b", "--print-version"});
+    EXPECT_EQ(std::tuple(o.program, o.printVersion, o.releaseFans, o.source),
+              std::tuple("/usr/local/libexec/dev.ostrel.helper", true, false, "/a"));
+    EXPECT_FALSE(helper::parseArguments({"h", "--source"}).source) << "no path, no self-update";
+    EXPECT_TRUE(helper::parseArguments({"h", "--release-fans"}).releaseFans);
+    EXPECT_FALSE(helper::parseArguments({"h", "print-version"}).printVersion);
 }
 
 // The entry with every service a fake, on a built-in machine in memory.
-struct EntryRig : test::Sandbox {
+class DaemonEntryTest : public testing::Test, protected test::Sandbox {
+  protected:
     vsmc::Machine machine = test::builtinMachine("macbookpro16-1");
     int opened = 0;
     std::ostringstream out;
@@ -50,30 +51,19 @@ struct EntryRig : test::Sandbox {
     platform::FakeProcessAccess processAccess;
     platform::FakeProcesses processes;
     helper::FakeServiceManager manager;
-    helper::DaemonServices services{
-        out,
-        [this](std::string_view line) { lines.emplace_back(line); },
-        env,
-        clock,
-        files,
-        fileAccess,
-        processAccess,
-        processes,
-        manager,
-        [this] {
-            ++opened;
-            return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
-        },
-        1000,
-        1000};
+    std::function<std::shared_ptr<SMC>()> openSMC = [this] {
+        ++opened;
+        return std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(machine));
+    };
+    helper::LogSink log = [this](std::string_view line) { lines.emplace_back(line); };
+    helper::DaemonServices services{out,           log,       env,     clock,   files, fileAccess,
+                                    processAccess, processes, manager, openSMC, 1000,  1000};
 
     int run(std::vector<std::string> args) {
         args.insert(args.begin(), "/usr/local/libexec/dev.ostrel.helper");
         return helper::runDaemon(args, services);
     }
 };
-
-class DaemonEntryTest : public testing::Test, protected EntryRig {};
 
 TEST_F(DaemonEntryTest, VersionForAnyoneThenRootOutsideASandboxThenTheSMC) {
     env.unset("OSTREL_ROOT");
@@ -162,7 +152,7 @@ TEST(ExecutableWatchTest, StopsForReplacementsOnlyNotForTouchesOrNeighbours) {
         {"renamed away", [](const std::string &path) { fs::rename(path, path + ".old"); }},
         {"written", [](const std::string &path) { std::ofstream(path, std::ios::app) << "x"; }},
     };
-    auto watched = [](const std::function<void(const std::string &)> &action) {
+    for (const auto &[name, action] : actions) {
         test::TempDir dir;
         std::string path = dir.put("dev.ostrel.helper", "daemon");
         asio::io_context io;
@@ -177,13 +167,35 @@ TEST(ExecutableWatchTest, StopsForReplacementsOnlyNotForTouchesOrNeighbours) {
         EXPECT_EQ(replaced, 0) << "a chmod, a touch, a neighbour";
         action(path);
         io.poll();
-        return replaced;
-    };
-    for (const auto &[name, action] : actions) {
-        EXPECT_EQ(watched(action), 1) << name;
+        EXPECT_EQ(replaced, 1) << name;
     }
     asio::io_context io;
     EXPECT_EQ(helper::ExecutableWatch::start(io, "/nonexistent/x", [] {}), nullptr);
+}
+
+// What one log call writes, read from the other end of a pipe.
+std::string logged(std::string_view message, const platform::Clock &clock) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    helper::log(message, fds[1], clock);
+    close(fds[1]);
+    std::string out(4096, '\0');
+    ssize_t n = read(fds[0], out.data(), out.size());
+    close(fds[0]);
+    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return out;
+}
+
+TEST(LogTest, OneLineOfLocalTimeNameAndTheMessageAsItIs) {
+    // 2024-05-01 14:03:27 UTC; whatever the time zone, the seconds stay 27.
+    platform::FakeClock clock(platform::Clock::WallTime(std::chrono::seconds(1714572207)));
+    const char *kStamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:27 ostrel-helper: ";
+    for (std::string message :
+         {"", "signal 15; fans returned to auto", "two\nlines", "FAILSAFE: 96.3 °C ≥ 95 °C"}) {
+        std::string line = logged(message, clock);
+        EXPECT_THAT(line, testing::MatchesRegex(std::string(kStamp) + ".*")) << line;
+        EXPECT_EQ(line.substr(line.find(": ") + 2), message + "\n");
+    }
 }
 
 }  // namespace

@@ -48,31 +48,40 @@ inline bool waitInDirectory(const std::string &directory, const std::function<bo
     return true;
 }
 
+// The command line of env(1) running `program` with `args` and `env` added to the
+// environment; env execs the program in its own place, so the pid is the program's.
+inline std::vector<std::string> withEnvironment(const std::map<std::string, std::string> &env,
+                                                const std::string &program,
+                                                const std::vector<std::string> &args) {
+    std::vector<std::string> argv = {"/usr/bin/env"};
+    for (const auto &[name, value] : env) {
+        argv.push_back(name + "=" + value);
+    }
+    argv.push_back(program);
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
 // A child with `env` added to this process's environment and its standard output and
 // error appended to `output`; killed and reaped with the object unless waited for.
 class BackgroundProcess {
   public:
-    BackgroundProcess(const std::string &program, std::vector<std::string> args,
+    BackgroundProcess(const std::string &program, const std::vector<std::string> &args,
                       const std::map<std::string, std::string> &env, const std::string &output) {
-        std::vector<std::string> vars;
-        for (char **e = environ; *e != nullptr; ++e) {
-            std::string entry = *e;
-            if (!env.contains(entry.substr(0, entry.find('=')))) {
-                vars.push_back(entry);
-            }
-        }
-        for (const auto &[name, value] : env) {
-            vars.push_back(name + "=" + value);
-        }
-        args.insert(args.begin(), program);
+        std::vector<std::string> argv = withEnvironment(env, program, args);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(),
                                          O_WRONLY | O_CREAT | O_APPEND, 0644);
         posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-        int spawned = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr,
-                                    pointers(args).data(), pointers(vars).data());
+        std::vector<char *> pointers;
+        for (std::string &arg : argv) {
+            pointers.push_back(arg.data());
+        }
+        pointers.push_back(nullptr);
+        int spawned =
+            ::posix_spawn(&pid_, argv[0].c_str(), &actions, nullptr, pointers.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
         if (spawned != 0) {
             throw std::runtime_error("cannot start " + program);
@@ -107,14 +116,6 @@ class BackgroundProcess {
     bool ended(int milliseconds) const {
         pollfd exited{pidfd_.get(), POLLIN, 0};
         return ::poll(&exited, 1, milliseconds) == 1;
-    }
-    static std::vector<char *> pointers(std::vector<std::string> &strings) {
-        std::vector<char *> out;
-        for (std::string &s : strings) {
-            out.push_back(s.data());
-        }
-        out.push_back(nullptr);
-        return out;
     }
 
     pid_t pid_ = 0;

@@ -1,16 +1,13 @@
 // A real client process connected to a socket of the test: the peer that vetting examines.
 #pragma once
 
-#include <spawn.h>
-#include <sys/wait.h>
-
+#include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "ostrel/platform/unique_fd.h"
+#include "support/background_process.h"
 #include "support/unix_socket.h"
-
-extern char **environ;
 
 namespace ostrel::test {
 
@@ -27,37 +24,29 @@ class ConnectedClient {
         if (listener.get() < 0 || ::listen(listener.get(), 1) != 0) {
             throw std::runtime_error("cannot listen on " + path);
         }
-        std::string preloadVariable = "LD_PRELOAD=" + preload;
-        char *args[] = {const_cast<char *>(program.c_str()), path.data(), nullptr};
-        char *preloadEnv[] = {preloadVariable.data(), nullptr};
-        if (::posix_spawn(&pid_, program.c_str(), nullptr, nullptr, args,
-                          preload.empty() ? environ : preloadEnv) != 0) {
-            throw std::runtime_error("cannot start " + program);
+        std::map<std::string, std::string> env;
+        if (!preload.empty()) {
+            env["LD_PRELOAD"] = preload;
         }
+        process_ =
+            std::make_unique<BackgroundProcess>(program, std::vector{path}, env, "/dev/null");
         pollfd ready{listener.get(), POLLIN, 0};
         if (::poll(&ready, 1, 10000) != 1) {
-            finish();
             throw std::runtime_error(program + " did not connect");
         }
         connection_.reset(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
-    ~ConnectedClient() { finish(); }
-    ConnectedClient(const ConnectedClient &) = delete;
-    ConnectedClient &operator=(const ConnectedClient &) = delete;
 
     int fd() const { return connection_.get(); }
 
     // Closes the connection, which ends the client, and reaps it.
     void finish() {
         connection_.reset();
-        if (pid_ > 0) {
-            ::waitpid(pid_, nullptr, 0);
-            pid_ = 0;
-        }
+        process_->wait();
     }
 
   private:
-    pid_t pid_ = 0;
+    std::unique_ptr<BackgroundProcess> process_;
     platform::UniqueFd connection_;
 };
 

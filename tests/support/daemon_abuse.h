@@ -79,20 +79,16 @@ class SocketAbuse {
     long peakFds = 0;
 
   private:
-    static constexpr int kKinds = 9;
+    static constexpr int kKinds = 5;
 
-    // Kinds 0 and 1 are random bytes, with and without an end of line; the rest are fixed.
+    // Kinds 0 and 1 are random bytes, with and without an end of line; the rest are fixed:
+    // a line past the length bound, deep nesting within one, and a request whose fan no
+    // integer holds. What else a line may get wrong is the protocol's tests' and fuzzer's.
     std::string frameOfKind(int kind) {
-        static const std::string policy = R"("{\"fixed\":{\"rpm\":1234}}")";
         static const std::string fixed[] = {
             std::string(64 * 1024 + 1, 'x') + "\n",
-            std::string(32000, '[') + std::string(32000, ']') + "\n",  // within a line
-            R"({"id":"one","call":"setPolicy","fan":0,"policy":)" + policy + "}\n",
-            R"({"id":1,"call":"setPolicy","fan":"0","policy":)" + policy + "}\n",
-            R"({"id":1,"call":"setPolicy","fan":0,"policy":{"fixed":{"rpm":1}}})"
-            "\n",
-            R"({"id":1,"call":"setPolicy","fan":1e300,"policy":)" + policy + "}\n",
-            R"({"id":1,"call":"reboot"})"
+            std::string(32000, '[') + std::string(32000, ']') + "\n",
+            R"({"id":1,"call":"setPolicy","fan":1e300,"policy":"{\"fixed\":{\"rpm\":1234}}"})"
             "\n",
         };
         if (kind >= 2) {

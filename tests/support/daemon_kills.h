@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "ostrel/json.h"
 #include "support/daemon_rig.h"
 #include "support/line_client.h"
 
@@ -39,10 +40,8 @@ inline std::vector<std::string> killDuringSaves(DaemonRig &rig, int kills, std::
                 sent, sent));
         }
         for (auto replies = random() % kBurst; replies > 0; --replies) {
-            std::optional<std::string> reply = client.reply();
-            std::smatch id;
-            if (reply && std::regex_search(*reply, id, std::regex(R"("id":([0-9]+))"))) {
-                acknowledged = std::max(acknowledged, std::stol(id[1]));
+            if (std::optional<std::string> reply = client.reply()) {
+                acknowledged = std::max(acknowledged, Json::parse(*reply)["id"].get<long>());
             }
         }
         rig.helper().signal(SIGKILL);

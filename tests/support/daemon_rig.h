@@ -8,8 +8,7 @@
 // command-line program, since it talks to the daemon as its client.
 #pragma once
 
-#include <sys/stat.h>
-
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <sstream>
@@ -41,7 +40,8 @@ class DaemonRig {
             std::vector<std::string>{"--profile", profile, "--socket", vsmcSocket(), "--speed",
                                      "0"},
             std::map<std::string, std::string>{}, root_.path() + "/vsmc.log");
-        if (!waitInDirectory(root_.path() + "/run", [&] { return isSocket(vsmcSocket()); })) {
+        if (!waitInDirectory(root_.path() + "/run",
+                             [&] { return std::filesystem::is_socket(vsmcSocket()); })) {
             throw std::runtime_error("the virtual Mac did not start: " +
                                      fileBytes(root_.path() + "/vsmc.log"));
         }
@@ -136,27 +136,16 @@ class DaemonRig {
                 writeExecutable(program, unsignedBytes(OSTREL_CLI_PROGRAM));
             }
         }
-        platform::ProcessLaunch launch;
-        launch.program = "/usr/bin/env";
-        for (const auto &[name, value] : environment()) {
-            launch.args.push_back(name + "=" + value);
-        }
-        launch.args.push_back("XDG_CACHE_HOME=" + root_.path() + "/cache");
-        launch.args.push_back(program);
-        launch.args.insert(launch.args.end(), args.begin(), args.end());
-        launch.error = platform::Stream::capture;
-        launch.timeout = std::chrono::seconds(30);
-        return processes_->run(launch);
+        std::map<std::string, std::string> env = environment();
+        env["XDG_CACHE_HOME"] = root_.path() + "/cache";
+        return run(withEnvironment(env, program, args));
     }
 
     // `ostrel-vsmc ctl ARGS` on the virtual Mac; its standard output.
     std::string ctl(const std::vector<std::string> &args) {
-        platform::ProcessLaunch launch;
-        launch.program = OSTREL_VSMC_PROGRAM;
-        launch.args = {"ctl", "--socket", vsmcSocket()};
-        launch.args.insert(launch.args.end(), args.begin(), args.end());
-        launch.timeout = std::chrono::seconds(30);
-        platform::ProcessResult result = processes_->run(launch);
+        std::vector<std::string> argv = {OSTREL_VSMC_PROGRAM, "ctl", "--socket", vsmcSocket()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        platform::ProcessResult result = run(argv);
         if (!result.succeeded()) {
             throw std::runtime_error("ostrel-vsmc ctl failed: " + result.error);
         }
@@ -166,21 +155,21 @@ class DaemonRig {
     Json status() { return Json::parse(ctl({"status", "--json"})); }
     // Whether any fan is under manual control.
     bool anyFanManual() {
-        Json state = status();  // alive for the loop, not just its first call
-        for (const Json &fan : state["fans"]) {
-            if (fan["mode"] == "manual") {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    static bool isSocket(const std::string &path) {
-        struct stat st {};
-        return ::stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+        return std::ranges::any_of(status()["fans"],
+                                   [](const Json &fan) { return fan["mode"] == "manual"; });
     }
 
   private:
+    // ARGV run to its end (30 s at most), its standard output and error captured.
+    platform::ProcessResult run(const std::vector<std::string> &argv) {
+        platform::ProcessLaunch launch;
+        launch.program = argv.front();
+        launch.args.assign(argv.begin() + 1, argv.end());
+        launch.error = platform::Stream::capture;
+        launch.timeout = std::chrono::seconds(30);
+        return processes_->run(launch);
+    }
+
     TempDir root_;
     std::unique_ptr<platform::Processes> processes_ =
         platform::realProcesses(platform::realClock());
