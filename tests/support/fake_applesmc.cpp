@@ -1,5 +1,7 @@
 #include "support/fake_applesmc.h"
 
+#include "csmc/keys.h"
+
 #include <algorithm>
 
 #include <cerrno>
@@ -19,19 +21,17 @@ constexpr unsigned long kSpeedLimit = 0x4000;
 std::optional<unsigned long> digits(std::string_view text) {
     unsigned long value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
+    return ec == std::errc{} && end == text.data() + text.size() ? std::optional(value)
+                                                                 : std::nullopt;
 }
 
 // The kernel's kstrtoul(text, 10): an optional '+', decimal digits, at most one trailing
 // newline; anything else, and overflow, is refused.
 std::optional<unsigned long> kernelUnsigned(std::string_view text) {
-    if (!text.empty() && text.back() == '\n') {
+    if (text.ends_with('\n')) {
         text.remove_suffix(1);
     }
-    if (!text.empty() && text.front() == '+') {
+    if (text.starts_with('+')) {
         text.remove_prefix(1);
     }
     return digits(text);
@@ -40,41 +40,34 @@ std::optional<unsigned long> kernelUnsigned(std::string_view text) {
 // "%s" of a four-character code: it stops at a NUL byte.
 std::string codeText(std::uint32_t code) {
     std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        char c = static_cast<char>((code >> shift) & 0xFF);
-        if (c == '\0') {
-            break;
-        }
-        text += c;
+    for (int shift = 24; shift >= 0 && ((code >> shift) & 0xFF) != 0; shift -= 8) {
+        text += static_cast<char>((code >> shift) & 0xFF);
     }
     return text;
 }
 
-std::uint32_t fanKey(unsigned fan, const char *what) {
-    char text[5] = {'F', static_cast<char>('0' + fan), what[0], what[1], '\0'};
-    return smc_fourcc(text);
-}
+// A fan attribute, "fanN_KIND" with N from 1: its fan's index and its kind.
+struct FanFile {
+    unsigned index;
+    std::string_view kind;  // "min", "output" or "manual"
+};
 
-// The fan number of "fanN_<what>" (N from 1), or nothing.
-std::optional<unsigned> fanNumber(const std::string &attribute, std::string_view what) {
-    std::string_view name = attribute;
-    if (!name.starts_with("fan") || !name.ends_with(what)) {
+std::optional<FanFile> fanFile(std::string_view name) {
+    std::size_t underscore = name.find('_');
+    if (!name.starts_with("fan") || underscore == std::string_view::npos) {
         return std::nullopt;
     }
-    auto number = digits(name.substr(3, name.size() - 3 - what.size()));
-    return number ? std::optional<unsigned>(static_cast<unsigned>(*number)) : std::nullopt;
+    std::optional<unsigned long> number = digits(name.substr(3, underscore - 3));
+    std::string_view kind = name.substr(underscore + 1);
+    if (!number || *number == 0 || (kind != "min" && kind != "output" && kind != "manual")) {
+        return std::nullopt;
+    }
+    return FanFile{static_cast<unsigned>(*number - 1), kind};
 }
 
 // The SMC key behind a fan speed attribute (fanN_min or fanN_output).
-std::uint32_t speedKey(const std::string &attribute) {
-    if (std::optional<unsigned> fan = fanNumber(attribute, "_min")) {
-        return fanKey(*fan - 1, "Mn");
-    }
-    return fanKey(*fanNumber(attribute, "_output") - 1, "Tg");
-}
-
-bool isSelectorUse(const std::string &attribute) {
-    return attribute.starts_with("key_at_index");
+std::uint32_t speedKey(const FanFile &fan) {
+    return csmc::fanKey(fan.index, fan.kind == "min" ? "Mn" : "Tg");
 }
 
 }  // namespace
@@ -92,11 +85,11 @@ class FakeApplesmc::Opener final : public platform::Sysfs {
     int write(const std::string &path, std::string_view text) override {
         return driver.write(path, text, *this);
     }
-    platform::LockResult lockExclusive(const std::string &path) override {
+    platform::LockResult lockExclusive(const std::string &) override {
         if (uid != 0) {
             return {EACCES, nullptr};
         }
-        return driver.lock(path);
+        return driver.lock();
     }
 
     FakeApplesmc &driver;
@@ -136,19 +129,9 @@ std::unique_ptr<platform::Sysfs> FakeApplesmc::rogue() {
     return std::make_unique<Opener>(*this, 0, true);
 }
 
-std::vector<FakeApplesmc::Store> FakeApplesmc::stores() const {
+std::string FakeApplesmc::fanStores() const {
     std::lock_guard guard(mutex_);
     return stores_;
-}
-
-std::vector<FakeApplesmc::Store> FakeApplesmc::fanStores() const {
-    std::vector<Store> fans;
-    for (const Store &store : stores()) {
-        if (store.attribute.starts_with("fan")) {
-            fans.push_back(store);
-        }
-    }
-    return fans;
 }
 
 void FakeApplesmc::failNext(const std::string &attribute, int error, unsigned times) {
@@ -176,11 +159,6 @@ std::size_t FakeApplesmc::accesses() const {
     return accesses_;
 }
 
-std::string FakeApplesmc::lockPath() const {
-    std::lock_guard guard(mutex_);
-    return lockPath_;
-}
-
 int FakeApplesmc::read(const std::string &path, std::string &out, const Opener &who) {
     std::string attribute;
     int error = 0;
@@ -204,20 +182,19 @@ int FakeApplesmc::write(const std::string &path, std::string_view text, const Op
         if (error == 0) {
             error = store(attribute, text);
         }
-        if (error == 0) {
-            stores_.push_back({attribute, std::string(text)});
+        if (error == 0 && attribute.starts_with("fan")) {
+            stores_ += (stores_.empty() ? "" : " ") + attribute + "=" + std::string(text);
         }
     }
     after(attribute, who);
     return error;
 }
 
-platform::LockResult FakeApplesmc::lock(const std::string &path) {
+platform::LockResult FakeApplesmc::lock() {
     std::unique_lock guard(mutex_);
     unlocked_.wait(guard, [this] { return !locked_; });
     locked_ = true;
     holder_ = std::this_thread::get_id();
-    lockPath_ = path;
     return {0, std::make_unique<FakeHold>([this] {
                 std::lock_guard release(mutex_);
                 locked_ = false;
@@ -251,7 +228,7 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
         return ENOENT;
     }
     attribute = path.substr(prefix.size());
-    if (!who.rogue && isSelectorUse(attribute) &&
+    if (!who.rogue && attribute.starts_with("key_at_index") &&
         (!locked_ || holder_ != std::this_thread::get_id())) {
         ++unlockedSelectorUses_;
     }
@@ -263,13 +240,9 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
                                                     "key_at_index_data"};
     bool readOnly =
         kReadOnly.contains(attribute) || (attribute == "name" && variant_ == Variant::mainline);
-    if (!readOnly && attribute != "key_at_index") {
-        std::optional<unsigned> fan = fanNumber(attribute, "_min");
-        fan = fan ? fan : fanNumber(attribute, "_output");
-        fan = fan ? fan : fanNumber(attribute, "_manual");
-        if (!fan || *fan < 1 || *fan > fanCount()) {
-            return ENOENT;
-        }
+    std::optional<FanFile> fan = fanFile(attribute);
+    if (!readOnly && attribute != "key_at_index" && (!fan || fan->index >= fanCount())) {
+        return ENOENT;
     }
 
     auto fault = faults_.find(attribute);
@@ -328,40 +301,27 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         }
         return 0;
     }
-    if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
-        std::vector<std::uint8_t> bytes;
-        if (variant_ == Variant::mainline) {
-            unsigned mask = 0;
-            if (int error = forceMask(mask)) {
-                return error;
-            }
-            out = std::to_string((mask >> (*fan - 1)) & 1) + "\n";
-        } else {
-            if (int error = readKey(fanKey(*fan - 1, "Md"), 1, bytes)) {
-                return error;
-            }
-            out = std::to_string(bytes[0] & 1) + "\n";
-        }
-        return 0;
-    }
-    std::uint32_t key = speedKey(attribute);
+    FanFile fan = *fanFile(attribute);
     std::vector<std::uint8_t> bytes;
-    unsigned long speed = 0;
-    if (variant_ == Variant::mainline) {
-        if (int error = readKey(key, 2, bytes)) {
-            return error;
-        }
-        speed = ((unsigned{bytes[0]} << 8) | bytes[1]) >> 2;
-    } else {
-        if (int error = readKey(key, 4, bytes)) {
-            return error;
-        }
+    unsigned long number = 0;
+    int error = 0;
+    if (fan.kind == "manual" && variant_ == Variant::mainline) {
+        unsigned mask = 0;
+        error = forceMask(mask);
+        number = (mask >> fan.index) & 1;
+    } else if (fan.kind == "manual") {
+        error = readKey(csmc::fanKey(fan.index, "Md"), 1, bytes);
+        number = error == 0 ? bytes[0] & 1 : 0;
+    } else if (variant_ == Variant::mainline) {
+        error = readKey(speedKey(fan), 2, bytes);
+        number = error == 0 ? ((unsigned{bytes[0]} << 8) | bytes[1]) >> 2 : 0;
+    } else if ((error = readKey(speedKey(fan), 4, bytes)) == 0) {
         float value = 0;
         std::memcpy(&value, bytes.data(), 4);  // little-endian, as on the x86 host
-        speed = value > 0 ? static_cast<unsigned long>(value) : 0;
+        number = value > 0 ? static_cast<unsigned long>(value) : 0;
     }
-    out = std::to_string(speed) + "\n";
-    return 0;
+    out = error == 0 ? std::to_string(number) + "\n" : "";
+    return error;
 }
 
 int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
@@ -376,15 +336,16 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
         selector_ = static_cast<std::uint32_t>(*value);
         return 0;
     }
-    if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
+    FanFile fan = *fanFile(attribute);
+    if (fan.kind == "manual") {
         if (variant_ == Variant::t2) {
-            return writeKey(fanKey(*fan - 1, "Md"), {static_cast<std::uint8_t>(*value & 1)});
+            return writeKey(csmc::fanKey(fan.index, "Md"), {static_cast<std::uint8_t>(*value & 1)});
         }
         unsigned mask = 0;
         if (int error = forceMask(mask)) {
             return error;
         }
-        unsigned bit = 1u << (*fan - 1);
+        unsigned bit = 1u << fan.index;
         mask = *value != 0 ? (mask | bit) : (mask & ~bit);
         return writeKey(csmc::kForceMaskKey,
                         {static_cast<std::uint8_t>(mask >> 8), static_cast<std::uint8_t>(mask)});
@@ -392,7 +353,7 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
     if (*value >= kSpeedLimit) {
         return EINVAL;
     }
-    std::uint32_t key = speedKey(attribute);
+    std::uint32_t key = speedKey(fan);
     if (variant_ == Variant::mainline) {
         return writeKey(key, {static_cast<std::uint8_t>(*value >> 6),
                               static_cast<std::uint8_t>((*value << 2) & 0xFF)});

@@ -53,15 +53,9 @@ class FakeApplesmc {
     // its selector use nor runs the access hook for it.
     std::unique_ptr<platform::Sysfs> rogue();
 
-    // One successful write, the attribute named relative to the device.
-    struct Store {
-        std::string attribute;
-        std::string text;
-        bool operator==(const Store &) const = default;
-    };
-    std::vector<Store> stores() const;
-    // The stores into fan attributes only (the selector writes left out).
-    std::vector<Store> fanStores() const;
+    // The successful writes into fan attributes (fanN_*) in order, as "ATTRIBUTE=TEXT"
+    // separated by blanks; selector writes are left out.
+    std::string fanStores() const;
 
     // The next `times` accesses to `attribute` fail with `error`.
     void failNext(const std::string &attribute, int error, unsigned times = 1);
@@ -76,8 +70,6 @@ class FakeApplesmc {
     std::size_t unlockedSelectorUses() const;
     // Reads and writes by non-rogue openers.
     std::size_t accesses() const;
-    // The path most recently locked.
-    std::string lockPath() const;
 
   private:
     class Opener;
@@ -85,7 +77,7 @@ class FakeApplesmc {
 
     int read(const std::string &path, std::string &out, const Opener &who);
     int write(const std::string &path, std::string_view text, const Opener &who);
-    platform::LockResult lock(const std::string &path);
+    platform::LockResult lock();
     void after(const std::string &attribute, const Opener &who);
 
     // Each of these runs with mutex_ held and returns 0 or an errno.
@@ -107,13 +99,12 @@ class FakeApplesmc {
     mutable std::mutex mutex_;  // guards everything below
     std::uint32_t selector_ = 0;
     bool detached_ = false;
-    std::vector<Store> stores_;
+    std::string stores_;
     std::map<std::string, std::pair<int, unsigned>> faults_;  // attribute -> errno, times
     std::function<void(const std::string &)> afterAccess_;
     std::size_t unlockedSelectorUses_ = 0;
     std::vector<unsigned> selectorUsers_;
     std::size_t accesses_ = 0;
-    std::string lockPath_;
     bool locked_ = false;
     std::thread::id holder_;
     std::condition_variable unlocked_;
