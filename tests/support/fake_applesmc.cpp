@@ -72,6 +72,23 @@ std::uint32_t speedKey(const FanFile &fan) {
 
 }  // namespace
 
+namespace {
+
+// The lock file held: one holder at a time, known by its thread.
+class Hold final : public platform::HeldLock {
+  public:
+    Hold(std::mutex &lock, std::atomic<std::thread::id> &holder) : guard_(lock), holder_(holder) {
+        holder_ = std::this_thread::get_id();
+    }
+    ~Hold() override { holder_ = std::thread::id(); }
+
+  private:
+    std::unique_lock<std::mutex> guard_;
+    std::atomic<std::thread::id> &holder_;
+};
+
+}  // namespace
+
 class FakeApplesmc::Opener final : public platform::Sysfs {
   public:
     Opener(FakeApplesmc &driver, unsigned uid, bool rogue)
@@ -79,36 +96,24 @@ class FakeApplesmc::Opener final : public platform::Sysfs {
 
     platform::AttributeRead read(const std::string &path) override {
         platform::AttributeRead result;
-        result.error = driver.read(path, result.contents, *this);
+        result.error = driver.use(path, std::nullopt, result.contents, *this);
         return result;
     }
     int write(const std::string &path, std::string_view text) override {
-        return driver.write(path, text, *this);
+        std::string unused;
+        return driver.use(path, text, unused, *this);
     }
     platform::LockResult lockExclusive(const std::string &) override {
         if (uid != 0) {
             return {EACCES, nullptr};
         }
-        return driver.lock();
+        return {0, std::make_unique<Hold>(driver.fileLock_, driver.holder_)};
     }
 
     FakeApplesmc &driver;
     const unsigned uid;
     const bool rogue;
 };
-
-namespace {
-
-class FakeHold final : public platform::HeldLock {
-  public:
-    explicit FakeHold(std::function<void()> release) : release_(std::move(release)) {}
-    ~FakeHold() override { release_(); }
-
-  private:
-    std::function<void()> release_;
-};
-
-}  // namespace
 
 FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string sysRoot)
     : machine_(machine),
@@ -159,62 +164,26 @@ std::size_t FakeApplesmc::accesses() const {
     return accesses_;
 }
 
-int FakeApplesmc::read(const std::string &path, std::string &out, const Opener &who) {
+int FakeApplesmc::use(const std::string &path, std::optional<std::string_view> text,
+                      std::string &out, const Opener &who) {
     std::string attribute;
     int error = 0;
-    {
-        std::lock_guard guard(mutex_);
-        error = access(path, false, who, attribute);
-        if (error == 0) {
-            error = show(attribute, out);
-        }
-    }
-    after(attribute, who);
-    return error;
-}
-
-int FakeApplesmc::write(const std::string &path, std::string_view text, const Opener &who) {
-    std::string attribute;
-    int error = 0;
-    {
-        std::lock_guard guard(mutex_);
-        error = access(path, true, who, attribute);
-        if (error == 0) {
-            error = store(attribute, text);
-        }
-        if (error == 0 && attribute.starts_with("fan")) {
-            stores_ += (stores_.empty() ? "" : " ") + attribute + "=" + std::string(text);
-        }
-    }
-    after(attribute, who);
-    return error;
-}
-
-platform::LockResult FakeApplesmc::lock() {
-    std::unique_lock guard(mutex_);
-    unlocked_.wait(guard, [this] { return !locked_; });
-    locked_ = true;
-    holder_ = std::this_thread::get_id();
-    return {0, std::make_unique<FakeHold>([this] {
-                std::lock_guard release(mutex_);
-                locked_ = false;
-                holder_ = {};
-                unlocked_.notify_one();
-            })};
-}
-
-void FakeApplesmc::after(const std::string &attribute, const Opener &who) {
-    if (who.rogue) {
-        return;
-    }
     std::function<void(const std::string &)> hook;
     {
         std::lock_guard guard(mutex_);
-        hook = afterAccess_;
+        error = access(path, text.has_value(), who, attribute);
+        if (error == 0) {
+            error = text ? store(attribute, *text) : show(attribute, out);
+        }
+        if (error == 0 && text && attribute.starts_with("fan")) {
+            stores_ += (stores_.empty() ? "" : " ") + attribute + "=" + std::string(*text);
+        }
+        hook = who.rogue ? nullptr : afterAccess_;
     }
     if (hook) {
         hook(attribute);
     }
+    return error;
 }
 
 // Resolves the path to an attribute and applies existence, injected faults and file modes.
@@ -229,7 +198,7 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
     }
     attribute = path.substr(prefix.size());
     if (!who.rogue && attribute.starts_with("key_at_index") &&
-        (!locked_ || holder_ != std::this_thread::get_id())) {
+        holder_ != std::this_thread::get_id()) {
         ++unlockedSelectorUses_;
     }
 

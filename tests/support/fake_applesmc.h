@@ -16,12 +16,13 @@
 // values, a detached device, and a hook to move the selector behind a reader's back.
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -75,10 +76,10 @@ class FakeApplesmc {
     class Opener;
     friend class Opener;
 
-    int read(const std::string &path, std::string &out, const Opener &who);
-    int write(const std::string &path, std::string_view text, const Opener &who);
-    platform::LockResult lock();
-    void after(const std::string &attribute, const Opener &who);
+    // One read (no text; the contents go to `out`) or write of an attribute, then the
+    // access hook, outside mutex_.
+    int use(const std::string &path, std::optional<std::string_view> text, std::string &out,
+            const Opener &who);
 
     // Each of these runs with mutex_ held and returns 0 or an errno.
     int access(const std::string &path, bool writing, const Opener &who, std::string &attribute);
@@ -96,6 +97,9 @@ class FakeApplesmc {
     Variant variant_;
     std::string device_;
 
+    std::mutex fileLock_;                    // the lock file's one holder
+    std::atomic<std::thread::id> holder_{};  // its thread, while held
+
     mutable std::mutex mutex_;  // guards everything below
     std::uint32_t selector_ = 0;
     bool detached_ = false;
@@ -105,9 +109,6 @@ class FakeApplesmc {
     std::size_t unlockedSelectorUses_ = 0;
     std::vector<unsigned> selectorUsers_;
     std::size_t accesses_ = 0;
-    bool locked_ = false;
-    std::thread::id holder_;
-    std::condition_variable unlocked_;
 };
 
 }  // namespace ostrel::test
