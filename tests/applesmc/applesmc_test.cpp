@@ -200,22 +200,13 @@ TEST(ApplesmcErrorsTest, DriverErrorsReachTheCallerAsKernelCodes) {
 class ApplesmcSelectorTest : public testing::Test {
   protected:
     // Another root process selects the last key (which sorts after every key read here)
-    // right after our next `times` uses of the selector; `moves` counts from zero again.
-    void moveSelectorAfterSelects(int times) {
-        moves = 0;
-        std::string last = std::to_string(rig.machine.keys().size() - 1);
-        rig.driver.setAfterAccess([this, times, last](const std::string &attribute) {
-            if (attribute == "key_at_index" && moves < times) {
-                ++moves;
-                rogue->write(rig.driver.device() + "/key_at_index", last);
-            }
-        });
+    // right after our next `times` uses of the selector.
+    void moveSelectorAfterSelects(unsigned times) {
+        rig.driver.moveSelectorAfter(times, rig.machine.keys().size() - 1);
     }
 
     Rig rig{"macbookpro10-1", Variant::mainline};
     std::unique_ptr<SMC> smc = rig.connect();
-    std::unique_ptr<ostrel::platform::Sysfs> rogue = rig.driver.rogue();
-    int moves = 0;
 };
 
 TEST_F(ApplesmcSelectorTest, KnownKeysAreReadWithoutSearching) {
@@ -235,14 +226,14 @@ TEST_F(ApplesmcSelectorTest, KnownKeysAreReadWithoutSearching) {
 TEST_F(ApplesmcSelectorTest, SearchesDescriptionsAndReadsSpoiltByAMovedSelectorAreDoneAgain) {
     moveSelectorAfterSelects(2);
     EXPECT_EQ(smc->info("TC0P").size, 2u);
-    EXPECT_EQ(moves, 2) << "a search";
+    EXPECT_EQ(rig.driver.selectorMoves(), 2) << "a search";
     smc->allKeys();  // every index known, TB0T not described yet
     moveSelectorAfterSelects(1);
     EXPECT_EQ(smc->info("TB0T"), (ostrel::SMCKeyInfo{"TB0T", "sp78", 2, 0x80}));
-    EXPECT_EQ(moves, 1) << "a description";
+    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a description";
     moveSelectorAfterSelects(1);
     EXPECT_EQ(smc->read("TB0T").bytes, machineBytes(rig.machine, "TB0T"));
-    EXPECT_EQ(moves, 1) << "a read";
+    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a read";
 }
 
 TEST_F(ApplesmcSelectorTest, ASelectorThatNeverStaysPutMakesTheDeviceBusyNotWrong) {
@@ -252,7 +243,7 @@ TEST_F(ApplesmcSelectorTest, ASelectorThatNeverStaysPutMakesTheDeviceBusyNotWron
     EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_BUSY));
     EXPECT_EQ(errorOf([&] { smc->write("FS! ", 1.0); }), kernelError(SMC_KERN_BUSY));
     EXPECT_EQ(errorOf([&] { smc->info("TB0T"); }), kernelError(SMC_KERN_BUSY));
-    rig.driver.setAfterAccess(nullptr);
+    moveSelectorAfterSelects(0);
     EXPECT_EQ(smc->info("TB0T").size, 2u);
     EXPECT_EQ(rig.driver.fanStores(), "");
 }

@@ -91,8 +91,7 @@ class Hold final : public platform::HeldLock {
 
 class FakeApplesmc::Opener final : public platform::Sysfs {
   public:
-    Opener(FakeApplesmc &driver, unsigned uid, bool rogue)
-        : driver(driver), uid(uid), rogue(rogue) {}
+    Opener(FakeApplesmc &driver, unsigned uid) : driver(driver), uid(uid) {}
 
     platform::AttributeRead read(const std::string &path) override {
         platform::AttributeRead result;
@@ -112,7 +111,6 @@ class FakeApplesmc::Opener final : public platform::Sysfs {
 
     FakeApplesmc &driver;
     const unsigned uid;
-    const bool rogue;
 };
 
 FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string sysRoot)
@@ -122,21 +120,12 @@ FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string 
                                                       : "/bus/acpi/devices/APP0001:00")) {}
 
 std::unique_ptr<platform::Sysfs> FakeApplesmc::opener(unsigned uid) {
-    return std::make_unique<Opener>(*this, uid, false);
+    return std::make_unique<Opener>(*this, uid);
 }
 
 void FakeApplesmc::grantSelector(unsigned uid) {
     std::lock_guard guard(mutex_);
     selectorUsers_.push_back(uid);
-}
-
-std::unique_ptr<platform::Sysfs> FakeApplesmc::rogue() {
-    return std::make_unique<Opener>(*this, 0, true);
-}
-
-std::string FakeApplesmc::fanStores() const {
-    std::lock_guard guard(mutex_);
-    return stores_;
 }
 
 void FakeApplesmc::failNext(const std::string &attribute, int error, unsigned times) {
@@ -149,39 +138,28 @@ void FakeApplesmc::detach() {
     detached_ = true;
 }
 
-void FakeApplesmc::setAfterAccess(std::function<void(const std::string &)> hook) {
+void FakeApplesmc::moveSelectorAfter(unsigned times, std::uint32_t index) {
     std::lock_guard guard(mutex_);
-    afterAccess_ = std::move(hook);
-}
-
-std::size_t FakeApplesmc::unlockedSelectorUses() const {
-    std::lock_guard guard(mutex_);
-    return unlockedSelectorUses_;
-}
-
-std::size_t FakeApplesmc::accesses() const {
-    std::lock_guard guard(mutex_);
-    return accesses_;
+    movesLeft_ = times;
+    moves_ = 0;
+    moveTo_ = index;
 }
 
 int FakeApplesmc::use(const std::string &path, std::optional<std::string_view> text,
                       std::string &out, const Opener &who) {
+    std::lock_guard guard(mutex_);
     std::string attribute;
-    int error = 0;
-    std::function<void(const std::string &)> hook;
-    {
-        std::lock_guard guard(mutex_);
-        error = access(path, text.has_value(), who, attribute);
-        if (error == 0) {
-            error = text ? store(attribute, *text) : show(attribute, out);
-        }
-        if (error == 0 && text && attribute.starts_with("fan")) {
-            stores_ += (stores_.empty() ? "" : " ") + attribute + "=" + std::string(*text);
-        }
-        hook = who.rogue ? nullptr : afterAccess_;
+    int error = access(path, text.has_value(), who, attribute);
+    if (error == 0) {
+        error = text ? store(attribute, *text) : show(attribute, out);
     }
-    if (hook) {
-        hook(attribute);
+    if (error == 0 && text && attribute.starts_with("fan")) {
+        stores_ += (stores_.empty() ? "" : " ") + attribute + "=" + std::string(*text);
+    }
+    if (attribute == "key_at_index" && movesLeft_ > 0) {
+        --movesLeft_;
+        ++moves_;
+        selector_ = moveTo_;
     }
     return error;
 }
@@ -189,16 +167,13 @@ int FakeApplesmc::use(const std::string &path, std::optional<std::string_view> t
 // Resolves the path to an attribute and applies existence, injected faults and file modes.
 int FakeApplesmc::access(const std::string &path, bool writing, const Opener &who,
                          std::string &attribute) {
-    if (!who.rogue) {
-        ++accesses_;
-    }
+    ++accesses_;
     std::string prefix = device_ + "/";
     if (detached_ || !path.starts_with(prefix)) {
         return ENOENT;
     }
     attribute = path.substr(prefix.size());
-    if (!who.rogue && attribute.starts_with("key_at_index") &&
-        holder_ != std::this_thread::get_id()) {
+    if (attribute.starts_with("key_at_index") && holder_ != std::this_thread::get_id()) {
         ++unlockedSelectorUses_;
     }
 

@@ -13,12 +13,11 @@
 //
 // Every SMC transaction goes through the machine's exchange, so the machine's journal and
 // injected faults apply. Tests also get the list of successful stores, injected errno
-// values, a detached device, and a hook to move the selector behind a reader's back.
+// values, a detached device, and a selector moved behind a reader's back.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -50,34 +49,38 @@ class FakeApplesmc {
     std::unique_ptr<platform::Sysfs> opener(unsigned uid = 0);
     // An administrator let `uid` write the selector (a udev rule on key_at_index).
     void grantSelector(unsigned uid);
-    // A root process that moves the selector without the lock: the driver neither checks
-    // its selector use nor runs the access hook for it.
-    std::unique_ptr<platform::Sysfs> rogue();
 
     // The successful writes into fan attributes (fanN_*) in order, as "ATTRIBUTE=TEXT"
     // separated by blanks; selector writes are left out.
-    std::string fanStores() const;
+    std::string fanStores() const { return locked(stores_); }
 
     // The next `times` accesses to `attribute` fail with `error`.
     void failNext(const std::string &attribute, int error, unsigned times = 1);
     // The module goes away: every attribute is ENOENT from now on.
     void detach();
-    // Runs after every access of a non-rogue opener, outside the driver's lock, with the
-    // attribute's name. Any thread may run it.
-    void setAfterAccess(std::function<void(const std::string &attribute)> hook);
+    // Another root process, heedless of the lock, selects `index` right after each of the
+    // next `times` accesses to key_at_index; selectorMoves() counts them from zero again.
+    void moveSelectorAfter(unsigned times, std::uint32_t index);
+    unsigned selectorMoves() const { return locked(moves_); }
 
-    // Selector uses (writing key_at_index, reading key_at_index_*) by non-rogue openers on a
-    // thread that did not hold the lock at the time.
-    std::size_t unlockedSelectorUses() const;
-    // Reads and writes by non-rogue openers.
-    std::size_t accesses() const;
+    // Selector uses (writing key_at_index, reading key_at_index_*) on a thread that did not
+    // hold the lock at the time.
+    std::size_t unlockedSelectorUses() const { return locked(unlockedSelectorUses_); }
+    // Reads and writes through the openers.
+    std::size_t accesses() const { return locked(accesses_); }
 
   private:
     class Opener;
     friend class Opener;
 
-    // One read (no text; the contents go to `out`) or write of an attribute, then the
-    // access hook, outside mutex_.
+    // A copy of a member, taken under mutex_.
+    template <typename T>
+    T locked(const T &member) const {
+        std::lock_guard guard(mutex_);
+        return member;
+    }
+
+    // One read (no text; the contents go to `out`) or write of an attribute.
     int use(const std::string &path, std::optional<std::string_view> text, std::string &out,
             const Opener &who);
 
@@ -105,7 +108,9 @@ class FakeApplesmc {
     bool detached_ = false;
     std::string stores_;
     std::map<std::string, std::pair<int, unsigned>> faults_;  // attribute -> errno, times
-    std::function<void(const std::string &)> afterAccess_;
+    unsigned movesLeft_ = 0;
+    unsigned moves_ = 0;
+    std::uint32_t moveTo_ = 0;
     std::size_t unlockedSelectorUses_ = 0;
     std::vector<unsigned> selectorUsers_;
     std::size_t accesses_ = 0;
