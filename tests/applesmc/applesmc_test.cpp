@@ -268,22 +268,16 @@ TEST_F(ApplesmcSelectorTest, ConcurrentReadersHoldTheLockForEverySelectorUse) {
     EXPECT_EQ(rig.driver.unlockedSelectorUses(), 0u);
 }
 
-TEST(ApplesmcDeviceTest, FindsTheMainlineThenTheT2DeviceUnderTheRoot) {
+// The mainline device, and a directory that is none: ApplesmcPlainFilesTest.
+TEST(ApplesmcDeviceTest, FindsTheT2DeviceUnderTheRootAndTakesADirectoryWithATrailingSlash) {
     ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/sandbox"}}};
-    ostrel::platform::Paths paths(env);
     Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
-
     FakeApplesmc t2(machine, Variant::t2, "/sandbox/sys");
-    EXPECT_EQ(csmc::findApplesmcDevice("", *t2.opener(), paths),
-              "/sandbox/sys/bus/acpi/devices/APP0001:00");
-    FakeApplesmc mainline(machine, Variant::mainline, "/sandbox/sys");
-    auto files = mainline.opener();
+    auto files = t2.opener();
+    ostrel::platform::Paths paths(env);
     EXPECT_EQ(csmc::findApplesmcDevice("", *files, paths),
-              "/sandbox/sys/devices/platform/applesmc.768");
-    EXPECT_EQ(
-        csmc::findApplesmcDevice("/sandbox/sys/devices/platform/applesmc.768/", *files, paths),
-        "/sandbox/sys/devices/platform/applesmc.768");
-    EXPECT_EQ(csmc::findApplesmcDevice("/sandbox/sys", *files, paths), std::nullopt);
+              "/sandbox/sys/bus/acpi/devices/APP0001:00");
+    EXPECT_EQ(csmc::findApplesmcDevice(t2.device() + "/", *files, paths), t2.device());
 }
 
 // Plain files cannot act as a selector, so the tree holds one key only.

@@ -212,14 +212,10 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         return 0;
     }
     if (attribute == "key_count") {
-        std::vector<std::uint8_t> bytes;
-        if (int error = readKey(smc_fourcc("#KEY"), 4, bytes)) {
-            return error;
-        }
-        std::uint32_t count = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
-                              (std::uint32_t{bytes[2]} << 8) | bytes[3];
-        out = std::to_string(count) + "\n";
-        return 0;
+        unsigned long count = 0;
+        int error = readUnsigned(smc_fourcc("#KEY"), 4, count);
+        out = error == 0 ? std::to_string(count) + "\n" : "";
+        return error;
     }
     if (attribute == "key_at_index") {
         out = std::to_string(selector_) + "\n";
@@ -250,15 +246,14 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
     unsigned long number = 0;
     int error = 0;
     if (fan.kind == "manual" && variant_ == Variant::mainline) {
-        unsigned mask = 0;
-        error = forceMask(mask);
-        number = (mask >> fan.index) & 1;
+        error = readUnsigned(csmc::kForceMaskKey, 2, number);
+        number = (number >> fan.index) & 1;
     } else if (fan.kind == "manual") {
-        error = readKey(csmc::fanKey(fan.index, "Md"), 1, bytes);
-        number = error == 0 ? bytes[0] & 1 : 0;
+        error = readUnsigned(csmc::fanKey(fan.index, "Md"), 1, number);
+        number &= 1;
     } else if (variant_ == Variant::mainline) {
-        error = readKey(speedKey(fan), 2, bytes);
-        number = error == 0 ? ((unsigned{bytes[0]} << 8) | bytes[1]) >> 2 : 0;
+        error = readUnsigned(speedKey(fan), 2, number);
+        number >>= 2;  // fpe2
     } else if ((error = readKey(speedKey(fan), 4, bytes)) == 0) {
         float value = 0;
         std::memcpy(&value, bytes.data(), 4);  // little-endian, as on the x86 host
@@ -285,11 +280,11 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
         if (variant_ == Variant::t2) {
             return writeKey(csmc::fanKey(fan.index, "Md"), {static_cast<std::uint8_t>(*value & 1)});
         }
-        unsigned mask = 0;
-        if (int error = forceMask(mask)) {
+        unsigned long mask = 0;
+        if (int error = readUnsigned(csmc::kForceMaskKey, 2, mask)) {
             return error;
         }
-        unsigned bit = 1u << fan.index;
+        unsigned long bit = 1ul << fan.index;
         mask = *value != 0 ? (mask | bit) : (mask & ~bit);
         return writeKey(csmc::kForceMaskKey,
                         {static_cast<std::uint8_t>(mask >> 8), static_cast<std::uint8_t>(mask)});
@@ -325,7 +320,7 @@ int FakeApplesmc::smc(std::uint8_t command, std::uint32_t key, std::uint32_t ind
 
 int FakeApplesmc::readKey(std::uint32_t key, std::uint32_t size, std::vector<std::uint8_t> &bytes) {
     const vsmc::KeyEntry *entry = machine_.keys().find(key);
-    if (entry == nullptr || entry->size != size || size > SMC_MAX_DATA) {
+    if (entry == nullptr || entry->size != size) {
         return EINVAL;
     }
     smc_param out{};
@@ -336,10 +331,13 @@ int FakeApplesmc::readKey(std::uint32_t key, std::uint32_t size, std::vector<std
     return 0;
 }
 
-int FakeApplesmc::forceMask(unsigned &mask) {
+int FakeApplesmc::readUnsigned(std::uint32_t key, std::uint32_t size, unsigned long &value) {
     std::vector<std::uint8_t> bytes;
-    int error = readKey(csmc::kForceMaskKey, 2, bytes);
-    mask = error == 0 ? (unsigned{bytes[0]} << 8) | bytes[1] : 0;
+    int error = readKey(key, size, bytes);
+    value = 0;
+    for (std::uint8_t byte : bytes) {
+        value = (value << 8) | byte;
+    }
     return error;
 }
 

@@ -92,7 +92,7 @@ class FakeApplesmc {
             const std::uint8_t *bytes = nullptr, std::uint32_t size = 0);
     int readKey(std::uint32_t key, std::uint32_t size, std::vector<std::uint8_t> &bytes);
     int writeKey(std::uint32_t key, const std::vector<std::uint8_t> &bytes);
-    int forceMask(unsigned &mask);
+    int readUnsigned(std::uint32_t key, std::uint32_t size, unsigned long &value);  // big-endian
     int selected(vsmc::KeyEntry &entry);
     unsigned fanCount() const;
 
