@@ -60,16 +60,14 @@ struct Rig {
     Rig(const std::string &profile, Variant variant, unsigned uid = 0)
         : machine(ostrel::test::builtinMachine(profile)),
           driver(machine, variant),
-          files(driver.opener(uid)) {}
-
-    std::unique_ptr<SMC> connect() {
-        return std::make_unique<SMC>(
-            std::make_unique<ApplesmcTransport>(driver.device(), kLock, *files));
-    }
+          files(driver.opener(uid)),
+          smc(std::make_unique<SMC>(
+              std::make_unique<ApplesmcTransport>(driver.device(), kLock, *files))) {}
 
     Machine machine;
     FakeApplesmc driver;
     std::unique_ptr<ostrel::platform::Sysfs> files;
+    std::unique_ptr<SMC> smc;
 };
 
 struct MachineCase {
@@ -111,7 +109,7 @@ const MachineCase kMachines[] = {
 class ApplesmcMachineTest : public testing::TestWithParam<MachineCase> {
   protected:
     Rig rig{GetParam().profile, GetParam().variant};
-    std::unique_ptr<SMC> smc = rig.connect();
+    std::unique_ptr<SMC> &smc = rig.smc;
 };
 
 TEST_P(ApplesmcMachineTest, EveryKeyHasTheSameInfoAndValueAsThroughTheMemoryTransport) {
@@ -151,7 +149,7 @@ INSTANTIATE_TEST_SUITE_P(BuiltinMacs, ApplesmcMachineTest, testing::ValuesIn(kMa
 
 TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNothing) {
     Rig rig("macbookpro10-1", Variant::mainline, 1000);
-    auto smc = rig.connect();
+    auto &smc = rig.smc;
     SMCError error = errorOf([&] { smc->write("F0Tg", 2500.0); });
     EXPECT_EQ(error, SMCError::notPrivileged());
     EXPECT_THAT(error.what(), HasSubstr("ostrel helper install"));
@@ -173,7 +171,7 @@ TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNo
 
 TEST(ApplesmcErrorsTest, DriverErrorsReachTheCallerAsKernelCodes) {
     Rig rig("macbookpro10-1", Variant::mainline);
-    auto smc = rig.connect();
+    auto &smc = rig.smc;
     // A failed handshake inside the driver, and the same failure injected at the SMC.
     rig.driver.failNext("key_at_index_data", EIO);
     SMCError error = errorOf([&] { smc->read("TC0P"); });
@@ -206,7 +204,7 @@ class ApplesmcSelectorTest : public testing::Test {
     }
 
     Rig rig{"macbookpro10-1", Variant::mainline};
-    std::unique_ptr<SMC> smc = rig.connect();
+    std::unique_ptr<SMC> &smc = rig.smc;
 };
 
 TEST_F(ApplesmcSelectorTest, KnownKeysAreReadWithoutSearching) {

@@ -128,9 +128,9 @@ void FakeApplesmc::grantSelector(unsigned uid) {
     selectorUsers_.push_back(uid);
 }
 
-void FakeApplesmc::failNext(const std::string &attribute, int error, unsigned times) {
+void FakeApplesmc::failNext(const std::string &attribute, int error) {
     std::lock_guard guard(mutex_);
-    faults_[attribute] = {error, times};
+    faults_[attribute] = error;
 }
 
 void FakeApplesmc::detach() {
@@ -189,13 +189,8 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
         return ENOENT;
     }
 
-    auto fault = faults_.find(attribute);
-    if (fault != faults_.end()) {
-        int error = fault->second.first;
-        if (--fault->second.second == 0) {
-            faults_.erase(fault);
-        }
-        return error;
+    if (auto fault = faults_.extract(attribute)) {
+        return fault.mapped();
     }
     bool granted =
         attribute == "key_at_index" &&

@@ -54,8 +54,8 @@ class FakeApplesmc {
     // separated by blanks; selector writes are left out.
     std::string fanStores() const { return locked(stores_); }
 
-    // The next `times` accesses to `attribute` fail with `error`.
-    void failNext(const std::string &attribute, int error, unsigned times = 1);
+    // The next access to `attribute` fails with `error`.
+    void failNext(const std::string &attribute, int error);
     // The module goes away: every attribute is ENOENT from now on.
     void detach();
     // Another root process, heedless of the lock, selects `index` right after each of the
@@ -107,7 +107,7 @@ class FakeApplesmc {
     std::uint32_t selector_ = 0;
     bool detached_ = false;
     std::string stores_;
-    std::map<std::string, std::pair<int, unsigned>> faults_;  // attribute -> errno, times
+    std::map<std::string, int> faults_;  // attribute -> errno of its next access
     unsigned movesLeft_ = 0;
     unsigned moves_ = 0;
     std::uint32_t moveTo_ = 0;
