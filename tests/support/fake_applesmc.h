@@ -12,8 +12,7 @@
 // - A failed SMC transaction is EIO; a key the driver does not know is EINVAL.
 //
 // Every SMC transaction goes through the machine's exchange, so the machine's journal and
-// injected faults apply. Tests also get the list of successful stores, injected errno
-// values, a detached device, and a selector moved behind a reader's back.
+// injected faults apply.
 #pragma once
 
 #include <atomic>
