@@ -250,19 +250,18 @@ TEST_F(ApplesmcSelectorTest, ConcurrentReadersHoldTheLockForEverySelectorUse) {
     // Two threads on one connection and a third process of its own.
     auto other = rig.driver.opener();
     SMC second(std::make_unique<ApplesmcTransport>(rig.driver.device(), kLock, *other));
-    auto reader = [](SMC &connection, FourCC key, std::vector<std::uint8_t> expected) {
-        return [&connection, key, expected] {
+    std::vector<std::thread> readers;
+    for (auto [connection, key] :
+         {std::pair{smc.get(), "TC0P"}, {smc.get(), "F0Mx"}, {&second, "TB0T"}}) {
+        readers.emplace_back([connection, key, expected = machineBytes(rig.machine, key)] {
             for (int i = 0; i < 100; ++i) {
-                EXPECT_EQ(connection.read(key).bytes, expected);
+                EXPECT_EQ(connection->read(key).bytes, expected);
             }
-        };
-    };
-    std::thread a(reader(*smc, "TC0P", machineBytes(rig.machine, "TC0P")));
-    std::thread b(reader(*smc, "F0Mx", machineBytes(rig.machine, "F0Mx")));
-    std::thread c(reader(second, "TB0T", machineBytes(rig.machine, "TB0T")));
-    a.join();
-    b.join();
-    c.join();
+        });
+    }
+    for (std::thread &reader : readers) {
+        reader.join();
+    }
     EXPECT_EQ(rig.driver.unlockedSelectorUses(), 0u);
 }
 
@@ -282,17 +281,15 @@ TEST(ApplesmcDeviceTest, FindsTheT2DeviceUnderTheRootAndTakesADirectoryWithATrai
 class ApplesmcPlainFilesTest : public testing::Test {
   protected:
     void SetUp() override {
-        for (auto [name, contents] : {std::pair{"name", "applesmc\n"},
-                                      {"key_count", "1\n"},
-                                      {"key_at_index", "0\n"},
-                                      {"key_at_index_name", "FS! \n"},
-                                      {"key_at_index_type", "ui16\n"},
-                                      {"key_at_index_data_length", "2\n"},
-                                      {"fan1_manual", "1\n"},
-                                      {"fan2_manual", "0\n"}}) {
-            put(name, contents);
-        }
+        put("name", "applesmc\n");
+        put("key_count", "1\n");
+        put("key_at_index", "0\n");
+        put("key_at_index_name", "FS! \n");
+        put("key_at_index_type", "ui16\n");
+        put("key_at_index_data_length", "2\n");
         put("key_at_index_data", std::string("\x00\x01", 2));
+        put("fan1_manual", "1\n");
+        put("fan2_manual", "0\n");
     }
 
     static constexpr const char *kDevice = "sys/devices/platform/applesmc.768/";
