@@ -1,12 +1,15 @@
 // The applesmc transport against a fake driver on the built-in virtual Macs: the same key
-// table and values as the in-process transport, fan writes as the driver's files take
-// them, privilege and error mapping, and a selector that other processes move.
+// table and values as the in-process transport (so the kit discovers the same sensors and
+// fans through it), fan writes as the driver's files take them, privilege and error
+// mapping, and a selector that other processes move. Then the whole path from opening by
+// selector, on plain files in a temporary OSTREL_ROOT.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
+#include <cmath>
+#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -14,7 +17,9 @@
 #include "ostrel/smc.h"
 #include "ostrel/vsmc/memory_transport.h"
 #include "support/fake_applesmc.h"
+#include "support/temp_dir.h"
 #include "support/test_machine.h"
+#include "support/transports.h"
 
 namespace {
 
@@ -25,8 +30,7 @@ using ostrel::SMCError;
 using ostrel::test::FakeApplesmc;
 using ostrel::vsmc::Machine;
 using testing::HasSubstr;
-using Store = FakeApplesmc::Store;
-using Stores = std::vector<Store>;
+using Variant = FakeApplesmc::Variant;
 
 constexpr const char *kLock = "/run/dev.ostrel.applesmc.lock";
 
@@ -53,137 +57,99 @@ SMCError errorOf(Operation operation) {
 
 // A machine behind the fake driver, and one root (or other) process's SMC connection.
 struct Rig {
-    Rig(const std::string &profile, FakeApplesmc::Variant variant, unsigned uid = 0)
+    Rig(const std::string &profile, Variant variant, unsigned uid = 0)
         : machine(ostrel::test::builtinMachine(profile)),
           driver(machine, variant),
-          files(driver.opener(uid)) {}
-
-    std::unique_ptr<SMC> connect() {
-        return std::make_unique<SMC>(
-            std::make_unique<ApplesmcTransport>(driver.device(), kLock, *files));
-    }
+          files(driver.opener(uid)),
+          smc(std::make_unique<SMC>(
+              std::make_unique<ApplesmcTransport>(driver.device(), kLock, *files))) {}
 
     Machine machine;
     FakeApplesmc driver;
     std::unique_ptr<ostrel::platform::Sysfs> files;
+    std::unique_ptr<SMC> smc;
 };
 
 struct MachineCase {
     const char *name;
     const char *profile;
-    FakeApplesmc::Variant variant;
-    std::map<std::string, std::uint8_t> writable;  // the keys the driver can write
+    Variant variant;
+    // The attribute byte of the keys the driver can write (every other key reads 0x80):
+    // the driver hides the real one, so the transport makes it up.
+    std::map<std::string, std::uint8_t> writable;
+    std::vector<std::pair<const char *, double>> refused;  // no fan file takes these
+    std::vector<std::pair<const char *, double>> writes;
+    std::string stores;  // what the writes leave in the fan files, in order
 };
 
-class SameTableTest : public testing::TestWithParam<MachineCase> {};
+const MachineCase kMachines[] = {
+    {"mainline",
+     "macbookpro10-1",
+     Variant::mainline,
+     {{"FS! ", 0xC0}, {"F0Tg", 0xD0}, {"F1Tg", 0xD0}, {"F0Mn", 0xC0}, {"F1Mn", 0xC0}},
+     // No fan file for bit 10: nothing is stored, not even the bits that have files.
+     {{"TC0P", 40}, {"F0Mx", 6000}, {"FS! ", 1025}},
+     // Fan 1 manual at 3000 rpm and back, then both fans at once, then nothing changed.
+     {{"FS! ", 2}, {"F1Tg", 3000}, {"FS! ", 0}, {"FS! ", 3}, {"FS! ", 3}, {"F0Mn", 2400}},
+     "fan2_manual=1 fan2_output=3000 fan2_manual=0 fan1_manual=1 fan2_manual=1 fan1_min=2400"},
+    {"t2",
+     "macbookpro16-1",
+     Variant::t2,
+     {{"F0Md", 0xD0},
+      {"F1Md", 0xD0},
+      {"F0Tg", 0xD0},
+      {"F1Tg", 0xD0},
+      {"F0Mn", 0xC0},
+      {"F1Mn", 0xC0}},
+     {{"F0Tg", 20000}, {"F0Md", 3}, {"F0Tg", -5}},
+     {{"F0Md", 1}, {"F0Tg", 2500.7}, {"F1Tg", 1800}, {"F0Md", 0}},  // the driver takes whole rpm
+     "fan1_manual=1 fan1_output=2500 fan2_output=1800 fan1_manual=0"},
+};
 
-TEST_P(SameTableTest, EveryKeyHasTheSameInfoAndValueAsThroughTheMemoryTransport) {
-    const MachineCase &param = GetParam();
-    Machine reference = ostrel::test::builtinMachine(param.profile);
+class ApplesmcMachineTest : public testing::TestWithParam<MachineCase> {
+  protected:
+    Rig rig{GetParam().profile, GetParam().variant};
+    std::unique_ptr<SMC> &smc = rig.smc;
+};
+
+TEST_P(ApplesmcMachineTest, EveryKeyHasTheSameInfoAndValueAsThroughTheMemoryTransport) {
+    Machine reference = ostrel::test::builtinMachine(GetParam().profile);
     SMC memory(std::make_unique<ostrel::vsmc::MemoryTransport>(reference));
-    Rig rig(param.profile, param.variant);
-    auto smc = rig.connect();
-
     std::vector<FourCC> keys = smc->allKeys();
     ASSERT_EQ(keys, memory.allKeys());
     ASSERT_EQ(smc->keyCount(), keys.size());
     for (FourCC key : keys) {
         SCOPED_TRACE(key.description());
-        ostrel::SMCKeyInfo info = smc->info(key);
         ostrel::SMCKeyInfo expected = memory.info(key);
-        EXPECT_EQ(info.type, expected.type);
-        EXPECT_EQ(info.size, expected.size);
-        // The driver hides the attribute byte: the transport makes it up from what the
-        // driver lets us write.
-        auto writable = param.writable.find(key.description());
-        EXPECT_EQ(info.attributes, writable == param.writable.end() ? 0x80 : writable->second);
+        auto writable = GetParam().writable.find(key.description());
+        expected.attributes = writable == GetParam().writable.end() ? 0x80 : writable->second;
+        EXPECT_EQ(smc->info(key), expected);
         EXPECT_EQ(smc->read(key).bytes, memory.read(key).bytes);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(BuiltinMacs, SameTableTest,
-                         testing::Values(MachineCase{"mainline",
-                                                     "macbookpro10-1",
-                                                     FakeApplesmc::Variant::mainline,
-                                                     {{"FS! ", 0xC0},
-                                                      {"F0Tg", 0xD0},
-                                                      {"F1Tg", 0xD0},
-                                                      {"F0Mn", 0xC0},
-                                                      {"F1Mn", 0xC0}}},
-                                         MachineCase{"t2",
-                                                     "macbookpro16-1",
-                                                     FakeApplesmc::Variant::t2,
-                                                     {{"F0Md", 0xD0},
-                                                      {"F1Md", 0xD0},
-                                                      {"F0Tg", 0xD0},
-                                                      {"F1Tg", 0xD0},
-                                                      {"F0Mn", 0xC0},
-                                                      {"F1Mn", 0xC0}}}),
+TEST_P(ApplesmcMachineTest, FanWritesBecomeTheDriversStoresAndTheRestAreFirmwareRefusals) {
+    for (auto [key, value] : GetParam().refused) {
+        SCOPED_TRACE(key);
+        EXPECT_EQ(errorOf([&] { smc->write(key, value); }), SMCError::firmware(key));
+    }
+    std::map<std::string, double> last;
+    for (auto [key, value] : GetParam().writes) {
+        smc->write(key, value);
+        last[key] = std::trunc(value);
+    }
+    EXPECT_EQ(rig.driver.fanStores(), GetParam().stores);
+    for (auto [key, value] : last) {
+        EXPECT_EQ(smc->readDouble(key.c_str()), value) << key;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(BuiltinMacs, ApplesmcMachineTest, testing::ValuesIn(kMachines),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST(ApplesmcWritesTest, ForceMaskWritesBecomeOneManualStorePerChangedBit) {
-    Rig rig("macbookpro10-1", FakeApplesmc::Variant::mainline);
-    auto smc = rig.connect();
-
-    // Fan 1 manual at 3000 rpm and back, then both fans at once, then nothing changed.
-    ASSERT_EQ(smc->readDouble("FS! "), 0);
-    smc->write("FS! ", 2.0);
-    smc->write("F1Tg", 3000.0);
-    smc->write("FS! ", 0.0);
-    smc->write("FS! ", 3.0);
-    smc->write("FS! ", 3.0);
-    smc->write("F0Mn", 2400.0);
-
-    EXPECT_EQ(rig.driver.fanStores(), (Stores{{"fan2_manual", "1"},
-                                              {"fan2_output", "3000"},
-                                              {"fan2_manual", "0"},
-                                              {"fan1_manual", "1"},
-                                              {"fan2_manual", "1"},
-                                              {"fan1_min", "2400"}}));
-    EXPECT_EQ(machineBytes(rig.machine, "FS! "), (std::vector<std::uint8_t>{0x00, 0x03}));
-    EXPECT_EQ(machineBytes(rig.machine, "F1Tg"), (std::vector<std::uint8_t>{0x2E, 0xE0}));
-    EXPECT_EQ(smc->readDouble("F0Mn"), 2400);
-}
-
-TEST(ApplesmcWritesTest, ModeKeysAndFloatTargetsGoToTheT2FanFiles) {
-    Rig rig("macbookpro16-1", FakeApplesmc::Variant::t2);
-    auto smc = rig.connect();
-
-    smc->write("F0Md", 1.0);
-    smc->write("F0Tg", 2500.7);  // the driver takes whole rpm
-    smc->write("F1Tg", 1800.0);
-    smc->write("F0Md", 0.0);
-
-    EXPECT_EQ(rig.driver.fanStores(), (Stores{{"fan1_manual", "1"},
-                                              {"fan1_output", "2500"},
-                                              {"fan2_output", "1800"},
-                                              {"fan1_manual", "0"}}));
-    EXPECT_EQ(smc->readDouble("F0Tg"), 2500);
-    EXPECT_EQ(smc->readDouble("F1Tg"), 1800);
-    EXPECT_EQ(smc->readDouble("F0Md"), 0);
-}
-
-TEST(ApplesmcWritesTest, WritesTheDriverCannotMakeAreFirmwareRefusals) {
-    Rig mainline("macbookpro10-1", FakeApplesmc::Variant::mainline);
-    auto smc = mainline.connect();
-    EXPECT_EQ(errorOf([&] { smc->write("TC0P", 40.0); }), SMCError::firmware("TC0P"));
-    EXPECT_EQ(errorOf([&] { smc->write("F0Mx", 6000.0); }), SMCError::firmware("F0Mx"));
-    // No fan file for bit 10: nothing is stored, not even the bits that have files.
-    EXPECT_EQ(errorOf([&] { smc->write("FS! ", 1025.0); }), SMCError::firmware("FS! "));
-    EXPECT_TRUE(mainline.driver.fanStores().empty());
-
-    Rig t2("macbookpro16-1", FakeApplesmc::Variant::t2);
-    auto t2smc = t2.connect();
-    for (auto [key, value] : {std::pair{"F0Tg", 20000.0}, {"F0Md", 3.0}, {"F0Tg", -5.0}}) {
-        SCOPED_TRACE(value);
-        EXPECT_EQ(errorOf([&] { t2smc->write(key, value); }), SMCError::firmware(key));
-    }
-    EXPECT_EQ(t2smc->readDouble("F0Tg"), 1836);
-}
-
 TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNothing) {
-    Rig rig("macbookpro10-1", FakeApplesmc::Variant::mainline, 1000);
-    auto smc = rig.connect();
+    Rig rig("macbookpro10-1", Variant::mainline, 1000);
+    auto &smc = rig.smc;
     SMCError error = errorOf([&] { smc->write("F0Tg", 2500.0); });
     EXPECT_EQ(error, SMCError::notPrivileged());
     EXPECT_THAT(error.what(), HasSubstr("ostrel helper install"));
@@ -191,11 +157,10 @@ TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNo
     // as well; the message must say reading, not writing, and how to get it.
     error = errorOf([&] { smc->read("TC0P"); });
     EXPECT_EQ(error, kernelError(SMC_KERN_NOT_PERMITTED));
-    EXPECT_THAT(error.explanation(), HasSubstr("reading SMC keys through the applesmc driver "
-                                               "needs root"));
-    EXPECT_THAT(error.explanation(), HasSubstr("sudo"));
-    EXPECT_THAT(error.explanation(), HasSubstr("ostrel helper install"));
-    EXPECT_TRUE(rig.driver.stores().empty());
+    EXPECT_THAT(error.explanation(),
+                testing::AllOf(HasSubstr("reading SMC keys through the applesmc driver needs root"),
+                               HasSubstr("sudo"), HasSubstr("ostrel helper install")));
+    EXPECT_EQ(rig.driver.fanStores(), "");
     EXPECT_EQ(rig.machine.count(SMC_CMD_WRITE), 0u);
 
     // Where the administrator lets the user select keys, the root-only lock is no obstacle.
@@ -205,8 +170,8 @@ TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNo
 }
 
 TEST(ApplesmcErrorsTest, DriverErrorsReachTheCallerAsKernelCodes) {
-    Rig rig("macbookpro10-1", FakeApplesmc::Variant::mainline);
-    auto smc = rig.connect();
+    Rig rig("macbookpro10-1", Variant::mainline);
+    auto &smc = rig.smc;
     // A failed handshake inside the driver, and the same failure injected at the SMC.
     rig.driver.failNext("key_at_index_data", EIO);
     SMCError error = errorOf([&] { smc->read("TC0P"); });
@@ -230,9 +195,19 @@ TEST(ApplesmcErrorsTest, DriverErrorsReachTheCallerAsKernelCodes) {
     EXPECT_EQ(errorOf([&] { smc->key(0); }), kernelError(SMC_KERN_NO_DEVICE));
 }
 
-TEST(ApplesmcCostTest, KnownKeysAreReadWithoutSearching) {
-    Rig rig("macbookpro10-1", FakeApplesmc::Variant::mainline);
-    auto smc = rig.connect();
+class ApplesmcSelectorTest : public testing::Test {
+  protected:
+    // Another root process selects the last key (which sorts after every key read here)
+    // right after our next `times` uses of the selector.
+    void moveSelectorAfterSelects(unsigned times) {
+        rig.driver.moveSelectorAfter(times, rig.machine.keys().size() - 1);
+    }
+
+    Rig rig{"macbookpro10-1", Variant::mainline};
+    std::unique_ptr<SMC> &smc = rig.smc;
+};
+
+TEST_F(ApplesmcSelectorTest, KnownKeysAreReadWithoutSearching) {
     smc->info("TC0P");
     std::size_t before = rig.driver.accesses();
     smc->read("TC0P");
@@ -244,45 +219,19 @@ TEST(ApplesmcCostTest, KnownKeysAreReadWithoutSearching) {
     before = rig.driver.accesses();
     smc->info("TB0T");
     EXPECT_EQ(rig.driver.accesses() - before, 4u);
-    EXPECT_EQ(rig.driver.lockPath(), kLock);
 }
 
-class ApplesmcSelectorTest : public testing::Test {
-  protected:
-    // Another root process selects the last key (which sorts after every key read here)
-    // right after our next `times` uses of the selector.
-    void moveSelectorAfterSelects(int times) {
-        std::string last = std::to_string(rig.machine.keys().size() - 1);
-        rig.driver.setAfterAccess([this, times, last](const std::string &attribute) {
-            if (attribute == "key_at_index" && moves < times) {
-                ++moves;
-                rogue->write(rig.driver.device() + "/key_at_index", last);
-            }
-        });
-    }
-
-    Rig rig{"macbookpro10-1", FakeApplesmc::Variant::mainline};
-    std::unique_ptr<SMC> smc = rig.connect();
-    std::unique_ptr<ostrel::platform::Sysfs> rogue = rig.driver.rogue();
-    int moves = 0;
-};
-
-TEST_F(ApplesmcSelectorTest, DescriptionsAndReadsSpoiltByAMovedSelectorAreDoneAgain) {
-    smc->allKeys();  // every index known, no key described yet
-    moveSelectorAfterSelects(1);
-    ostrel::SMCKeyInfo info = smc->info("TC0P");
-    EXPECT_EQ(info.type, FourCC("sp78"));
-    EXPECT_EQ(info.size, 2u);
-    moves = 0;
-    EXPECT_EQ(smc->read("TC0P").bytes, machineBytes(rig.machine, "TC0P"));
-    EXPECT_EQ(moves, 1);
-}
-
-TEST_F(ApplesmcSelectorTest, ASearchSpoiltByAMovedSelectorStillFindsTheKey) {
+TEST_F(ApplesmcSelectorTest, SearchesDescriptionsAndReadsSpoiltByAMovedSelectorAreDoneAgain) {
     moveSelectorAfterSelects(2);
     EXPECT_EQ(smc->info("TC0P").size, 2u);
-    EXPECT_EQ(smc->read("TC0P").bytes, machineBytes(rig.machine, "TC0P"));
-    EXPECT_EQ(moves, 2);
+    EXPECT_EQ(rig.driver.selectorMoves(), 2) << "a search";
+    smc->allKeys();  // every index known, TB0T not described yet
+    moveSelectorAfterSelects(1);
+    EXPECT_EQ(smc->info("TB0T"), (ostrel::SMCKeyInfo{"TB0T", "sp78", 2, 0x80}));
+    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a description";
+    moveSelectorAfterSelects(1);
+    EXPECT_EQ(smc->read("TB0T").bytes, machineBytes(rig.machine, "TB0T"));
+    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a read";
 }
 
 TEST_F(ApplesmcSelectorTest, ASelectorThatNeverStaysPutMakesTheDeviceBusyNotWrong) {
@@ -292,50 +241,95 @@ TEST_F(ApplesmcSelectorTest, ASelectorThatNeverStaysPutMakesTheDeviceBusyNotWron
     EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_BUSY));
     EXPECT_EQ(errorOf([&] { smc->write("FS! ", 1.0); }), kernelError(SMC_KERN_BUSY));
     EXPECT_EQ(errorOf([&] { smc->info("TB0T"); }), kernelError(SMC_KERN_BUSY));
-    rig.driver.setAfterAccess(nullptr);
+    moveSelectorAfterSelects(0);
     EXPECT_EQ(smc->info("TB0T").size, 2u);
-    EXPECT_TRUE(rig.driver.fanStores().empty());
+    EXPECT_EQ(rig.driver.fanStores(), "");
 }
 
 TEST_F(ApplesmcSelectorTest, ConcurrentReadersHoldTheLockForEverySelectorUse) {
     // Two threads on one connection and a third process of its own.
     auto other = rig.driver.opener();
     SMC second(std::make_unique<ApplesmcTransport>(rig.driver.device(), kLock, *other));
-    auto reader = [](SMC &connection, FourCC key, std::vector<std::uint8_t> expected) {
-        return [&connection, key, expected] {
+    std::vector<std::thread> readers;
+    for (auto [connection, key] :
+         {std::pair{smc.get(), "TC0P"}, {smc.get(), "F0Mx"}, {&second, "TB0T"}}) {
+        readers.emplace_back([connection, key, expected = machineBytes(rig.machine, key)] {
             for (int i = 0; i < 100; ++i) {
-                EXPECT_EQ(connection.read(key).bytes, expected);
+                EXPECT_EQ(connection->read(key).bytes, expected);
             }
-        };
-    };
-    std::thread a(reader(*smc, "TC0P", machineBytes(rig.machine, "TC0P")));
-    std::thread b(reader(*smc, "F0Mx", machineBytes(rig.machine, "F0Mx")));
-    std::thread c(reader(second, "TB0T", machineBytes(rig.machine, "TB0T")));
-    a.join();
-    b.join();
-    c.join();
+        });
+    }
+    for (std::thread &reader : readers) {
+        reader.join();
+    }
     EXPECT_EQ(rig.driver.unlockedSelectorUses(), 0u);
 }
 
-TEST(ApplesmcDeviceTest, FindsTheMainlineThenTheT2DeviceUnderTheRoot) {
-    ostrel::platform::FakeEnvironment env;
-    env.set("OSTREL_ROOT", "/sandbox");
-    ostrel::platform::Paths paths(env);
+// The mainline device, and a directory that is none: ApplesmcPlainFilesTest.
+TEST(ApplesmcDeviceTest, FindsTheT2DeviceUnderTheRootAndTakesADirectoryWithATrailingSlash) {
+    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/sandbox"}}};
     Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
-
-    FakeApplesmc t2(machine, FakeApplesmc::Variant::t2, "/sandbox/sys");
-    auto t2files = t2.opener();
-    EXPECT_EQ(csmc::findApplesmcDevice("", *t2files, paths),
+    FakeApplesmc t2(machine, Variant::t2, "/sandbox/sys");
+    auto files = t2.opener();
+    ostrel::platform::Paths paths(env);
+    EXPECT_EQ(csmc::findApplesmcDevice("", *files, paths),
               "/sandbox/sys/bus/acpi/devices/APP0001:00");
-    FakeApplesmc mainline(machine, FakeApplesmc::Variant::mainline, "/sandbox/sys");
-    auto mainlineFiles = mainline.opener();
-    EXPECT_EQ(csmc::findApplesmcDevice("", *mainlineFiles, paths),
-              "/sandbox/sys/devices/platform/applesmc.768");
-    EXPECT_EQ(csmc::findApplesmcDevice("/sandbox/sys/devices/platform/applesmc.768/",
-                                       *mainlineFiles, paths),
-              "/sandbox/sys/devices/platform/applesmc.768");
-    EXPECT_EQ(csmc::findApplesmcDevice("/sandbox/sys", *mainlineFiles, paths), std::nullopt);
-    // What opening says when there is none: plain_files_test.cpp.
+    EXPECT_EQ(csmc::findApplesmcDevice(t2.device() + "/", *files, paths), t2.device());
+}
+
+// Plain files cannot act as a selector, so the tree holds one key only.
+class ApplesmcPlainFilesTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        put("name", "applesmc\n");
+        put("key_count", "1\n");
+        put("key_at_index", "0\n");
+        put("key_at_index_name", "FS! \n");
+        put("key_at_index_type", "ui16\n");
+        put("key_at_index_data_length", "2\n");
+        put("key_at_index_data", std::string("\x00\x01", 2));
+        put("fan1_manual", "1\n");
+        put("fan2_manual", "0\n");
+    }
+
+    static constexpr const char *kDevice = "sys/devices/platform/applesmc.768/";
+    void put(const std::string &name, const std::string &contents) {
+        root.put(kDevice + name, contents);
+    }
+    std::string slurp(const std::string &name) { return root.read(kDevice + name); }
+    SMC open(const std::string &selector) { return SMC(transports->open(selector)); }
+
+    ostrel::test::TempDir root;
+    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", root.path()}}};
+    std::shared_ptr<csmc::TransportRegistry> transports = ostrel::test::allTransports(env);
+};
+
+TEST_F(ApplesmcPlainFilesTest, TheDefaultTransportUsesTheDeviceUnderTheRoot) {
+    SMC smc = open("");
+    EXPECT_EQ(smc.key(0), FourCC("FS! "));
+    EXPECT_EQ(smc.readDouble("FS! "), 1);
+    smc.write("FS! ", 2.0);
+    EXPECT_EQ(slurp("fan1_manual") + slurp("fan2_manual") + slurp("key_at_index"), "010");
+    EXPECT_TRUE(std::filesystem::exists(root.path() + kLock));
+
+    put("key_count", "many\n");
+    EXPECT_EQ(errorOf([&] { open("").info("TC0P"); }), kernelError(SMC_KERN_ERROR))
+        << "garbled attributes are a kernel error, not a crash";
+}
+
+TEST_F(ApplesmcPlainFilesTest, WithoutADeviceThereIsNoService) {
+    std::filesystem::remove_all(root.path() + "/sys");
+    EXPECT_THROW(open(""), SMCError);
+    EXPECT_EQ(SMC::openDetail(),
+              "no SMC found (no applesmc device in " + root.path() +
+                  "/sys/devices/platform/applesmc.768 or " + root.path() +
+                  "/sys/bus/acpi/devices/APP0001:00 (is the applesmc module loaded?)); set "
+                  "OSTREL_SMC to memory:PROFILE, vsmc:SOCKET or applesmc[:DIR]");
+    EXPECT_THROW(open("applesmc"), SMCError);
+    EXPECT_THAT(SMC::openDetail(), HasSubstr("is the applesmc module loaded?"));
+    EXPECT_THROW(open("applesmc:" + root.path()), SMCError);
+    EXPECT_EQ(SMC::openDetail(),
+              root.path() + " is not an applesmc device (no key_count attribute)");
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ ProcessLaunch shell(std::string script) {
     return launch;
 }
 
-TEST(ProcessTest, StreamsStatusLimitsAndStartFailures) {
+TEST(ProcessTest, StreamsStatusLimitsStartFailuresAndSignalHandling) {
     FakeClock clock;
     auto processes = realProcesses(clock);
 
@@ -52,11 +52,8 @@ TEST(ProcessTest, StreamsStatusLimitsAndStartFailures) {
     ProcessLaunch missing;
     missing.program = "/nonexistent/program";
     EXPECT_EQ(processes->run(missing).startError, ENOENT);
-}
 
-TEST(ProcessTest, ChildStartsWithDefaultSignalHandling) {
-    FakeClock clock;
-    auto processes = realProcesses(clock);
+    // What the parent ignores, the child does not.
     auto previous = std::signal(SIGTERM, SIG_IGN);
     ProcessResult result = processes->run(shell("kill -TERM $$; exit 0"));
     std::signal(SIGTERM, previous);

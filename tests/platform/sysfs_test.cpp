@@ -16,7 +16,7 @@ namespace {
 
 using ostrel::platform::realSysfs;
 
-TEST(RealSysfsTest, ReadsAndStoresWholeAttributesWithErrno) {
+TEST(RealSysfsTest, ReadsAndStoresWholeAttributesAndLocksWithErrno) {
     ostrel::test::TempDir dir;
     std::string data = dir.put("key_at_index_data", std::string("\x00\x0b\xb8", 3));
     EXPECT_EQ(realSysfs().read(data).contents, std::string("\x00\x0b\xb8", 3));
@@ -32,10 +32,8 @@ TEST(RealSysfsTest, ReadsAndStoresWholeAttributesWithErrno) {
         chmod(output.c_str(), 0444);
         EXPECT_EQ(realSysfs().write(output, "1"), EACCES);
     }
-}
 
-TEST(RealSysfsTest, LockIsCreatedPrivateAndExcludesOtherHolders) {
-    ostrel::test::TempDir dir;
+    // The lock is created private and excludes other holders.
     std::string path = dir.path() + "/run/sub/app.lock";
     {
         ostrel::platform::LockResult held = realSysfs().lockExclusive(path);

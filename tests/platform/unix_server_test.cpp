@@ -65,10 +65,11 @@ class UnixServerTest : public testing::Test {
         while (io.poll() > 0) {
         }
     }
+    // A client, closed with the test.
     int connect() {
-        int fd = rawSocket(path);
+        fds.push_back(rawSocket(path));
         settle();
-        return fd;
+        return fds.back();
     }
     std::string ask(int fd, const std::string &line) {
         sendAll(fd, line + "\n");
@@ -87,14 +88,20 @@ class UnixServerTest : public testing::Test {
     LineEcho echo;
     Files files;
     FakeClock clock;
+    std::vector<int> fds;
+
+    ~UnixServerTest() override {
+        for (int fd : fds) {
+            ::close(fd);
+        }
+    }
 };
 
 TEST_F(UnixServerTest, OwnsItsSocketFileFromDirectoryToRemoval) {
     auto server = listen({.socketMode = 0660});
     struct stat st {};
     ASSERT_EQ(::lstat(path.c_str(), &st), 0) << "the directory was made";
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0660u);
+    EXPECT_EQ(st.st_mode & (S_IFMT | 0777), S_IFSOCK | 0660u);
     try {
         listen();
         ADD_FAILURE() << "took a live server's socket";
@@ -114,7 +121,6 @@ TEST_F(UnixServerTest, OwnsItsSocketFileFromDirectoryToRemoval) {
     sendAll(fd, "bad\n");
     settle();
     EXPECT_TRUE(closedByPeer(fd)) << "what the protocol does not allow closes the connection";
-    ::close(fd);
 }
 
 TEST_F(UnixServerTest, RefusesPathsItCannotOwn) {
@@ -156,8 +162,6 @@ TEST_F(UnixServerTest, InputIsHeldAsItArrivesWithinEachBound) {
     EXPECT_TRUE(closedByPeer(a));
     EXPECT_EQ(server->connections(), 0u);
     EXPECT_EQ(server->bufferedBytes(), 0u);
-    ::close(a);
-    ::close(b);
 }
 
 TEST_F(UnixServerTest, TheClockClosesIdleAndUnfinishedConnections) {
@@ -179,8 +183,6 @@ TEST_F(UnixServerTest, TheClockClosesIdleAndUnfinishedConnections) {
     EXPECT_EQ(after(59s), 1u) << "talking restarted its minute";
     EXPECT_EQ(after(1s), 0u);
     EXPECT_TRUE(closedByPeer(quiet));
-    ::close(quiet);
-    ::close(halfway);
 }
 
 TEST_F(UnixServerTest, ANewcomerTakesThePlaceOfTheConnectionIdleTheLongestWhenFull) {
@@ -197,9 +199,6 @@ TEST_F(UnixServerTest, ANewcomerTakesThePlaceOfTheConnectionIdleTheLongestWhenFu
     int refused = connect();  // one busy, one fresh: nobody makes room
     EXPECT_TRUE(closedByPeer(refused));
     EXPECT_EQ(ask(busy, ""), "half a line");
-    for (int fd : {idle, busy, newcomer, refused}) {
-        ::close(fd);
-    }
 }
 
 TEST_F(UnixServerTest, APeerThatDoesNotReadIsCutOff) {
@@ -210,7 +209,6 @@ TEST_F(UnixServerTest, APeerThatDoesNotReadIsCutOff) {
         settle();
     }
     EXPECT_EQ(server->connections(), 0u);
-    ::close(fd);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "support/fake_applesmc.h"
 
+#include "csmc/keys.h"
+
 #include <algorithm>
 
 #include <cerrno>
@@ -19,19 +21,17 @@ constexpr unsigned long kSpeedLimit = 0x4000;
 std::optional<unsigned long> digits(std::string_view text) {
     unsigned long value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
+    return ec == std::errc{} && end == text.data() + text.size() ? std::optional(value)
+                                                                 : std::nullopt;
 }
 
 // The kernel's kstrtoul(text, 10): an optional '+', decimal digits, at most one trailing
 // newline; anything else, and overflow, is refused.
 std::optional<unsigned long> kernelUnsigned(std::string_view text) {
-    if (!text.empty() && text.back() == '\n') {
+    if (text.ends_with('\n')) {
         text.remove_suffix(1);
     }
-    if (!text.empty() && text.front() == '+') {
+    if (text.starts_with('+')) {
         text.remove_prefix(1);
     }
     return digits(text);
@@ -40,82 +40,78 @@ std::optional<unsigned long> kernelUnsigned(std::string_view text) {
 // "%s" of a four-character code: it stops at a NUL byte.
 std::string codeText(std::uint32_t code) {
     std::string text;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        char c = static_cast<char>((code >> shift) & 0xFF);
-        if (c == '\0') {
-            break;
-        }
-        text += c;
+    for (int shift = 24; shift >= 0 && ((code >> shift) & 0xFF) != 0; shift -= 8) {
+        text += static_cast<char>((code >> shift) & 0xFF);
     }
     return text;
 }
 
-std::uint32_t fanKey(unsigned fan, const char *what) {
-    char text[5] = {'F', static_cast<char>('0' + fan), what[0], what[1], '\0'};
-    return smc_fourcc(text);
-}
+// A fan attribute, "fanN_KIND" with N from 1: its fan's index and its kind.
+struct FanFile {
+    unsigned index;
+    std::string_view kind;  // "min", "output" or "manual"
+};
 
-// The fan number of "fanN_<what>" (N from 1), or nothing.
-std::optional<unsigned> fanNumber(const std::string &attribute, std::string_view what) {
-    std::string_view name = attribute;
-    if (!name.starts_with("fan") || !name.ends_with(what)) {
+std::optional<FanFile> fanFile(std::string_view name) {
+    std::size_t underscore = name.find('_');
+    if (!name.starts_with("fan") || underscore == std::string_view::npos) {
         return std::nullopt;
     }
-    auto number = digits(name.substr(3, name.size() - 3 - what.size()));
-    return number ? std::optional<unsigned>(static_cast<unsigned>(*number)) : std::nullopt;
+    std::optional<unsigned long> number = digits(name.substr(3, underscore - 3));
+    std::string_view kind = name.substr(underscore + 1);
+    if (!number || *number == 0 || (kind != "min" && kind != "output" && kind != "manual")) {
+        return std::nullopt;
+    }
+    return FanFile{static_cast<unsigned>(*number - 1), kind};
 }
 
 // The SMC key behind a fan speed attribute (fanN_min or fanN_output).
-std::uint32_t speedKey(const std::string &attribute) {
-    if (std::optional<unsigned> fan = fanNumber(attribute, "_min")) {
-        return fanKey(*fan - 1, "Mn");
-    }
-    return fanKey(*fanNumber(attribute, "_output") - 1, "Tg");
+std::uint32_t speedKey(const FanFile &fan) {
+    return csmc::fanKey(fan.index, fan.kind == "min" ? "Mn" : "Tg");
 }
 
-bool isSelectorUse(const std::string &attribute) {
-    return attribute.starts_with("key_at_index");
-}
+}  // namespace
+
+namespace {
+
+// The lock file held: one holder at a time, known by its thread.
+class Hold final : public platform::HeldLock {
+  public:
+    Hold(std::mutex &lock, std::atomic<std::thread::id> &holder) : guard_(lock), holder_(holder) {
+        holder_ = std::this_thread::get_id();
+    }
+    ~Hold() override { holder_ = std::thread::id(); }
+
+  private:
+    std::unique_lock<std::mutex> guard_;
+    std::atomic<std::thread::id> &holder_;
+};
 
 }  // namespace
 
 class FakeApplesmc::Opener final : public platform::Sysfs {
   public:
-    Opener(FakeApplesmc &driver, unsigned uid, bool rogue)
-        : driver(driver), uid(uid), rogue(rogue) {}
+    Opener(FakeApplesmc &driver, unsigned uid) : driver(driver), uid(uid) {}
 
     platform::AttributeRead read(const std::string &path) override {
         platform::AttributeRead result;
-        result.error = driver.read(path, result.contents, *this);
+        result.error = driver.use(path, std::nullopt, result.contents, *this);
         return result;
     }
     int write(const std::string &path, std::string_view text) override {
-        return driver.write(path, text, *this);
+        std::string unused;
+        return driver.use(path, text, unused, *this);
     }
-    platform::LockResult lockExclusive(const std::string &path) override {
+    platform::LockResult lockExclusive(const std::string &) override {
         if (uid != 0) {
             return {EACCES, nullptr};
         }
-        return driver.lock(path);
+        return {0, std::make_unique<Hold>(driver.fileLock_, driver.holder_)};
     }
 
     FakeApplesmc &driver;
     const unsigned uid;
-    const bool rogue;
 };
-
-namespace {
-
-class FakeHold final : public platform::HeldLock {
-  public:
-    explicit FakeHold(std::function<void()> release) : release_(std::move(release)) {}
-    ~FakeHold() override { release_(); }
-
-  private:
-    std::function<void()> release_;
-};
-
-}  // namespace
 
 FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string sysRoot)
     : machine_(machine),
@@ -124,7 +120,7 @@ FakeApplesmc::FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string 
                                                       : "/bus/acpi/devices/APP0001:00")) {}
 
 std::unique_ptr<platform::Sysfs> FakeApplesmc::opener(unsigned uid) {
-    return std::make_unique<Opener>(*this, uid, false);
+    return std::make_unique<Opener>(*this, uid);
 }
 
 void FakeApplesmc::grantSelector(unsigned uid) {
@@ -132,28 +128,9 @@ void FakeApplesmc::grantSelector(unsigned uid) {
     selectorUsers_.push_back(uid);
 }
 
-std::unique_ptr<platform::Sysfs> FakeApplesmc::rogue() {
-    return std::make_unique<Opener>(*this, 0, true);
-}
-
-std::vector<FakeApplesmc::Store> FakeApplesmc::stores() const {
+void FakeApplesmc::failNext(const std::string &attribute, int error) {
     std::lock_guard guard(mutex_);
-    return stores_;
-}
-
-std::vector<FakeApplesmc::Store> FakeApplesmc::fanStores() const {
-    std::vector<Store> fans;
-    for (const Store &store : stores()) {
-        if (store.attribute.starts_with("fan")) {
-            fans.push_back(store);
-        }
-    }
-    return fans;
-}
-
-void FakeApplesmc::failNext(const std::string &attribute, int error, unsigned times) {
-    std::lock_guard guard(mutex_);
-    faults_[attribute] = {error, times};
+    faults_[attribute] = error;
 }
 
 void FakeApplesmc::detach() {
@@ -161,98 +138,42 @@ void FakeApplesmc::detach() {
     detached_ = true;
 }
 
-void FakeApplesmc::setAfterAccess(std::function<void(const std::string &)> hook) {
+void FakeApplesmc::moveSelectorAfter(unsigned times, std::uint32_t index) {
     std::lock_guard guard(mutex_);
-    afterAccess_ = std::move(hook);
+    movesLeft_ = times;
+    moves_ = 0;
+    moveTo_ = index;
 }
 
-std::size_t FakeApplesmc::unlockedSelectorUses() const {
+int FakeApplesmc::use(const std::string &path, std::optional<std::string_view> text,
+                      std::string &out, const Opener &who) {
     std::lock_guard guard(mutex_);
-    return unlockedSelectorUses_;
-}
-
-std::size_t FakeApplesmc::accesses() const {
-    std::lock_guard guard(mutex_);
-    return accesses_;
-}
-
-std::string FakeApplesmc::lockPath() const {
-    std::lock_guard guard(mutex_);
-    return lockPath_;
-}
-
-int FakeApplesmc::read(const std::string &path, std::string &out, const Opener &who) {
     std::string attribute;
-    int error = 0;
-    {
-        std::lock_guard guard(mutex_);
-        error = access(path, false, who, attribute);
-        if (error == 0) {
-            error = show(attribute, out);
-        }
+    int error = access(path, text.has_value(), who, attribute);
+    if (error == 0) {
+        error = text ? store(attribute, *text) : show(attribute, out);
     }
-    after(attribute, who);
+    if (error == 0 && text && attribute.starts_with("fan")) {
+        stores_ += (stores_.empty() ? "" : " ") + attribute + "=" + std::string(*text);
+    }
+    if (attribute == "key_at_index" && movesLeft_ > 0) {
+        --movesLeft_;
+        ++moves_;
+        selector_ = moveTo_;
+    }
     return error;
-}
-
-int FakeApplesmc::write(const std::string &path, std::string_view text, const Opener &who) {
-    std::string attribute;
-    int error = 0;
-    {
-        std::lock_guard guard(mutex_);
-        error = access(path, true, who, attribute);
-        if (error == 0) {
-            error = store(attribute, text);
-        }
-        if (error == 0) {
-            stores_.push_back({attribute, std::string(text)});
-        }
-    }
-    after(attribute, who);
-    return error;
-}
-
-platform::LockResult FakeApplesmc::lock(const std::string &path) {
-    std::unique_lock guard(mutex_);
-    unlocked_.wait(guard, [this] { return !locked_; });
-    locked_ = true;
-    holder_ = std::this_thread::get_id();
-    lockPath_ = path;
-    return {0, std::make_unique<FakeHold>([this] {
-                std::lock_guard release(mutex_);
-                locked_ = false;
-                holder_ = {};
-                unlocked_.notify_one();
-            })};
-}
-
-void FakeApplesmc::after(const std::string &attribute, const Opener &who) {
-    if (who.rogue) {
-        return;
-    }
-    std::function<void(const std::string &)> hook;
-    {
-        std::lock_guard guard(mutex_);
-        hook = afterAccess_;
-    }
-    if (hook) {
-        hook(attribute);
-    }
 }
 
 // Resolves the path to an attribute and applies existence, injected faults and file modes.
 int FakeApplesmc::access(const std::string &path, bool writing, const Opener &who,
                          std::string &attribute) {
-    if (!who.rogue) {
-        ++accesses_;
-    }
+    ++accesses_;
     std::string prefix = device_ + "/";
     if (detached_ || !path.starts_with(prefix)) {
         return ENOENT;
     }
     attribute = path.substr(prefix.size());
-    if (!who.rogue && isSelectorUse(attribute) &&
-        (!locked_ || holder_ != std::this_thread::get_id())) {
+    if (attribute.starts_with("key_at_index") && holder_ != std::this_thread::get_id()) {
         ++unlockedSelectorUses_;
     }
 
@@ -263,22 +184,13 @@ int FakeApplesmc::access(const std::string &path, bool writing, const Opener &wh
                                                     "key_at_index_data"};
     bool readOnly =
         kReadOnly.contains(attribute) || (attribute == "name" && variant_ == Variant::mainline);
-    if (!readOnly && attribute != "key_at_index") {
-        std::optional<unsigned> fan = fanNumber(attribute, "_min");
-        fan = fan ? fan : fanNumber(attribute, "_output");
-        fan = fan ? fan : fanNumber(attribute, "_manual");
-        if (!fan || *fan < 1 || *fan > fanCount()) {
-            return ENOENT;
-        }
+    std::optional<FanFile> fan = fanFile(attribute);
+    if (!readOnly && attribute != "key_at_index" && (!fan || fan->index >= fanCount())) {
+        return ENOENT;
     }
 
-    auto fault = faults_.find(attribute);
-    if (fault != faults_.end()) {
-        int error = fault->second.first;
-        if (--fault->second.second == 0) {
-            faults_.erase(fault);
-        }
-        return error;
+    if (auto fault = faults_.extract(attribute)) {
+        return fault.mapped();
     }
     bool granted =
         attribute == "key_at_index" &&
@@ -295,14 +207,10 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         return 0;
     }
     if (attribute == "key_count") {
-        std::vector<std::uint8_t> bytes;
-        if (int error = readKey(smc_fourcc("#KEY"), 4, bytes)) {
-            return error;
-        }
-        std::uint32_t count = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
-                              (std::uint32_t{bytes[2]} << 8) | bytes[3];
-        out = std::to_string(count) + "\n";
-        return 0;
+        unsigned long count = 0;
+        int error = readUnsigned(smc_fourcc("#KEY"), 4, count);
+        out = error == 0 ? std::to_string(count) + "\n" : "";
+        return error;
     }
     if (attribute == "key_at_index") {
         out = std::to_string(selector_) + "\n";
@@ -328,40 +236,26 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         }
         return 0;
     }
-    if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
-        std::vector<std::uint8_t> bytes;
-        if (variant_ == Variant::mainline) {
-            unsigned mask = 0;
-            if (int error = forceMask(mask)) {
-                return error;
-            }
-            out = std::to_string((mask >> (*fan - 1)) & 1) + "\n";
-        } else {
-            if (int error = readKey(fanKey(*fan - 1, "Md"), 1, bytes)) {
-                return error;
-            }
-            out = std::to_string(bytes[0] & 1) + "\n";
-        }
-        return 0;
-    }
-    std::uint32_t key = speedKey(attribute);
+    FanFile fan = *fanFile(attribute);
     std::vector<std::uint8_t> bytes;
-    unsigned long speed = 0;
-    if (variant_ == Variant::mainline) {
-        if (int error = readKey(key, 2, bytes)) {
-            return error;
-        }
-        speed = ((unsigned{bytes[0]} << 8) | bytes[1]) >> 2;
-    } else {
-        if (int error = readKey(key, 4, bytes)) {
-            return error;
-        }
+    unsigned long number = 0;
+    int error = 0;
+    if (fan.kind == "manual" && variant_ == Variant::mainline) {
+        error = readUnsigned(csmc::kForceMaskKey, 2, number);
+        number = (number >> fan.index) & 1;
+    } else if (fan.kind == "manual") {
+        error = readUnsigned(csmc::fanKey(fan.index, "Md"), 1, number);
+        number &= 1;
+    } else if (variant_ == Variant::mainline) {
+        error = readUnsigned(speedKey(fan), 2, number);
+        number >>= 2;  // fpe2
+    } else if ((error = readKey(speedKey(fan), 4, bytes)) == 0) {
         float value = 0;
         std::memcpy(&value, bytes.data(), 4);  // little-endian, as on the x86 host
-        speed = value > 0 ? static_cast<unsigned long>(value) : 0;
+        number = value > 0 ? static_cast<unsigned long>(value) : 0;
     }
-    out = std::to_string(speed) + "\n";
-    return 0;
+    out = error == 0 ? std::to_string(number) + "\n" : "";
+    return error;
 }
 
 int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
@@ -376,15 +270,16 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
         selector_ = static_cast<std::uint32_t>(*value);
         return 0;
     }
-    if (std::optional<unsigned> fan = fanNumber(attribute, "_manual")) {
+    FanFile fan = *fanFile(attribute);
+    if (fan.kind == "manual") {
         if (variant_ == Variant::t2) {
-            return writeKey(fanKey(*fan - 1, "Md"), {static_cast<std::uint8_t>(*value & 1)});
+            return writeKey(csmc::fanKey(fan.index, "Md"), {static_cast<std::uint8_t>(*value & 1)});
         }
-        unsigned mask = 0;
-        if (int error = forceMask(mask)) {
+        unsigned long mask = 0;
+        if (int error = readUnsigned(csmc::kForceMaskKey, 2, mask)) {
             return error;
         }
-        unsigned bit = 1u << (*fan - 1);
+        unsigned long bit = 1ul << fan.index;
         mask = *value != 0 ? (mask | bit) : (mask & ~bit);
         return writeKey(csmc::kForceMaskKey,
                         {static_cast<std::uint8_t>(mask >> 8), static_cast<std::uint8_t>(mask)});
@@ -392,7 +287,7 @@ int FakeApplesmc::store(const std::string &attribute, std::string_view text) {
     if (*value >= kSpeedLimit) {
         return EINVAL;
     }
-    std::uint32_t key = speedKey(attribute);
+    std::uint32_t key = speedKey(fan);
     if (variant_ == Variant::mainline) {
         return writeKey(key, {static_cast<std::uint8_t>(*value >> 6),
                               static_cast<std::uint8_t>((*value << 2) & 0xFF)});
@@ -420,7 +315,7 @@ int FakeApplesmc::smc(std::uint8_t command, std::uint32_t key, std::uint32_t ind
 
 int FakeApplesmc::readKey(std::uint32_t key, std::uint32_t size, std::vector<std::uint8_t> &bytes) {
     const vsmc::KeyEntry *entry = machine_.keys().find(key);
-    if (entry == nullptr || entry->size != size || size > SMC_MAX_DATA) {
+    if (entry == nullptr || entry->size != size) {
         return EINVAL;
     }
     smc_param out{};
@@ -431,10 +326,13 @@ int FakeApplesmc::readKey(std::uint32_t key, std::uint32_t size, std::vector<std
     return 0;
 }
 
-int FakeApplesmc::forceMask(unsigned &mask) {
+int FakeApplesmc::readUnsigned(std::uint32_t key, std::uint32_t size, unsigned long &value) {
     std::vector<std::uint8_t> bytes;
-    int error = readKey(csmc::kForceMaskKey, 2, bytes);
-    mask = error == 0 ? (unsigned{bytes[0]} << 8) | bytes[1] : 0;
+    int error = readKey(key, size, bytes);
+    value = 0;
+    for (std::uint8_t byte : bytes) {
+        value = (value << 8) | byte;
+    }
     return error;
 }
 

@@ -12,16 +12,15 @@
 // - A failed SMC transaction is EIO; a key the driver does not know is EINVAL.
 //
 // Every SMC transaction goes through the machine's exchange, so the machine's journal and
-// injected faults apply. Tests also get the list of successful stores, injected errno
-// values, a detached device, and a hook to move the selector behind a reader's back.
+// injected faults apply.
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -49,44 +48,40 @@ class FakeApplesmc {
     std::unique_ptr<platform::Sysfs> opener(unsigned uid = 0);
     // An administrator let `uid` write the selector (a udev rule on key_at_index).
     void grantSelector(unsigned uid);
-    // A root process that moves the selector without the lock: the driver neither checks
-    // its selector use nor runs the access hook for it.
-    std::unique_ptr<platform::Sysfs> rogue();
 
-    // One successful write, the attribute named relative to the device.
-    struct Store {
-        std::string attribute;
-        std::string text;
-        bool operator==(const Store &) const = default;
-    };
-    std::vector<Store> stores() const;
-    // The stores into fan attributes only (the selector writes left out).
-    std::vector<Store> fanStores() const;
+    // The successful writes into fan attributes (fanN_*) in order, as "ATTRIBUTE=TEXT"
+    // separated by blanks; selector writes are left out.
+    std::string fanStores() const { return locked(stores_); }
 
-    // The next `times` accesses to `attribute` fail with `error`.
-    void failNext(const std::string &attribute, int error, unsigned times = 1);
+    // The next access to `attribute` fails with `error`.
+    void failNext(const std::string &attribute, int error);
     // The module goes away: every attribute is ENOENT from now on.
     void detach();
-    // Runs after every access of a non-rogue opener, outside the driver's lock, with the
-    // attribute's name. Any thread may run it.
-    void setAfterAccess(std::function<void(const std::string &attribute)> hook);
+    // Another root process, heedless of the lock, selects `index` right after each of the
+    // next `times` accesses to key_at_index; selectorMoves() counts them from zero again.
+    void moveSelectorAfter(unsigned times, std::uint32_t index);
+    unsigned selectorMoves() const { return locked(moves_); }
 
-    // Selector uses (writing key_at_index, reading key_at_index_*) by non-rogue openers on a
-    // thread that did not hold the lock at the time.
-    std::size_t unlockedSelectorUses() const;
-    // Reads and writes by non-rogue openers.
-    std::size_t accesses() const;
-    // The path most recently locked.
-    std::string lockPath() const;
+    // Selector uses (writing key_at_index, reading key_at_index_*) on a thread that did not
+    // hold the lock at the time.
+    std::size_t unlockedSelectorUses() const { return locked(unlockedSelectorUses_); }
+    // Reads and writes through the openers.
+    std::size_t accesses() const { return locked(accesses_); }
 
   private:
     class Opener;
     friend class Opener;
 
-    int read(const std::string &path, std::string &out, const Opener &who);
-    int write(const std::string &path, std::string_view text, const Opener &who);
-    platform::LockResult lock(const std::string &path);
-    void after(const std::string &attribute, const Opener &who);
+    // A copy of a member, taken under mutex_.
+    template <typename T>
+    T locked(const T &member) const {
+        std::lock_guard guard(mutex_);
+        return member;
+    }
+
+    // One read (no text; the contents go to `out`) or write of an attribute.
+    int use(const std::string &path, std::optional<std::string_view> text, std::string &out,
+            const Opener &who);
 
     // Each of these runs with mutex_ held and returns 0 or an errno.
     int access(const std::string &path, bool writing, const Opener &who, std::string &attribute);
@@ -96,7 +91,7 @@ class FakeApplesmc {
             const std::uint8_t *bytes = nullptr, std::uint32_t size = 0);
     int readKey(std::uint32_t key, std::uint32_t size, std::vector<std::uint8_t> &bytes);
     int writeKey(std::uint32_t key, const std::vector<std::uint8_t> &bytes);
-    int forceMask(unsigned &mask);
+    int readUnsigned(std::uint32_t key, std::uint32_t size, unsigned long &value);  // big-endian
     int selected(vsmc::KeyEntry &entry);
     unsigned fanCount() const;
 
@@ -104,19 +99,20 @@ class FakeApplesmc {
     Variant variant_;
     std::string device_;
 
+    std::mutex fileLock_;                    // the lock file's one holder
+    std::atomic<std::thread::id> holder_{};  // its thread, while held
+
     mutable std::mutex mutex_;  // guards everything below
     std::uint32_t selector_ = 0;
     bool detached_ = false;
-    std::vector<Store> stores_;
-    std::map<std::string, std::pair<int, unsigned>> faults_;  // attribute -> errno, times
-    std::function<void(const std::string &)> afterAccess_;
+    std::string stores_;
+    std::map<std::string, int> faults_;  // attribute -> errno of its next access
+    unsigned movesLeft_ = 0;
+    unsigned moves_ = 0;
+    std::uint32_t moveTo_ = 0;
     std::size_t unlockedSelectorUses_ = 0;
     std::vector<unsigned> selectorUsers_;
     std::size_t accesses_ = 0;
-    std::string lockPath_;
-    bool locked_ = false;
-    std::thread::id holder_;
-    std::condition_variable unlocked_;
 };
 
 }  // namespace ostrel::test

@@ -53,33 +53,32 @@ class Connection {
     smc_conn *conn_ = nullptr;
 };
 
+// A key given as its code or as its text.
+struct Key {
+    Key(std::uint32_t code) : code(code) {}
+    Key(const char *text) : code(smc_fourcc(text)) {}
+    std::uint32_t code;
+};
+
 // Writes a number to a key the way the kit does: look up its type, encode, write. Returns
 // the channel's status, or SMC_ETYPE when the number does not fit the key's type.
-inline std::int32_t writeNumber(smc_conn *conn, std::uint32_t key, double value) {
+inline std::int32_t writeNumber(smc_conn *conn, Key key, double value) {
     smc_key_info info{};
     std::uint8_t bytes[SMC_MAX_DATA];
-    std::int32_t status = smc_key_info_get(conn, key, &info);
+    std::int32_t status = smc_key_info_get(conn, key.code, &info);
     if (status != SMC_OK) {
         return status;
     }
     return smc_encode_double(info.type, info.size, bytes, value)
-               ? smc_write(conn, key, bytes, info.size)
+               ? smc_write(conn, key.code, bytes, info.size)
                : SMC_ETYPE;
 }
 
-inline std::int32_t writeNumber(smc_conn *conn, const char *key, double value) {
-    return writeNumber(conn, smc_fourcc(key), value);
-}
-
 // Reads a key as a number through the channel; a failed read fails the test and gives NaN.
-inline double readNumber(smc_conn *conn, std::uint32_t key) {
+inline double readNumber(smc_conn *conn, Key key) {
     double value = std::nan("");
-    EXPECT_EQ(smc_read_double(conn, key, &value), SMC_OK) << "reading a key";
+    EXPECT_EQ(smc_read_double(conn, key.code, &value), SMC_OK) << "reading a key";
     return value;
-}
-
-inline double readNumber(smc_conn *conn, const char *key) {
-    return readNumber(conn, smc_fourcc(key));
 }
 
 // Sets a key of the machine to a number in the key's own type, behind the channel's back
@@ -104,10 +103,7 @@ inline std::vector<Write> takeWrites(vsmc::Machine &machine) {
         double value = 0;
         smc_decode_double(entry->type, r.bytes.data(), static_cast<std::uint32_t>(r.bytes.size()),
                           &value);
-        std::string key(4, ' ');
-        for (int i = 0; i < 4; ++i) {
-            key[i] = static_cast<char>(r.key >> (24 - 8 * i));
-        }
+        std::string key = {char(r.key >> 24), char(r.key >> 16), char(r.key >> 8), char(r.key)};
         out.emplace_back(key, value);
     }
     machine.clearJournal();
