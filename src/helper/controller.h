@@ -94,8 +94,6 @@ class Controller {
     const PolicyMap &policies() const { return engine_.policies(); }
     const FanPolicyEngine &engine() const { return engine_; }
     const Discovery &discovery() const { return sampler_->discovery(); }
-    // The speed last written successfully to each fan under manual control.
-    const std::map<std::int64_t, double> &written() const { return written_; }
 
   private:
     void requireQueue(const char *operation) const;
