@@ -6,6 +6,7 @@
 
 #include "ostrel/battery.h"
 #include "ostrel/sampler.h"
+#include "support/kit_readings.h"
 #include "support/sandbox.h"
 #include "support/test_machine.h"
 
@@ -13,6 +14,7 @@ namespace {
 
 using namespace ostrel;
 using namespace std::chrono_literals;
+using test::keysOf;
 using testing::ElementsAre;
 
 const char *kRows =
@@ -45,13 +47,6 @@ class SamplerTest : public testing::Test, protected test::Sandbox {
         return std::make_unique<Sampler>(smc, scope, false, system);
     }
     void set(const char *key, double value) { test::setNumber(machine, key, value); }
-    static std::vector<std::string> keys(const std::vector<Reading> &readings) {
-        std::vector<std::string> out;
-        for (const Reading &r : readings) {
-            out.push_back(r.key);
-        }
-        return out;
-    }
     void hwmon(const std::string &chip, std::vector<std::pair<std::string, int>> temps) {
         static int n = 0;
         std::string dir = "sys/class/hwmon/hwmon" + std::to_string(n++) + "/";
@@ -70,7 +65,7 @@ TEST_F(SamplerTest, EssentialScopeReadsOneExchangePerValueOnceWarm) {
     sampler->sample();  // warms the key-information cache and reads the fan limits
     machine.clearJournal();
     Snapshot s = sampler->sample();
-    EXPECT_THAT(keys(s.temperatures()), ElementsAre("TB0T", "TC0P", "TG0P"));
+    EXPECT_THAT(keysOf(s.temperatures()), ElementsAre("TB0T", "TC0P", "TG0P"));
     EXPECT_TRUE(s.power().empty());
     ASSERT_EQ(s.fans().size(), 2u);
     // 3 temperatures, FS!, F0Ac, F1Ac, F1Md: one read each, nothing else.
@@ -78,37 +73,36 @@ TEST_F(SamplerTest, EssentialScopeReadsOneExchangePerValueOnceWarm) {
     EXPECT_EQ(machine.totalExchanges(), 7u);
 }
 
-TEST_F(SamplerTest, ScopesPartsAndGroups) {
+TEST_F(SamplerTest, ScopesPartsGroupsAndPlausibleTemperatures) {
     auto sampler = make(SamplerScope::all);
     Snapshot all = sampler->sample();
-    EXPECT_THAT(keys(all.temperatures()), ElementsAre("TB0T", "TC0F", "TC0P", "TG0P", "TZ9Z"));
-    EXPECT_THAT(keys(all.power()), ElementsAre("PSTR", "PZ9Z"));
-    EXPECT_THAT(keys(all.voltages()), ElementsAre("VP0R"));
-    EXPECT_THAT(keys(all.currents()), ElementsAre("IC0R"));
+    EXPECT_THAT(keysOf(all.temperatures()), ElementsAre("TB0T", "TC0F", "TC0P", "TG0P", "TZ9Z"));
+    EXPECT_THAT(keysOf(all.power()), ElementsAre("PSTR", "PZ9Z"));
+    EXPECT_THAT(keysOf(all.voltages()), ElementsAre("VP0R"));
+    EXPECT_THAT(keysOf(all.currents()), ElementsAre("IC0R"));
 
     sampler->scope = SamplerScope::known;
     sampler->groups = std::set<SensorGroup>{SensorGroup::cpu};
     sampler->parts = {SamplerParts::temperatures, SamplerParts::power};
     Snapshot cpu = sampler->sample();
-    EXPECT_THAT(keys(cpu.temperatures()), ElementsAre("TC0F", "TC0P"));
-    EXPECT_THAT(keys(cpu.power()), ElementsAre("PSTR"));
+    EXPECT_THAT(keysOf(cpu.temperatures()), ElementsAre("TC0F", "TC0P"));
+    EXPECT_THAT(keysOf(cpu.power()), ElementsAre("PSTR"));
     EXPECT_TRUE(cpu.fans().empty());
     EXPECT_TRUE(cpu.voltages().empty());
 
     sampler->groups = std::set<SensorGroup>{};
     EXPECT_TRUE(sampler->sample().temperatures().empty());
-}
 
-TEST_F(SamplerTest, TemperaturesOutsideTheRangeAreLeftOutPowerIsNot) {
-    auto sampler = make(SamplerScope::all);
+    // Temperatures outside the plausible range are left out; power is not.
+    sampler = make(SamplerScope::all);
     set("TC0P", 127.5);
-    machine.keys().put({FourCC("PSTR").rawValue, FourCC("flt ").rawValue, 4, 0xc0, {}});
+    machine.keys().put({FourCC("PSTR").rawValue, FourCC("flt ").rawValue, 4, 0xc0, {0, 0, 0, 0}});
     set("PSTR", 1500);
     set("TG0P", 1.0);
     Snapshot s = sampler->sample();
-    EXPECT_THAT(keys(s.temperatures()), ElementsAre("TB0T", "TC0F", "TC0P", "TZ9Z"));
+    EXPECT_THAT(keysOf(s.temperatures()), ElementsAre("TB0T", "TC0F", "TC0P", "TZ9Z"));
     set("TC0P", -127);
-    EXPECT_THAT(keys(sampler->sample().temperatures()), ElementsAre("TB0T", "TC0F", "TZ9Z"));
+    EXPECT_THAT(keysOf(sampler->sample().temperatures()), ElementsAre("TB0T", "TC0F", "TZ9Z"));
 }
 
 TEST_F(SamplerTest, FanLimitsAreCachedOnTheInjectedClock) {
@@ -142,38 +136,30 @@ TEST_F(SamplerTest, FanLimitsAreCachedOnTheInjectedClock) {
 
 TEST_F(SamplerTest, ManualFromModeKeyOrForceMaskAndTargetsOnlyWhenManual) {
     auto sampler = make(SamplerScope::essential);
+    machine.keys().put({FourCC("F1Ac").rawValue, FourCC("si16").rawValue, 2, 0x90, {0, 0}});
+    set("F1Ac", 1000);  // a signed speed key, to read a negative speed below
     sampler->parts = SamplerParts::fans;
-    std::vector<FanReading> fans = sampler->sample().fans();
-    ASSERT_EQ(fans.size(), 2u);
-    EXPECT_EQ(fans[0], (FanReading{0, "Fan 1", 2000, 1200, 6000, std::nullopt, false}));
-    EXPECT_EQ(fans[1], (FanReading{1, "Fan 2", 1000, 0, 0, std::nullopt, false}))
-        << "limits that cannot be read are 0";
+    // Limits that cannot be read are 0; there is no target unless manual, though the key
+    // exists.
+    EXPECT_THAT(sampler->sample().fans(),
+                ElementsAre(FanReading{0, "Fan 1", 2000, 1200, 6000, std::nullopt, false},
+                            FanReading{1, "Fan 2", 1000, 0, 0, std::nullopt, false}));
 
     set("FS! ", 3);  // both bits; fan 1's mode key still reads 0
-    fans = sampler->sample().fans();
-    EXPECT_TRUE(fans[0].manual);
-    EXPECT_EQ(fans[0].target, 2500);
-    EXPECT_TRUE(fans[1].manual);
-    EXPECT_EQ(fans[1].target, 3000);
+    EXPECT_THAT(sampler->sample().fans(),
+                ElementsAre(FanReading{0, "Fan 1", 2000, 1200, 6000, 2500, true},
+                            FanReading{1, "Fan 2", 1000, 0, 0, 3000, true}));
 
     set("FS! ", 0);
     set("F1Md", 1);
-    fans = sampler->sample().fans();
-    EXPECT_FALSE(fans[0].manual);
-    EXPECT_FALSE(fans[0].target) << "no target unless manual, though the key exists";
-    EXPECT_TRUE(fans[1].manual);
+    set("F1Ac", -3);  // a negative speed reads as 0
+    EXPECT_THAT(sampler->sample().fans(),
+                ElementsAre(FanReading{0, "Fan 1", 2000, 1200, 6000, std::nullopt, false},
+                            FanReading{1, "Fan 2", 0, 0, 0, 3000, true}));
 
     machine.injectFault({FourCC("F0Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_IO_ERROR, 0});
-    fans = sampler->sample().fans();
-    ASSERT_EQ(fans.size(), 1u) << "a fan whose speed cannot be read is left out";
-    EXPECT_EQ(fans[0].id, 1);
-}
-
-TEST_F(SamplerTest, NegativeSpeedsReadAsZero) {
-    vsmc::Machine odd = test::machineFromRows("key FNum ui8 1 0x80 1\nkey F0Ac si16 2 0x90 -3\n");
-    smc = std::make_shared<SMC>(std::make_unique<vsmc::MemoryTransport>(odd));
-    auto sampler = make(SamplerScope::essential);
-    EXPECT_EQ(sampler->sample().fans().at(0).rpm, 0);
+    EXPECT_THAT(sampler->sample().fans(), ElementsAre(testing::Field(&FanReading::id, 1)))
+        << "a fan whose speed cannot be read is left out";
 }
 
 TEST_F(SamplerTest, TemperatureServicesAreNamedWithOccurrenceCountsAndIgnoreGroups) {
@@ -232,30 +218,18 @@ TEST_F(SamplerTest, BatteryTemperatureFallsBackToTB0T) {
 
 TEST(BatteryParse, FieldsFromTheDictionary) {
     auto parse = [](const char *text) { return Battery::parse(nlohmann::json::parse(text)); };
-    BatteryInfo b = parse(R"({"CurrentCapacity": 4500, "MaxCapacity": 4000,
+    // The percentage is capped (not 112.5), health uses the raw maximum.
+    EXPECT_EQ(parse(R"({"CurrentCapacity": 4500, "MaxCapacity": 4000,
         "AppleRawMaxCapacity": 5200, "DesignCapacity": 5000, "Amperage": -1234,
-        "Temperature": 3055, "Voltage": 12600, "CycleCount": 7, "IsCharging": true})");
-    EXPECT_EQ(b.percent, 100) << "capped, not 112.5";
-    EXPECT_EQ(b.health, 1.0);
-    EXPECT_EQ(b.amperage, -1.234);
-    EXPECT_EQ(b.temperature, 30.55);
-    EXPECT_EQ(b.voltage, 12.6);
-    EXPECT_EQ(b.cycleCount, 7);
-    EXPECT_TRUE(b.charging);
-    EXPECT_FALSE(b.externalPower);
-
-    b = parse(R"({"MaxCapacity": 0, "CurrentCapacity": 10, "NominalChargeCapacity": 4000,
-        "DesignCapacity": 5000, "Voltage": 0, "Temperature": -5, "ExternalConnected": 1})");
-    EXPECT_FALSE(b.percent);
-    EXPECT_EQ(b.health, 0.8);
-    EXPECT_FALSE(b.voltage);
-    EXPECT_FALSE(b.temperature);
-    EXPECT_TRUE(b.externalPower);
-
-    b = parse(R"({"CurrentCapacity": 50, "Temperature": "hot",
-        "BatteryData": {"CurrentCapacity": 10, "MaxCapacity": 100, "Temperature": 2500}})");
-    EXPECT_EQ(b.percent, 50) << "the top level wins, the nested dictionary fills in";
-    EXPECT_EQ(b.temperature, 25);
+        "Temperature": 3055, "Voltage": 12600, "CycleCount": 7, "IsCharging": true})"),
+              (BatteryInfo{100, 30.55, 12.6, -1.234, 7, 1.0, true, false}));
+    EXPECT_EQ(parse(R"({"MaxCapacity": 0, "CurrentCapacity": 10, "NominalChargeCapacity": 4000,
+        "DesignCapacity": 5000, "Voltage": 0, "Temperature": -5, "ExternalConnected": 1})"),
+              (BatteryInfo{{}, {}, {}, {}, {}, 0.8, false, true}));
+    // The top level wins, the nested dictionary fills in.
+    EXPECT_EQ(parse(R"({"CurrentCapacity": 50, "Temperature": "hot",
+        "BatteryData": {"CurrentCapacity": 10, "MaxCapacity": 100, "Temperature": 2500}})"),
+              (BatteryInfo{50, 25, {}, {}, {}, {}, false, false}));
 
     EXPECT_EQ(parse("[1, 2]"), BatteryInfo{});
     EXPECT_EQ(parse(R"({"BatteryData": 3, "Voltage": 1e300})"), BatteryInfo{});
