@@ -4,7 +4,6 @@
 
 #include "ostrel/smc.h"
 #include "support/test_machine.h"
-#include "support/transports.h"
 
 namespace {
 
@@ -102,10 +101,11 @@ TEST_F(SMCTest, ReadsKeysValuesAndNumbers) {
     EXPECT_EQ(smc.allKeys().size(), 7u);
     EXPECT_EQ(smc.info("TC0P"), (SMCKeyInfo{"TC0P", "sp78", 2, 0xC0}));
     SMCValue v = smc.read("RPlt");
-    EXPECT_EQ(v.type, FourCC("ch8*"));
-    EXPECT_EQ(v.bytes.size(), 8u);
-    EXPECT_EQ(v.display(), "\"j31\"");
+    EXPECT_EQ(std::tuple(v.type, v.bytes.size(), v.display()),
+              std::tuple(FourCC("ch8*"), 8u, "\"j31\""));
     EXPECT_EQ(smc.readDouble("TC0P"), 45.5);
+    EXPECT_TRUE(smc.has("TC0P"));
+    EXPECT_FALSE(smc.has("NOPE"));  // asked once: the channel's negative cache (channel_test)
 }
 
 TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
@@ -118,11 +118,10 @@ TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
     std::vector<std::uint8_t> tooLong{0, 0, 0};
     EXPECT_EQ(errorOf([&] { smc.write("F0Tg", tooLong); }), SMCError::sizeMismatch("F0Tg"));
     EXPECT_EQ(errorOf([&] { smc.write("F0Mx", 5000.0); }), SMCError::firmware("F0Mx"));
-}
-
-TEST_F(SMCTest, HasIsFalseForUnknownKeys) {
-    EXPECT_TRUE(smc.has("TC0P"));
-    EXPECT_FALSE(smc.has("NOPE"));  // asked once: the channel's negative cache (channel_test)
+    // A failing key count is reported against #KEY; a failing index against no key.
+    machine.injectFault({FourCC("#KEY").rawValue, SMC_CMD_READ, 1, 0, 0x85});
+    EXPECT_EQ(errorOf([&] { smc.keyCount(); }), SMCError::firmware("#KEY"));
+    EXPECT_EQ(errorOf([&] { smc.key(99); }), SMCError::firmware(FourCC::unknown));
 }
 
 TEST_F(SMCTest, AllKeysSkipsIndexesThatFail) {
@@ -130,26 +129,6 @@ TEST_F(SMCTest, AllKeysSkipsIndexesThatFail) {
     std::vector<FourCC> keys = smc.allKeys();
     ASSERT_EQ(keys.size(), 5u);
     EXPECT_EQ(keys.front(), FourCC("F0Mx")) << "#KEY and CLKH were the failing indexes";
-}
-
-TEST_F(SMCTest, KeyCountFailureIsReportedAgainstKEY) {
-    machine.injectFault({FourCC("#KEY").rawValue, SMC_CMD_READ, 1, 0, 0x85});
-    EXPECT_EQ(errorOf([&] { smc.keyCount(); }), SMCError::firmware("#KEY"));
-    EXPECT_EQ(errorOf([&] { smc.key(99); }), SMCError::firmware(FourCC::unknown));
-}
-
-TEST(SMCOpen, WithoutAServiceTheUserIsToldWhatToSet) {
-    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
-    csmc::installProcessMachine({ostrel::test::allTransports(env), "", "/sys", nullptr});
-    try {
-        SMC smc;
-        FAIL();
-    } catch (const SMCError &e) {
-        EXPECT_EQ(e, SMCError::noService());
-        EXPECT_STREQ(e.what(), "AppleSMC service not found");
-        EXPECT_NE(SMC::openDetail().find("OSTREL_SMC"), std::string::npos);
-    }
-    csmc::installProcessMachine({});
 }
 
 }  // namespace
