@@ -6,16 +6,35 @@
 #include <filesystem>
 
 #include "ostrel/sampler.h"
-#include "support/kit_readings.h"
 #include "support/sandbox.h"
 #include "support/test_machine.h"
 
 namespace {
 
 using namespace ostrel;
-using test::sensorIn;
-using test::sensorKeys;
 using testing::ElementsAre;
+
+// The sensor a discovery kept for a key, or nothing when it left the key out.
+std::optional<SensorDescriptor> sensorIn(const Discovery &d, const char *key) {
+    for (const SensorDescriptor &s : d.sensors) {
+        if (s.info.key == FourCC(key)) {
+            return s;
+        }
+    }
+    return std::nullopt;
+}
+
+// The keys of a discovery's sensors in key-index order; with `essentialOnly`, only those
+// read under the essential scope.
+std::vector<std::string> sensorKeys(const Discovery &d, bool essentialOnly = false) {
+    std::vector<std::string> out;
+    for (const SensorDescriptor &s : d.sensors) {
+        if (s.essential || !essentialOnly) {
+            out.push_back(s.info.key.description());
+        }
+    }
+    return out;
+}
 
 // A machine, a connection to it, and a system whose files live in a temporary root.
 class DiscoveryTest : public testing::Test, protected test::Sandbox {
@@ -103,7 +122,10 @@ TEST_F(DiscoveryTest, PerCoreShapedKeysAreCoresOnlyOnAppleSilicon) {
         std::optional<SensorDescriptor> core = sensorIn(sampler.discovery(), "Tp1P");
         ASSERT_TRUE(core);
         Snapshot essential = sampler.sample();
-        std::vector<std::string> read = test::keysOf(essential.temperatures());
+        std::vector<std::string> read;
+        for (const Reading &r : essential.temperatures()) {
+            read.push_back(r.key);
+        }
         if (c.appleSilicon) {
             EXPECT_EQ(*core, (SensorDescriptor{core->info, Quantity::temperature, "CPU P-Core 1P",
                                                SensorGroup::cpu, true, true}));

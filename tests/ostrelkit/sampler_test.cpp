@@ -6,7 +6,6 @@
 
 #include "ostrel/battery.h"
 #include "ostrel/sampler.h"
-#include "support/kit_readings.h"
 #include "support/sandbox.h"
 #include "support/test_machine.h"
 
@@ -14,8 +13,15 @@ namespace {
 
 using namespace ostrel;
 using namespace std::chrono_literals;
-using test::keysOf;
 using testing::ElementsAre;
+
+std::vector<std::string> keysOf(const std::vector<Reading> &readings) {
+    std::vector<std::string> out;
+    for (const Reading &r : readings) {
+        out.push_back(r.key);
+    }
+    return out;
+}
 
 const char *kRows =
     "key TC0P sp78 2 0xc0 60\n"    // essential CPU
