@@ -1,5 +1,6 @@
 // Fan policies, their errors and their JSON coding.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -144,12 +145,9 @@ TEST(PolicyCodingTest, MapsAreKeyedByDecimalFanIndex) {
     // Keys are checked where a fan is looked up (fanIndex), not here.
     EXPECT_EQ(PolicyCoding::decodeMap(R"({"01":{"auto":{}}})").count("01"), 1u);
     EXPECT_THROW(PolicyCoding::decodeMap("[]"), DecodingError);
-    try {
-        PolicyCoding::decodeMap(R"({"0":{"auto":{}},"1":{"fixed":{}}})");
-        FAIL();
-    } catch (const DecodingError &e) {
-        EXPECT_STREQ(e.what(), "Missing member \"rpm\" at 1.fixed.");
-    }
+    EXPECT_THAT([] { PolicyCoding::decodeMap(R"({"0":{"auto":{}},"1":{"fixed":{}}})"); },
+                testing::ThrowsMessage<DecodingError>(
+                    testing::StrEq("Missing member \"rpm\" at 1.fixed.")));
 }
 
 TEST(PolicyCodingTest, FanIndexAcceptsOnlyCanonicalDecimal) {

@@ -1,6 +1,5 @@
 // The policy engine driven by snapshots: actions, the failsafe and its resume.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -10,8 +9,8 @@
 namespace {
 
 using namespace ostrel;
-using testing::ElementsAre;
 using Engine = FanPolicyEngine;
+using Actions = std::vector<Engine::Action>;
 using M = Engine::Manual;
 using F = Engine::Failsafe;
 using R = Engine::Resume;
@@ -39,7 +38,7 @@ Snapshot snapshot(std::optional<double> cpu, int fans = 2, std::optional<double>
 struct Ticks {
     std::optional<double> cpu;
     int times;
-    std::vector<Engine::Action> last;
+    Actions last;
     bool suspended = false;
 };
 
@@ -50,7 +49,7 @@ class EngineTest : public testing::Test {
     void play(const std::vector<Ticks> &script) {
         for (std::size_t step = 0; step < script.size(); ++step) {
             SCOPED_TRACE("step " + std::to_string(step));
-            std::vector<Engine::Action> last;
+            Actions last;
             for (int i = 0; i < script[step].times; ++i) {
                 last = engine.tick(snapshot(script[step].cpu));
             }
@@ -110,19 +109,17 @@ TEST_F(EngineTest, AllFullSpeedPoliciesAreNeverSuspended) {
 TEST_F(EngineTest, CurvesFollowTheirSensorOrHandTheFanBack) {
     engine.set(FanPolicy::curve(FanCurve("50:min,70:3000,85:max", CurveSensor::gpu)), 1);
     // No GPU reading: the hottest (CPU) temperature drives it.
-    EXPECT_THAT(engine.tick(snapshot(60)), ElementsAre(Engine::Action{M{1, 2100}}));
+    EXPECT_EQ(engine.tick(snapshot(60)), (Actions{M{1, 2100}}));
     // The board is consulted only when there is neither CPU nor GPU.
-    EXPECT_THAT(engine.tick(snapshot(std::nullopt, 2, 90)),
-                ElementsAre(Engine::Action{M{1, 6000}}));
-    EXPECT_THAT(engine.tick(snapshot(std::nullopt)), ElementsAre(Engine::Action{Engine::Auto{1}}));
+    EXPECT_EQ(engine.tick(snapshot(std::nullopt, 2, 90)), (Actions{M{1, 6000}}));
+    EXPECT_EQ(engine.tick(snapshot(std::nullopt)), Actions{Engine::Auto{1}});
 }
 
 TEST_F(EngineTest, ActionsFollowTheSnapshotsFanOrderAndSpeedsAreResolved) {
     engine.set(FanPolicy::fixed(kInf), 2);
     engine.set(FanPolicy::fixed(0), 0);
     engine.set(FanPolicy::fixed(9000), 5);  // not in the snapshot: nothing
-    EXPECT_THAT(engine.tick(snapshot(40, 3)),
-                ElementsAre(Engine::Action{M{0, 1200}}, Engine::Action{M{2, 6000}}));
+    EXPECT_EQ(engine.tick(snapshot(40, 3)), (Actions{M{0, 1200}, M{2, 6000}}));
 }
 
 TEST_F(EngineTest, SettingTheLastPolicyToAutoOrClearingResetsTheFailsafe) {

@@ -1,5 +1,6 @@
 // The kit's SMC layer: codes, values, errors and the connection's operations.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ostrel/smc.h"
@@ -49,12 +50,10 @@ TEST(SMCValueTest, DisplayPicksNumberTextOrBytes) {
 TEST(SMCCodecTest, EncodeThrowsUnsupportedTypeWhereTheCodecRefuses) {
     for (auto [type, size] :
          {std::pair<const char *, std::size_t>{"ui8 ", 0}, {"ui8 ", 33}, {"ioft", 8}}) {
-        try {
-            SMCCodec::encode(1, type, size);
-            ADD_FAILURE() << type << " " << size;
-        } catch (const SMCError &e) {
-            EXPECT_EQ(e, SMCError::unsupportedType(FourCC::unknown, type));
-        }
+        EXPECT_THAT([&] { SMCCodec::encode(1, type, size); },
+                    testing::Throws<SMCError>(
+                        testing::Eq(SMCError::unsupportedType(FourCC::unknown, type))))
+            << type << " " << size;
     }
 }
 
