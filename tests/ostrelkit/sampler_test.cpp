@@ -75,8 +75,6 @@ TEST_F(SamplerTest, EssentialScopeReadsOneExchangePerValueOnceWarm) {
     machine.clearJournal();
     Snapshot s = sampler->sample();
     EXPECT_THAT(keysOf(s.temperatures()), ElementsAre("TB0T", "TC0P", "TG0P"));
-    EXPECT_TRUE(s.power().empty());
-    ASSERT_EQ(s.fans().size(), 2u);
     // 3 temperatures, FS!, F0Ac, F1Ac, F1Md: one read each, nothing else.
     EXPECT_EQ(machine.count(SMC_CMD_READ), 7u);
     EXPECT_EQ(machine.totalExchanges(), 7u);
@@ -208,8 +206,6 @@ TEST_F(SamplerTest, BatteryTemperatureFallsBackToTB0T) {
     sampler->parts = SamplerParts::battery;
     set("TB0T", 33);
     EXPECT_EQ(sampler->sample().battery()->temperature, 33) << "from a direct read";
-    clock.advance(1s);
-    EXPECT_EQ(sampler->sample().timestamp(), clock.now());
 }
 
 TEST(BatteryParse, FieldsFromTheDictionary) {
