@@ -77,13 +77,10 @@ TEST(FanCurveParseTest, FailuresNameTheItemAsWritten) {
         {"50:inf", "50:inf"},
         {"50:nan", "50:nan"},
         {"inf:min", "inf:min"},
-        {"1e400:min", "1e400:min"},
-        {"50:1e-400", "50:1e-400"},
         {"50:\n3000", "50:\n3000"},  // line breaks are not blanks
         {"50: ", "50: "},
         {"50:minimum", "50:minimum"},
         // A curve that fails validation is named sorted; the first bad item wins.
-        {"50:min,50:3000", "50:min,50:3000"},
         {"85:max,50:min,50:3000", "50:min,50:3000,85:max"},
         {"x:1,y:2", "x:1"},
     };

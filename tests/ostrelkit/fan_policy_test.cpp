@@ -31,6 +31,7 @@ std::string validation(const FanPolicy &policy) {
     }
 }
 
+// Plain forms show in the daemon's and the CLI's tests; here the edges.
 TEST(FanPolicyTest, ValidationAndDescription) {
     const std::string badUnsorted = FanControlError::badCurve("70:1000,50:min").description();
     FanCurve duplicate;
@@ -40,16 +41,12 @@ TEST(FanPolicyTest, ValidationAndDescription) {
         std::string validation;
         std::string description;
     } cases[] = {
-        {FanPolicy::Auto{}, "(valid)", "auto"},
-        {FanPolicy::fixed(2000), "(valid)", "fixed 2000 rpm"},
         {FanPolicy::fixed(0), "(valid)", "fixed 0 rpm"},
         {FanPolicy::fixed(2500.5), "(valid)", "fixed 2500.5 rpm"},
-        {FanPolicy::fixed(kInf), "(valid)", "fixed max"},
         {FanPolicy::fixed(1e9), "(valid)", "fixed 1000000000 rpm"},
         {FanPolicy::fixed(-1), "invalid fan speed", "fixed -1 rpm"},
         {FanPolicy::fixed(-kInf), "invalid fan speed", "fixed max"},
         {FanPolicy::fixed(NAN), "invalid fan speed", "fixed nan rpm"},
-        {FanPolicy::curve(FanCurve::balanced()), "(valid)", "curve 50:min,70:3500,85:max (cpu)"},
         {FanPolicy::curve(unsortedCurve()), badUnsorted, "curve 70:1000,50:min (cpu)"},
         {FanPolicy::curve(duplicate), FanControlError::badCurve("50:min,50:3000").description(),
          "curve 50:min,50:3000 (cpu)"},
