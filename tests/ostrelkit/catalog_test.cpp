@@ -19,7 +19,6 @@ TEST(CatalogTest, TemperatureRowsThenPatternsThenTheKeyItself) {
         SensorGroup group;
         bool known;
     } cases[] = {
-        {"TC0P", "CPU Proximity", G::cpu, true},
         {"TC1C", "CPU Core 1", G::cpu, true},
         {"TCAC", "CPU Core 10", G::cpu, true},
         {"TC0C", "CPU 0C", G::cpu, false},
@@ -51,7 +50,6 @@ TEST(CatalogTest, NameSearchesOnlyTheQuantitysTable) {
         const char *name;
         bool known;
     } cases[] = {
-        {"PCPT", Quantity::power, "CPU Package Total", true},
         {"PXYZ", Quantity::power, "PXYZ", false},
         {"VBAT", Quantity::voltage, "Battery", true},
         {"VBAT", Quantity::current, "VBAT", false},
