@@ -26,7 +26,12 @@ Snapshot withTemperatures(std::vector<Reading> temperatures) {
     return Snapshot({}, std::move(temperatures), {}, {}, {}, {}, std::nullopt);
 }
 
-Snapshot withPower(std::vector<Reading> power) {
+// A snapshot of power readings, given as key and value; the derived powers read keys only.
+Snapshot withPower(std::vector<std::pair<const char *, double>> readings) {
+    std::vector<Reading> power;
+    for (auto [key, value] : readings) {
+        power.push_back({key, key, SensorGroup::other, value, false});
+    }
     return Snapshot({}, {}, {}, std::move(power), {}, {}, std::nullopt);
 }
 
@@ -76,18 +81,12 @@ TEST(SnapshotTest, GroupMaximumAndAverageUseKnownFiniteReadingsOnly) {
     EXPECT_FALSE(snapshot.maxTemperature(SensorGroup::storage));
 }
 
+// Whether a power reading is known does not matter.
 TEST(SnapshotTest, PowerPrefersKeysInOrderWhereverTheyStand) {
-    EXPECT_EQ(withPower({{"PDTR", "DC In", SensorGroup::other, 30, true},
-                         {"PSTR", "System Total", SensorGroup::other, 20, true}})
-                  .systemPower(),
-              20);
-    EXPECT_EQ(withPower({{"PDTR", "DC In", SensorGroup::other, 30, false}}).systemPower(), 30);
-    EXPECT_FALSE(withPower({{"PCPC", "CPU Package", SensorGroup::other, 9, true}}).systemPower());
-    EXPECT_EQ(withPower({{"PC0R", "", SensorGroup::other, 3, true},
-                         {"PCPT", "", SensorGroup::other, 7, true},
-                         {"PCPT", "", SensorGroup::other, 8, true}})
-                  .cpuPower(),
-              7);
+    EXPECT_EQ(withPower({{"PDTR", 30}, {"PSTR", 20}}).systemPower(), 20);
+    EXPECT_EQ(withPower({{"PDTR", 30}}).systemPower(), 30);
+    EXPECT_FALSE(withPower({{"PCPC", 9}}).systemPower());
+    EXPECT_EQ(withPower({{"PC0R", 3}, {"PCPT", 7}, {"PCPT", 8}}).cpuPower(), 7);
     EXPECT_FALSE(withPower({}).cpuPower());
 }
 
