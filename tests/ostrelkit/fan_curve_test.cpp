@@ -15,15 +15,14 @@ using namespace ostrel;
 constexpr double kInf = std::numeric_limits<double>::infinity();
 const std::string kHint = "' (expected TEMP:RPM|min|max, e.g. 50:min,70:3000,85:max)";
 
-// The badCurve text a parse fails with, or "(parsed)".
-std::string parseFailure(std::string_view text) {
+// The points text a parse gives, or "bad " and the badCurve text it fails with.
+std::string parsed(std::string_view text) {
     try {
-        FanCurve curve(text, CurveSensor::cpu);
-        return "(parsed)";
+        return FanCurve(text, CurveSensor::cpu).pointsText();
     } catch (const FanControlError &e) {
         EXPECT_EQ(e.kind(), FanControlError::Kind::badCurve);
         EXPECT_EQ(e.what(), "invalid curve point '" + e.text() + kHint);
-        return e.text();
+        return "bad " + e.text();
     }
 }
 
@@ -36,12 +35,12 @@ std::string validateFailure(const FanCurve &curve) {
     }
 }
 
-TEST(FanCurveParseTest, ReadsPointsSentinelsAndSortsThemInAnyAcceptedSpelling) {
+TEST(FanCurveParseTest, AcceptedSpellingsAndFailuresThatNameTheItemAsWritten) {
     EXPECT_EQ(FanCurve("50:min,70:3000,85:max", CurveSensor::gpu),
               FanCurve({{50, 0}, {70, 3000}, {85, kInf}}, CurveSensor::gpu));
     struct Case {
         const char *text;
-        const char *pointsText;
+        const char *result;
     } cases[] = {
         {"85:MAX, 50:Min", "50:min,85:max"},
         {"70::3000", "70:3000"},
@@ -55,37 +54,26 @@ TEST(FanCurveParseTest, ReadsPointsSentinelsAndSortsThemInAnyAcceptedSpelling) {
         {"-10:0", "-10:min"},
         {"72.25:-0", "72.25:min"},
         {"0x10:1e3", "16:1000"},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(FanCurve(c.text, CurveSensor::cpu).pointsText(), c.pointsText) << c.text;
-    }
-}
-
-TEST(FanCurveParseTest, FailuresNameTheItemAsWritten) {
-    struct Case {
-        const char *text;
-        const char *failure;
-    } cases[] = {
-        {"50:min,,85:max", ""},
-        {"", ""},
-        {"50:min,", ""},
-        {"70", "70"},
-        {"70:1:2", "70:1:2"},
-        {"50:min, 60 : 3000rpm ,85:max", " 60 : 3000rpm "},
-        {"50c:min", "50c:min"},
-        {"50:-1", "50:-1"},
-        {"50:inf", "50:inf"},
-        {"50:nan", "50:nan"},
-        {"inf:min", "inf:min"},
-        {"50:\n3000", "50:\n3000"},  // line breaks are not blanks
-        {"50: ", "50: "},
-        {"50:minimum", "50:minimum"},
+        {"50:min,,85:max", "bad "},
+        {"", "bad "},
+        {"50:min,", "bad "},
+        {"70", "bad 70"},
+        {"70:1:2", "bad 70:1:2"},
+        {"50:min, 60 : 3000rpm ,85:max", "bad  60 : 3000rpm "},
+        {"50c:min", "bad 50c:min"},
+        {"50:-1", "bad 50:-1"},
+        {"50:inf", "bad 50:inf"},
+        {"50:nan", "bad 50:nan"},
+        {"inf:min", "bad inf:min"},
+        {"50:\n3000", "bad 50:\n3000"},  // line breaks are not blanks
+        {"50: ", "bad 50: "},
+        {"50:minimum", "bad 50:minimum"},
         // A curve that fails validation is named sorted; the first bad item wins.
-        {"85:max,50:min,50:3000", "50:min,50:3000,85:max"},
-        {"x:1,y:2", "x:1"},
+        {"85:max,50:min,50:3000", "bad 50:min,50:3000,85:max"},
+        {"x:1,y:2", "bad x:1"},
     };
     for (const Case &c : cases) {
-        EXPECT_EQ(parseFailure(c.text), c.failure) << '"' << c.text << '"';
+        EXPECT_EQ(parsed(c.text), c.result) << '"' << c.text << '"';
     }
 }
 
