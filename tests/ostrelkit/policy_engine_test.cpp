@@ -78,12 +78,9 @@ TEST_F(EngineTest, FailsafeOnTheSecondHotTickResumesOnTheThirtiethCoolTick) {
           {80, 29, {}, true},
           {85, 1, {}, true},
           {80, 29, {}, true},
-          {80, 1, {R{80}, M{0, 2000}}}});
-}
-
-TEST_F(EngineTest, NoUsableTemperatureCountsAsZero) {
-    engine.set(FanPolicy::fixed(2000), 0);
-    play({{std::nullopt, 5, {M{0, 2000}}},
+          {80, 1, {R{80}, M{0, 2000}}},
+          // No usable temperature counts as 0.
+          {std::nullopt, 5, {M{0, 2000}}},
           {99, 2, {F{99}}, true},
           {std::nullopt, 29, {}, true},
           {std::nullopt, 1, {R{0}, M{0, 2000}}}});
