@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "ostrel/battery.h"
 #include "ostrel/sampler.h"
 #include "support/sandbox.h"
