@@ -36,8 +36,6 @@ const char *kRows =
     "key TB0T sp78 2 0xc0 31.5\n"  // essential battery
     "key PSTR sp87 2 0xc0 20\n"    // essential power
     "key PZ9Z sp87 2 0xc0 1\n"     // unknown power
-    "key VP0R sp4b 2 0xc0 12\n"
-    "key IC0R sp4b 2 0xc0 1.5\n"
     "key FNum ui8  1 0x80 2\n"
     "key FS!  ui16 2 0xc0 0\n"
     "key F0Ac fpe2 2 0x90 2000\n"
@@ -87,8 +85,6 @@ TEST_F(SamplerTest, ScopesPartsGroupsAndPlausibleTemperatures) {
     Snapshot all = sampler->sample();
     EXPECT_THAT(keysOf(all.temperatures()), ElementsAre("TB0T", "TC0F", "TC0P", "TG0P", "TZ9Z"));
     EXPECT_THAT(keysOf(all.power()), ElementsAre("PSTR", "PZ9Z"));
-    EXPECT_THAT(keysOf(all.voltages()), ElementsAre("VP0R"));
-    EXPECT_THAT(keysOf(all.currents()), ElementsAre("IC0R"));
 
     sampler->scope = SamplerScope::known;
     sampler->groups = std::set<SensorGroup>{SensorGroup::cpu};
