@@ -11,63 +11,48 @@ namespace {
 
 using namespace ostrel;
 using G = SensorGroup;
+using Q = Quantity;
 
-TEST(CatalogTest, EveryEssentialKeyIsAListedTemperatureOrPowerKey) {
-    for (const std::string &key : Catalog::essentialKeys()) {
-        EXPECT_TRUE(Catalog::temperatures().contains(key) || Catalog::power().contains(key)) << key;
-    }
-}
-
-TEST(CatalogTest, TemperatureRowsThenPatternsThenTheKeyItself) {
-    struct Case {
-        const char *key;
-        const char *name;
-        SensorGroup group;
-        bool known;
-    } cases[] = {
-        {"TC0P", "CPU Proximity", G::cpu, true},
-        {"TC1C", "CPU Core 1", G::cpu, true},
-        {"TCAC", "CPU Core 10", G::cpu, true},
-        {"TC0C", "CPU 0C", G::cpu, false},
-        {"TCaC", "CPU aC", G::cpu, false},  // generated keys use upper-case digits
-        {"Tp01", "CPU P-Core 01", G::cpu, true},
-        {"Tg0f", "GPU 0f", G::gpu, true},
-        {"TG9Z", "GPU 9Z", G::gpu, false},
-        {"Ts9P", "Ts9P", G::ambient, false},
-        {"TS0P", "TS0P", G::other, false},
-        {"TaXY", "TaXY", G::other, false},
-        {"TM0P", "Memory Proximity", G::memory, true},
-        {"Tm0P", "Mainboard Proximity", G::board, true},
-        {"TC0PX", "TC0PX", G::other, false},
-        {"PC0P", "PC0P", G::other, false},
-        {"", "", G::other, false},
-    };
-    for (const Case &c : cases) {
-        Catalog::Temperature found = Catalog::temperature(c.key);
-        EXPECT_EQ(found.entry.name, c.name) << c.key;
-        EXPECT_EQ(found.entry.group, c.group) << c.key;
-        EXPECT_EQ(found.known, c.known) << c.key;
-    }
-}
-
-TEST(CatalogTest, NameSearchesOnlyTheQuantitysTable) {
+// Names come from the quantity's table only; temperatures then from patterns, and
+// otherwise the name is the key itself, unknown (and, for temperatures, in group other).
+TEST(CatalogTest, TableRowsThenPatternsThenTheKeyItself) {
     struct Case {
         const char *key;
         Quantity quantity;
         const char *name;
+        SensorGroup group;  // temperatures only
         bool known;
     } cases[] = {
-        {"PCPT", Quantity::power, "CPU Package Total", true},
-        {"PXYZ", Quantity::power, "PXYZ", false},
-        {"VBAT", Quantity::voltage, "Battery", true},
-        {"VBAT", Quantity::current, "VBAT", false},
-        {"Tp0A", Quantity::temperature, "CPU P-Core 0A", true},
-        {"TC0P", Quantity::power, "TC0P", false},
+        {"TC1C", Q::temperature, "CPU Core 1", G::cpu, true},
+        {"TCAC", Q::temperature, "CPU Core 10", G::cpu, true},
+        {"TC0C", Q::temperature, "CPU 0C", G::cpu, false},
+        {"TCaC", Q::temperature, "CPU aC", G::cpu, false},  // generated keys: upper-case digits
+        {"Tp01", Q::temperature, "CPU P-Core 01", G::cpu, true},
+        {"Tp0A", Q::temperature, "CPU P-Core 0A", G::cpu, true},
+        {"Tg0f", Q::temperature, "GPU 0f", G::gpu, true},
+        {"TG9Z", Q::temperature, "GPU 9Z", G::gpu, false},
+        {"Ts9P", Q::temperature, "Ts9P", G::ambient, false},
+        {"TS0P", Q::temperature, "TS0P", G::other, false},
+        {"TaXY", Q::temperature, "TaXY", G::other, false},
+        {"TM0P", Q::temperature, "Memory Proximity", G::memory, true},
+        {"Tm0P", Q::temperature, "Mainboard Proximity", G::board, true},
+        {"TC0PX", Q::temperature, "TC0PX", G::other, false},
+        {"PC0P", Q::temperature, "PC0P", G::other, false},
+        {"", Q::temperature, "", G::other, false},
+        {"PXYZ", Q::power, "PXYZ", G::other, false},
+        {"VBAT", Q::voltage, "Battery", G::other, true},
+        {"VBAT", Q::current, "VBAT", G::other, false},
+        {"TC0P", Q::power, "TC0P", G::other, false},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.key);
         Catalog::Name found = Catalog::name(c.key, c.quantity);
-        EXPECT_EQ(found.name, c.name) << c.key;
-        EXPECT_EQ(found.known, c.known) << c.key;
+        EXPECT_EQ(std::pair(found.name, found.known), std::pair(std::string(c.name), c.known));
+        if (c.quantity == Q::temperature) {
+            Catalog::Temperature t = Catalog::temperature(c.key);
+            EXPECT_EQ(std::pair(t.entry, t.known),
+                      std::pair(Catalog::Entry{c.name, c.group}, c.known));
+        }
     }
 }
 
@@ -100,6 +85,9 @@ TEST(CatalogTest, PlausibleBoundsAreExclusiveWhereDocumented) {
 }
 
 TEST(CatalogTest, EssentialKeysAndPerCoreFamilies) {
+    for (const std::string &key : Catalog::essentialKeys()) {
+        EXPECT_TRUE(Catalog::temperatures().contains(key) || Catalog::power().contains(key)) << key;
+    }
     for (const char *key : {"TC0P", "PSTR", "PG0R", "Ts0P", "Tp01", "Te0Z", "Tg00"}) {
         EXPECT_TRUE(Catalog::isEssential(key)) << key;
     }

@@ -15,15 +15,14 @@ using namespace ostrel;
 constexpr double kInf = std::numeric_limits<double>::infinity();
 const std::string kHint = "' (expected TEMP:RPM|min|max, e.g. 50:min,70:3000,85:max)";
 
-// The badCurve text a parse fails with, or "(parsed)".
-std::string parseFailure(std::string_view text) {
+// The points text a parse gives, or "bad " and the badCurve text it fails with.
+std::string parsed(std::string_view text) {
     try {
-        FanCurve curve(text, CurveSensor::cpu);
-        return "(parsed)";
+        return FanCurve(text, CurveSensor::cpu).pointsText();
     } catch (const FanControlError &e) {
         EXPECT_EQ(e.kind(), FanControlError::Kind::badCurve);
         EXPECT_EQ(e.what(), "invalid curve point '" + e.text() + kHint);
-        return e.text();
+        return "bad " + e.text();
     }
 }
 
@@ -36,21 +35,14 @@ std::string validateFailure(const FanCurve &curve) {
     }
 }
 
-TEST(FanCurveParseTest, ReadsPointsSentinelsAndSortsThem) {
-    FanCurve curve("50:min,70:3000,85:max", CurveSensor::gpu);
-    EXPECT_EQ(curve.points, (std::vector<CurvePoint>{{50, 0}, {70, 3000}, {85, kInf}}));
-    EXPECT_EQ(curve.sensor, CurveSensor::gpu);
-    EXPECT_EQ(curve.pointsText(), "50:min,70:3000,85:max");
-
-    FanCurve shuffled("85:MAX, 50:Min", CurveSensor::cpu);
-    EXPECT_EQ(shuffled.points, (std::vector<CurvePoint>{{50, 0}, {85, kInf}}));
-}
-
-TEST(FanCurveParseTest, AcceptedSpellings) {
+TEST(FanCurveParseTest, AcceptedSpellingsAndFailuresThatNameTheItemAsWritten) {
+    EXPECT_EQ(FanCurve("50:min,70:3000,85:max", CurveSensor::gpu),
+              FanCurve({{50, 0}, {70, 3000}, {85, kInf}}, CurveSensor::gpu));
     struct Case {
         const char *text;
-        const char *pointsText;
+        const char *result;
     } cases[] = {
+        {"85:MAX, 50:Min", "50:min,85:max"},
         {"70::3000", "70:3000"},
         {"50°C:min", "50:min"},
         {"50C:min", "50:min"},
@@ -62,53 +54,34 @@ TEST(FanCurveParseTest, AcceptedSpellings) {
         {"-10:0", "-10:min"},
         {"72.25:-0", "72.25:min"},
         {"0x10:1e3", "16:1000"},
+        {"50:min,,85:max", "bad "},
+        {"", "bad "},
+        {"50:min,", "bad "},
+        {"70", "bad 70"},
+        {"70:1:2", "bad 70:1:2"},
+        {"50:min, 60 : 3000rpm ,85:max", "bad  60 : 3000rpm "},
+        {"50c:min", "bad 50c:min"},
+        {"50:-1", "bad 50:-1"},
+        {"50:inf", "bad 50:inf"},
+        {"50:nan", "bad 50:nan"},
+        {"inf:min", "bad inf:min"},
+        {"50:\n3000", "bad 50:\n3000"},  // line breaks are not blanks
+        {"50: ", "bad 50: "},
+        {"50:minimum", "bad 50:minimum"},
+        // A curve that fails validation is named sorted; the first bad item wins.
+        {"85:max,50:min,50:3000", "bad 50:min,50:3000,85:max"},
+        {"x:1,y:2", "bad x:1"},
     };
     for (const Case &c : cases) {
-        EXPECT_EQ(FanCurve(c.text, CurveSensor::cpu).pointsText(), c.pointsText) << c.text;
+        EXPECT_EQ(parsed(c.text), c.result) << '"' << c.text << '"';
     }
-}
-
-TEST(FanCurveParseTest, FailuresNameTheItemAsWritten) {
-    struct Case {
-        const char *text;
-        const char *failure;
-    } cases[] = {
-        {"50:min,,85:max", ""},
-        {"", ""},
-        {"50:min,", ""},
-        {"70", "70"},
-        {"70:1:2", "70:1:2"},
-        {"50:min, 60 : 3000rpm ,85:max", " 60 : 3000rpm "},
-        {"50c:min", "50c:min"},
-        {"50:-1", "50:-1"},
-        {"50:inf", "50:inf"},
-        {"50:nan", "50:nan"},
-        {"inf:min", "inf:min"},
-        {"1e400:min", "1e400:min"},
-        {"50:1e-400", "50:1e-400"},
-        {"50:\n3000", "50:\n3000"},  // line breaks are not blanks
-        {"50: ", "50: "},
-        {"50:minimum", "50:minimum"},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(parseFailure(c.text), c.failure) << '"' << c.text << '"';
-    }
-}
-
-TEST(FanCurveParseTest, ValidationFailureNamesTheSortedCurve) {
-    EXPECT_EQ(parseFailure("50:min,50:3000"), "50:min,50:3000");
-    EXPECT_EQ(parseFailure("85:max,50:min,50:3000"), "50:min,50:3000,85:max");
-    // The first bad item wins even when a later one is bad too.
-    EXPECT_EQ(parseFailure("x:1,y:2"), "x:1");
-}
-
-TEST(FanCurveTest, SortingConstructorIsStableAndDoesNotValidate) {
-    FanCurve curve({{70, 1}, {50, 2}, {70, 3}, {50, 4}}, CurveSensor::max);
-    EXPECT_EQ(curve.points, (std::vector<CurvePoint>{{50, 2}, {50, 4}, {70, 1}, {70, 3}}));
-    EXPECT_EQ(validateFailure(curve), "50:2,50:4,70:1,70:3");
 }
 
 TEST(FanCurveTest, ValidateChecksOrderFinitenessAndSpeed) {
+    // The sorting constructor is stable and does not validate.
+    FanCurve sorted({{70, 1}, {50, 2}, {70, 3}, {50, 4}}, CurveSensor::max);
+    EXPECT_EQ(sorted.points, (std::vector<CurvePoint>{{50, 2}, {50, 4}, {70, 1}, {70, 3}}));
+    EXPECT_EQ(validateFailure(sorted), "50:2,50:4,70:1,70:3");
     auto curve = [](std::vector<CurvePoint> points) {
         FanCurve result;
         result.points = std::move(points);  // kept as given, like a decoded curve
@@ -139,10 +112,8 @@ TEST(FanCurveTest, EvaluationInterpolatesBetweenResolvedSpeeds) {
 }
 
 TEST(FanCurveTest, LimitsResolveRaiseFirstThenCap) {
-    FanCurve low({{50, 500}}, CurveSensor::cpu);
-    EXPECT_EQ(low.rpm(50, 1200, 6000), 1200);
-    FanCurve high({{50, 9000}}, CurveSensor::cpu);
-    EXPECT_EQ(high.rpm(50, 1200, 6000), 6000);
+    EXPECT_EQ(FanCurve({{50, 500}}, CurveSensor::cpu).rpm(50, 1200, 6000), 1200);
+    EXPECT_EQ(FanCurve({{50, 9000}}, CurveSensor::cpu).rpm(50, 1200, 6000), 6000);
     FanCurve curve("50:min,70:3000,85:max", CurveSensor::cpu);
     for (double at : {0.0, 55.0, 60.0, 75.0, 100.0}) {
         EXPECT_EQ(curve.rpm(at, 3000, 2000), 2000) << at;

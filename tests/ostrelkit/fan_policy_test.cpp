@@ -1,5 +1,6 @@
 // Fan policies, their errors and their JSON coding.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -20,13 +21,6 @@ FanCurve unsortedCurve() {
     return curve;
 }
 
-// The one message composed here rather than passed through (badCurve's is checked with
-// the curve parser, noSuchFan's through the daemon).
-TEST(FanControlErrorTest, HelperUnavailableSaysHowToInstall) {
-    EXPECT_STREQ(FanControlError::helperUnavailable("no proxy").what(),
-                 "helper unavailable: no proxy\nInstall it with: ostrel helper install");
-}
-
 // The message validate() fails with, or "(valid)".
 std::string validation(const FanPolicy &policy) {
     try {
@@ -37,28 +31,22 @@ std::string validation(const FanPolicy &policy) {
     }
 }
 
+// Plain forms show in the daemon's and the CLI's tests; here the edges.
 TEST(FanPolicyTest, ValidationAndDescription) {
-    const std::string badUnsorted = FanControlError::badCurve("70:1000,50:min").description();
-    FanCurve duplicate;
-    duplicate.points = {{50, 0}, {50, 3000}};
     struct Case {
         FanPolicy policy;
         std::string validation;
         std::string description;
     } cases[] = {
-        {FanPolicy::Auto{}, "(valid)", "auto"},
-        {FanPolicy::fixed(2000), "(valid)", "fixed 2000 rpm"},
         {FanPolicy::fixed(0), "(valid)", "fixed 0 rpm"},
         {FanPolicy::fixed(2500.5), "(valid)", "fixed 2500.5 rpm"},
-        {FanPolicy::fixed(kInf), "(valid)", "fixed max"},
         {FanPolicy::fixed(1e9), "(valid)", "fixed 1000000000 rpm"},
         {FanPolicy::fixed(-1), "invalid fan speed", "fixed -1 rpm"},
         {FanPolicy::fixed(-kInf), "invalid fan speed", "fixed max"},
         {FanPolicy::fixed(NAN), "invalid fan speed", "fixed nan rpm"},
-        {FanPolicy::curve(FanCurve::balanced()), "(valid)", "curve 50:min,70:3500,85:max (cpu)"},
-        {FanPolicy::curve(unsortedCurve()), badUnsorted, "curve 70:1000,50:min (cpu)"},
-        {FanPolicy::curve(duplicate), FanControlError::badCurve("50:min,50:3000").description(),
-         "curve 50:min,50:3000 (cpu)"},
+        // A curve policy is as valid as its curve (the curve tests go through the rules).
+        {FanPolicy::curve(unsortedCurve()),
+         FanControlError::badCurve("70:1000,50:min").description(), "curve 70:1000,50:min (cpu)"},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(validation(c.policy), c.validation) << c.description;
@@ -66,51 +54,45 @@ TEST(FanPolicyTest, ValidationAndDescription) {
     }
 }
 
-TEST(PolicyCodingTest, EncodesTheDocumentedForms) {
-    EXPECT_EQ(PolicyCoding::encode(FanPolicy()), R"({"auto":{}})");
-    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(2000)), R"({"fixed":{"rpm":2000}})");
-    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(kInf)), R"({"fixed":{"rpm":"inf"}})");
-    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(-kInf)), R"({"fixed":{"rpm":"-inf"}})");
-    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(NAN)), R"({"fixed":{"rpm":"nan"}})");
-    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(2500.5)), R"({"fixed":{"rpm":2500.5}})");
-    EXPECT_EQ(PolicyCoding::encode(FanPolicy::curve(FanCurve::balanced())),
-              R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
-              R"({"temperature":70,"rpm":3500},{"temperature":85,"rpm":"inf"}],"sensor":"cpu"}}})");
-}
-
-TEST(PolicyCodingTest, RoundTripsEveryCaseIncludingInfiniteSpeeds) {
-    FanCurve odd({{-5.5, 0}, {72.125, 1234.5}, {1e300, kInf}}, CurveSensor::max);
-    const FanPolicy policies[] = {
-        FanPolicy(),
-        FanPolicy::fixed(0),
-        FanPolicy::fixed(kInf),
-        FanPolicy::fixed(-kInf),
-        FanPolicy::fixed(0.1 + 0.2),
-        FanPolicy::curve(FanCurve::performance()),
-        FanPolicy::curve(odd),
-        FanPolicy::curve(unsortedCurve()),
-        FanPolicy::curve(FanCurve()),
+TEST(PolicyCodingTest, EncodesTheDocumentedFormsAndRoundTripsEveryCase) {
+    struct Case {
+        FanPolicy policy;
+        const char *data;
+    } documented[] = {
+        {FanPolicy(), R"({"auto":{}})"},
+        {FanPolicy::fixed(2000), R"({"fixed":{"rpm":2000}})"},
+        {FanPolicy::fixed(kInf), R"({"fixed":{"rpm":"inf"}})"},
+        {FanPolicy::fixed(-kInf), R"({"fixed":{"rpm":"-inf"}})"},
+        {FanPolicy::fixed(2500.5), R"({"fixed":{"rpm":2500.5}})"},
+        {FanPolicy::curve(FanCurve::balanced()),
+         R"({"curve":{"_0":{"points":[{"temperature":50,"rpm":0},)"
+         R"({"temperature":70,"rpm":3500},{"temperature":85,"rpm":"inf"}],"sensor":"cpu"}}})"},
     };
-    for (const FanPolicy &policy : policies) {
+    for (const Case &c : documented) {
+        EXPECT_EQ(PolicyCoding::encode(c.policy), c.data);
+        EXPECT_EQ(PolicyCoding::decode(c.data), c.policy) << c.data;
+    }
+    FanCurve odd({{-5.5, 0}, {72.125, 1234.5}, {1e300, kInf}}, CurveSensor::max);
+    for (const FanPolicy &policy :
+         {FanPolicy::fixed(0.1 + 0.2), FanPolicy::curve(odd), FanPolicy::curve(unsortedCurve()),
+          FanPolicy::curve(FanCurve())}) {
         EXPECT_EQ(PolicyCoding::decode(PolicyCoding::encode(policy)), policy)
             << policy.description();
     }
-    FanPolicy nan = PolicyCoding::decode(PolicyCoding::encode(FanPolicy::fixed(NAN)));
-    EXPECT_TRUE(std::isnan(nan.asFixed()->rpm));
+    EXPECT_EQ(PolicyCoding::encode(FanPolicy::fixed(NAN)), R"({"fixed":{"rpm":"nan"}})");
+    EXPECT_TRUE(std::isnan(PolicyCoding::decode(R"({"fixed":{"rpm":"nan"}})").asFixed()->rpm));
 }
 
 TEST(PolicyCodingTest, DecodingIgnoresUnknownMembersAndKeepsOrder) {
     EXPECT_EQ(PolicyCoding::decode(R"({"auto":{"x":1}})"), FanPolicy());
-    EXPECT_EQ(PolicyCoding::decode(R"({"version":3,"fixed":{"rpm":1500,"unit":"rpm"}})"),
+    EXPECT_EQ(PolicyCoding::decode(R"({"version":3,"fixed":{"rpm":1.5e3,"unit":"rpm"}})"),
               FanPolicy::fixed(1500));
-    EXPECT_EQ(PolicyCoding::decode(R"({"fixed":{"rpm":1.5e3}})"), FanPolicy::fixed(1500));
-    FanPolicy decoded = PolicyCoding::decode(
-        R"({"curve":{"_0":{"sensor":"gpu","points":[{"rpm":1000,"temperature":70},)"
-        R"({"temperature":50,"rpm":0,"note":"x"}]}}})");
-    ASSERT_TRUE(decoded.asCurve());
-    EXPECT_EQ(decoded.asCurve()->curve.points, unsortedCurve().points);
-    EXPECT_EQ(decoded.asCurve()->curve.sensor, CurveSensor::gpu);
-    EXPECT_THROW(decoded.validate(), FanControlError);
+    FanCurve unsorted = unsortedCurve();
+    unsorted.sensor = CurveSensor::gpu;
+    EXPECT_EQ(PolicyCoding::decode(
+                  R"({"curve":{"_0":{"sensor":"gpu","points":[{"rpm":1000,"temperature":70},)"
+                  R"({"temperature":50,"rpm":0,"note":"x"}]}}})"),
+              FanPolicy::curve(unsorted));
 }
 
 TEST(PolicyCodingTest, DecodingErrorsAreTypedWithClearMessages) {
@@ -144,8 +126,6 @@ TEST(PolicyCodingTest, DecodingErrorsAreTypedWithClearMessages) {
             EXPECT_STREQ(e.what(), c.message) << c.data;
         }
     }
-    EXPECT_THROW(PolicyCoding::decode("hello"), DecodingError);
-    EXPECT_THROW(PolicyCoding::decode(""), DecodingError);
 }
 
 TEST(PolicyCodingTest, MapsAreKeyedByDecimalFanIndex) {
@@ -153,19 +133,15 @@ TEST(PolicyCodingTest, MapsAreKeyedByDecimalFanIndex) {
     PolicyMap policies{{1, FanPolicy::fixed(kInf)}, {0, FanPolicy::fixed(2500)}, {10, {}}};
     std::string data = PolicyCoding::encodeMap(policies);
     EXPECT_EQ(data, R"({"0":{"fixed":{"rpm":2500}},"1":{"fixed":{"rpm":"inf"}},"10":{"auto":{}}})");
-    std::map<std::string, FanPolicy> decoded = PolicyCoding::decodeMap(data);
-    ASSERT_EQ(decoded.size(), 3u);
-    EXPECT_EQ(decoded.at("1"), FanPolicy::fixed(kInf));
-
-    EXPECT_EQ(PolicyCoding::decodeMap("{}").size(), 0u);
+    EXPECT_EQ(PolicyCoding::decodeMap(data),
+              (std::map<std::string, FanPolicy>{
+                  {"0", FanPolicy::fixed(2500)}, {"1", FanPolicy::fixed(kInf)}, {"10", {}}}));
+    // Keys are checked where a fan is looked up (fanIndex), not here.
     EXPECT_EQ(PolicyCoding::decodeMap(R"({"01":{"auto":{}}})").count("01"), 1u);
     EXPECT_THROW(PolicyCoding::decodeMap("[]"), DecodingError);
-    try {
-        PolicyCoding::decodeMap(R"({"0":{"auto":{}},"1":{"fixed":{}}})");
-        FAIL();
-    } catch (const DecodingError &e) {
-        EXPECT_STREQ(e.what(), "Missing member \"rpm\" at 1.fixed.");
-    }
+    EXPECT_THAT([] { PolicyCoding::decodeMap(R"({"0":{"auto":{}},"1":{"fixed":{}}})"); },
+                testing::ThrowsMessage<DecodingError>(
+                    testing::StrEq("Missing member \"rpm\" at 1.fixed.")));
 }
 
 TEST(PolicyCodingTest, FanIndexAcceptsOnlyCanonicalDecimal) {

@@ -15,60 +15,53 @@ using std::chrono::milliseconds;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-Reading temp(const char *key, SensorGroup group, double value, bool known = true) {
-    return Reading{key, key, group, value, known};
+using G = SensorGroup;
+
+// A temperature reading; derived temperatures look at its group, value and `known` only.
+Reading temp(SensorGroup group, double value, bool known = true) {
+    return Reading{"T", "T", group, value, known};
 }
 
 Snapshot withTemperatures(std::vector<Reading> temperatures) {
     return Snapshot({}, std::move(temperatures), {}, {}, {}, {}, std::nullopt);
 }
 
-Snapshot withPower(std::vector<Reading> power) {
+// A snapshot of power readings, given as key and value; the derived powers read keys only.
+Snapshot withPower(std::vector<std::pair<const char *, double>> readings) {
+    std::vector<Reading> power;
+    for (auto [key, value] : readings) {
+        power.push_back({key, key, SensorGroup::other, value, false});
+    }
     return Snapshot({}, {}, {}, std::move(power), {}, {}, std::nullopt);
 }
 
 TEST(SnapshotTest, NoUsableTemperatureMeansNoDerivedTemperature) {
     const std::vector<Reading> unusable[] = {
         {},
-        {temp("TC0P", SensorGroup::cpu, 60, false), temp("TG0P", SensorGroup::gpu, 50, false)},
-        {temp("TC0P", SensorGroup::cpu, NAN), temp("TG0P", SensorGroup::gpu, kInf),
-         temp("Tm0P", SensorGroup::board, -kInf)},
+        {temp(G::cpu, 60, false), temp(G::gpu, 50, false)},
+        {temp(G::cpu, NAN), temp(G::gpu, kInf), temp(G::board, -kInf)},
     };
     for (const auto &readings : unusable) {
-        Snapshot snapshot = withTemperatures(readings);
-        EXPECT_FALSE(snapshot.cpu());
-        EXPECT_FALSE(snapshot.gpu());
-        EXPECT_FALSE(snapshot.hottest());
-        EXPECT_FALSE(snapshot.maximumKnownTemperature());
-        EXPECT_FALSE(snapshot.averageTemperature(SensorGroup::cpu));
-        for (CurveSensor sensor : allCurveSensors) {
-            EXPECT_FALSE(snapshot.temperature(sensor));
-        }
+        Snapshot s = withTemperatures(readings);
+        EXPECT_EQ(std::vector({s.cpu(), s.gpu(), s.hottest(), s.maximumKnownTemperature(),
+                               s.averageTemperature(G::cpu), s.temperature(CurveSensor::cpu),
+                               s.temperature(CurveSensor::gpu), s.temperature(CurveSensor::max)}),
+                  std::vector<std::optional<double>>(8));
     }
 }
 
 TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
-    using G = SensorGroup;
     struct Case {
-        double hottest, maximumKnown, cpu, gpu;  // the max sensor is the hottest
         std::vector<Reading> readings;
+        double hottest, maximumKnown, cpu, gpu;  // the max sensor is the hottest
     } cases[] = {
         // A hot board is not consulted while a CPU value exists; gpu falls back to hottest.
-        {60, 80, 60, 60, {temp("TC0P", G::cpu, 60), temp("Tm0P", G::board, 80)}},
-        {45, 45, 45, 45, {temp("Tm0P", G::board, 45)}},
-        {70,
-         90,
-         68,
-         70,
-         {temp("TG0P", G::gpu, 70), temp("TC0P", G::cpu, 65), temp("TC0D", G::cpu, 68),
-          temp("TB0T", G::battery, 90)}},
+        {{temp(G::cpu, 60), temp(G::board, 80)}, 60, 80, 60, 60},
+        {{temp(G::board, 45)}, 45, 45, 45, 45},
+        {{temp(G::gpu, 70), temp(G::cpu, 65), temp(G::cpu, 68)}, 70, 70, 68, 70},
         // An unknown CPU reading does not count, so the board decides.
-        {50, 50, 50, 50, {temp("TC0C", G::cpu, 99, false), temp("Tm0P", G::board, 50)}},
-        {55,
-         55,
-         55,
-         55,
-         {temp("TG0D", G::gpu, 55), temp("TG0D", G::gpu, NAN), temp("Ts0P", G::ambient, 30)}},
+        {{temp(G::cpu, 99, false), temp(G::board, 50)}, 50, 50, 50, 50},
+        {{temp(G::gpu, 55), temp(G::gpu, NAN), temp(G::ambient, 30)}, 55, 55, 55, 55},
     };
     for (const Case &c : cases) {
         Snapshot snapshot = withTemperatures(c.readings);
@@ -81,26 +74,19 @@ TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
 }
 
 TEST(SnapshotTest, GroupMaximumAndAverageUseKnownFiniteReadingsOnly) {
-    Snapshot snapshot = withTemperatures(
-        {temp("TM0P", SensorGroup::memory, 40), temp("TM0S", SensorGroup::memory, 50),
-         temp("TM1S", SensorGroup::memory, 90, false), temp("TM2S", SensorGroup::memory, NAN)});
+    Snapshot snapshot = withTemperatures({temp(G::memory, 40), temp(G::memory, 50),
+                                          temp(G::memory, 90, false), temp(G::memory, NAN)});
     EXPECT_EQ(snapshot.averageTemperature(SensorGroup::memory), 45);
     EXPECT_EQ(snapshot.maxTemperature(SensorGroup::memory), 50);
     EXPECT_FALSE(snapshot.maxTemperature(SensorGroup::storage));
 }
 
+// Whether a power reading is known does not matter.
 TEST(SnapshotTest, PowerPrefersKeysInOrderWhereverTheyStand) {
-    EXPECT_EQ(withPower({{"PDTR", "DC In", SensorGroup::other, 30, true},
-                         {"PSTR", "System Total", SensorGroup::other, 20, true}})
-                  .systemPower(),
-              20);
-    EXPECT_EQ(withPower({{"PDTR", "DC In", SensorGroup::other, 30, false}}).systemPower(), 30);
-    EXPECT_FALSE(withPower({{"PCPC", "CPU Package", SensorGroup::other, 9, true}}).systemPower());
-    EXPECT_EQ(withPower({{"PC0R", "", SensorGroup::other, 3, true},
-                         {"PCPT", "", SensorGroup::other, 7, true},
-                         {"PCPT", "", SensorGroup::other, 8, true}})
-                  .cpuPower(),
-              7);
+    EXPECT_EQ(withPower({{"PDTR", 30}, {"PSTR", 20}}).systemPower(), 20);
+    EXPECT_EQ(withPower({{"PDTR", 30}}).systemPower(), 30);
+    EXPECT_FALSE(withPower({{"PCPC", 9}}).systemPower());
+    EXPECT_EQ(withPower({{"PC0R", 3}, {"PCPT", 7}, {"PCPT", 8}}).cpuPower(), 7);
     EXPECT_FALSE(withPower({}).cpuPower());
 }
 

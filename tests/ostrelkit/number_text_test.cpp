@@ -21,12 +21,8 @@ TEST(NumberTextTest, ShortestDecimalWithoutTrailingPointZero) {
         const char *text;
     } cases[] = {
         {3000, "3000"},
-        {72.5, "72.5"},
-        {0.25, "0.25"},
         {0, "0"},
         {-0.0, "-0"},
-        {-12.75, "-12.75"},
-        {0.1, "0.1"},
         {1.0 / 3, "0.3333333333333333"},
         {1e15, "1000000000000000"},
         {0.0001, "0.0001"},
@@ -53,20 +49,20 @@ TEST(NumberTextTest, EveryFiniteTextReadsBackToTheSameValue) {
     EXPECT_FALSE(readNumber("5e-324"));
 }
 
-TEST(ReadNumberTest, AcceptsWhatStrtodReadsInThePosixLocale) {
-    EXPECT_EQ(readNumber("50"), 50.0);
-    EXPECT_EQ(readNumber("-7.25"), -7.25);
-    EXPECT_EQ(readNumber("+3"), 3.0);
-    EXPECT_EQ(readNumber(".5"), 0.5);
-    EXPECT_EQ(readNumber("5."), 5.0);
-    EXPECT_EQ(readNumber("1e3"), 1000.0);
-    EXPECT_EQ(readNumber("0x1p4"), 16.0);
-    EXPECT_EQ(readNumber("INF"), kInf);
-    EXPECT_EQ(readNumber("-infinity"), -kInf);
+TEST(ReadNumberTest, AcceptsWhatStrtodReadsInThePosixLocaleAndNothingElse) {
+    for (auto [text, value] : {std::pair{"50", 50.0},
+                               {"-7.25", -7.25},
+                               {"+3", 3.0},
+                               {".5", 0.5},
+                               {"5.", 5.0},
+                               {"1e3", 1000.0},
+                               {"0x1p4", 16.0},
+                               {"INF", kInf},
+                               {"-infinity", -kInf}}) {
+        EXPECT_EQ(readNumber(text), value) << text;
+    }
     EXPECT_TRUE(std::isnan(*readNumber("nan")));
-}
-
-TEST(ReadNumberTest, RejectsEmptyLeadingBlankTrailingJunkAndOutOfRange) {
+    // Nothing else: no blanks around, no junk after, nothing out of range.
     const char *rejected[] = {"",        " 5",  "\t5",  "\n5", "5 ",    "5x",
                               "3000rpm", "1,5", "--5",  "e5",  "1e400", "-1e400",
                               "1e-400",  "0x",  "five", "5e",  "."};
@@ -93,18 +89,13 @@ TEST(ReadNumberTest, IgnoresTheProcessLocale) {
     std::setlocale(LC_NUMERIC, saved.c_str());
 }
 
-TEST(JsonNumberTest, IntegersStayIntegersAndNonFiniteValuesBecomeStrings) {
-    EXPECT_EQ(json::number(2000).dump(), "2000");
-    EXPECT_EQ(json::number(72.5).dump(), "72.5");
-    EXPECT_EQ(json::number(-0.0).dump(), "-0.0");
-    EXPECT_EQ(json::number(1e20).dump(), "1e+20");
-    EXPECT_EQ(json::number(kInf).dump(), "\"inf\"");
-    EXPECT_EQ(json::number(-kInf).dump(), "\"-inf\"");
-    EXPECT_EQ(json::number(NAN).dump(), "\"nan\"");
-    for (double value : {2000.0, 72.5, -0.0, 1e20, kInf, -kInf}) {
+// Whole numbers, fractions and the non-finite strings both ways are the policy coding's
+// documented forms (fan_policy_test); here the edges of "whole".
+TEST(JsonNumberTest, OnlyWholeNumbersThatFitBecomeIntegers) {
+    for (auto [value, text] : {std::pair{-0.0, "-0.0"}, {1e20, "1e+20"}}) {
+        EXPECT_EQ(json::number(value).dump(), text);
         EXPECT_EQ(json::toDouble(json::number(value), "x"), value);
     }
-    EXPECT_TRUE(std::isnan(json::toDouble(json::number(NAN), "x")));
 }
 
 TEST(JsonParseTest, BadTextIsOneTypedErrorWithAsciiMessage) {

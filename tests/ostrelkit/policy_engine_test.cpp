@@ -1,6 +1,5 @@
 // The policy engine driven by snapshots: actions, the failsafe and its resume.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -10,8 +9,11 @@
 namespace {
 
 using namespace ostrel;
-using testing::ElementsAre;
 using Engine = FanPolicyEngine;
+using Actions = std::vector<Engine::Action>;
+using M = Engine::Manual;
+using F = Engine::Failsafe;
+using R = Engine::Resume;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
@@ -31,129 +33,103 @@ Snapshot snapshot(std::optional<double> cpu, int fans = 2, std::optional<double>
     return Snapshot({}, temps, fanReadings, {}, {}, {}, std::nullopt);
 }
 
+// Ticks of one CPU temperature (none: no usable one): how many, the actions the last of
+// them returns, and whether the failsafe holds after it.
+struct Ticks {
+    std::optional<double> cpu;
+    int times;
+    Actions last;
+    bool suspended = false;
+};
+
 class EngineTest : public testing::Test {
   protected:
     Engine engine{SafetyLimits::intel()};
 
-    std::vector<Engine::Action> ticks(int n, double t) {
-        std::vector<Engine::Action> last;
-        for (int i = 0; i < n; ++i) {
-            last = engine.tick(snapshot(t));
+    void play(const std::vector<Ticks> &script) {
+        for (std::size_t step = 0; step < script.size(); ++step) {
+            SCOPED_TRACE("step " + std::to_string(step));
+            Actions last;
+            for (int i = 0; i < script[step].times; ++i) {
+                last = engine.tick(snapshot(script[step].cpu));
+            }
+            EXPECT_EQ(last, script[step].last);
+            EXPECT_EQ(engine.suspended(), script[step].suspended);
         }
-        return last;
     }
 };
 
 TEST_F(EngineTest, WithoutPoliciesNothingHappensWhateverTheHeat) {
-    EXPECT_TRUE(engine.tick(snapshot(120)).empty());
-    EXPECT_TRUE(engine.tick(snapshot(120)).empty());
-    EXPECT_FALSE(engine.suspended());
     engine.set(FanPolicy(), 0);  // auto is never stored
     EXPECT_TRUE(engine.policies().empty());
     EXPECT_FALSE(engine.isActive());
+    play({{120, 3, {}}});
 }
 
-TEST_F(EngineTest, FailsafeOnTheSecondHotTickThenFullCoolingOnly) {
+// Two hot ticks in a row (at the ceiling counts as hot) hand the fans to the firmware
+// until thirty cool ticks in a row (85 is not cool); a tick between restarts either count.
+TEST_F(EngineTest, FailsafeOnTheSecondHotTickResumesOnTheThirtiethCoolTick) {
     engine.set(FanPolicy::fixed(2000), 0);
-    EXPECT_THAT(engine.tick(snapshot(96)), ElementsAre(Engine::Action{Engine::Manual{0, 2000}}));
-    EXPECT_EQ(engine.hotTicks(), 1);
-    EXPECT_THAT(engine.tick(snapshot(96)), ElementsAre(Engine::Action{Engine::Failsafe{96}}));
-    EXPECT_TRUE(engine.suspended());
-    EXPECT_EQ(engine.hotTicks(), 0);
-    EXPECT_TRUE(engine.tick(snapshot(96)).empty()) << "the fan stays with the firmware";
-}
-
-TEST_F(EngineTest, AWarmTickBetweenHotOnesRestartsTheCount) {
-    engine.set(FanPolicy::fixed(2000), 0);
-    engine.tick(snapshot(95));  // at the ceiling counts as hot
-    engine.tick(snapshot(94.9));
-    EXPECT_EQ(engine.hotTicks(), 0);
-    engine.tick(snapshot(97));
-    EXPECT_FALSE(engine.suspended());
-    engine.tick(snapshot(97));
-    EXPECT_TRUE(engine.suspended());
-}
-
-TEST_F(EngineTest, ResumesOnTheThirtiethCoolTickAndAWarmTickRestartsTheCount) {
-    engine.set(FanPolicy::fixed(2000), 0);
-    ticks(2, 100);
-    ASSERT_TRUE(engine.suspended());
-    EXPECT_TRUE(ticks(29, 80).empty());
-    EXPECT_EQ(engine.coolTicks(), 29);
-    engine.tick(snapshot(85));  // not below 85
-    EXPECT_EQ(engine.coolTicks(), 0);
-    EXPECT_TRUE(ticks(29, 80).empty());
-    EXPECT_THAT(engine.tick(snapshot(80)), ElementsAre(Engine::Action{Engine::Resume{80}},
-                                                       Engine::Action{Engine::Manual{0, 2000}}));
-    EXPECT_FALSE(engine.suspended());
-}
-
-TEST_F(EngineTest, NoUsableTemperatureCountsAsZero) {
-    engine.set(FanPolicy::fixed(2000), 0);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_THAT(engine.tick(snapshot(std::nullopt)),
-                    ElementsAre(Engine::Action{Engine::Manual{0, 2000}}));
-    }
-    ticks(2, 99);
-    for (int i = 0; i < 29; ++i) {
-        engine.tick(snapshot(std::nullopt));
-    }
-    EXPECT_THAT(engine.tick(snapshot(std::nullopt))[0], Engine::Action{Engine::Resume{0}});
+    play({{95, 1, {M{0, 2000}}},
+          {94.9, 1, {M{0, 2000}}},
+          {97, 1, {M{0, 2000}}},
+          {97, 1, {F{97}}, true},
+          {96, 1, {}, true},
+          {80, 29, {}, true},
+          {85, 1, {}, true},
+          {80, 29, {}, true},
+          {80, 1, {R{80}, M{0, 2000}}},
+          // No usable temperature counts as 0.
+          {std::nullopt, 5, {M{0, 2000}}},
+          {99, 2, {F{99}}, true},
+          {std::nullopt, 29, {}, true},
+          {std::nullopt, 1, {R{0}, M{0, 2000}}}});
 }
 
 TEST_F(EngineTest, FullCoolingFansStayAtMaximumThroughTheFailsafe) {
     engine.set(FanPolicy::fixed(5800), 0);  // 5800 >= 0.95 * 6000
     engine.set(FanPolicy::fixed(2000), 1);
-    ticks(1, 99);
-    EXPECT_THAT(engine.tick(snapshot(99)), ElementsAre(Engine::Action{Engine::Failsafe{99}},
-                                                       Engine::Action{Engine::Manual{0, 6000}}));
-    EXPECT_THAT(engine.tick(snapshot(99)), ElementsAre(Engine::Action{Engine::Manual{0, 6000}}));
+    play({{99, 1, {M{0, 5800}, M{1, 2000}}},
+          {99, 1, {F{99}, M{0, 6000}}, true},
+          {99, 1, {M{0, 6000}}, true}});
 }
 
 TEST_F(EngineTest, AllFullSpeedPoliciesAreNeverSuspended) {
     engine.set(FanPolicy::fixed(kInf), 0);
     engine.set(FanPolicy::fixed(-kInf), 1);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_THAT(engine.tick(snapshot(120)),
-                    ElementsAre(Engine::Action{Engine::Manual{0, 6000}},
-                                Engine::Action{Engine::Manual{1, 6000}}));
-    }
-    EXPECT_FALSE(engine.suspended());
+    play({{120, 5, {M{0, 6000}, M{1, 6000}}}});
     // A policy for a fan the snapshot lacks breaks the equality: the failsafe applies.
     engine.set(FanPolicy::fixed(kInf), 7);
-    ticks(2, 120);
-    EXPECT_TRUE(engine.suspended());
+    play({{120, 2, {F{120}, M{0, 6000}, M{1, 6000}}, true}});
 }
 
 TEST_F(EngineTest, CurvesFollowTheirSensorOrHandTheFanBack) {
     engine.set(FanPolicy::curve(FanCurve("50:min,70:3000,85:max", CurveSensor::gpu)), 1);
     // No GPU reading: the hottest (CPU) temperature drives it.
-    EXPECT_THAT(engine.tick(snapshot(60)), ElementsAre(Engine::Action{Engine::Manual{1, 2100}}));
+    EXPECT_EQ(engine.tick(snapshot(60)), (Actions{M{1, 2100}}));
     // The board is consulted only when there is neither CPU nor GPU.
-    EXPECT_THAT(engine.tick(snapshot(std::nullopt, 2, 90)),
-                ElementsAre(Engine::Action{Engine::Manual{1, 6000}}));
-    EXPECT_THAT(engine.tick(snapshot(std::nullopt)), ElementsAre(Engine::Action{Engine::Auto{1}}));
+    EXPECT_EQ(engine.tick(snapshot(std::nullopt, 2, 90)), (Actions{M{1, 6000}}));
+    EXPECT_EQ(engine.tick(snapshot(std::nullopt)), Actions{Engine::Auto{1}});
 }
 
 TEST_F(EngineTest, ActionsFollowTheSnapshotsFanOrderAndSpeedsAreResolved) {
     engine.set(FanPolicy::fixed(kInf), 2);
     engine.set(FanPolicy::fixed(0), 0);
     engine.set(FanPolicy::fixed(9000), 5);  // not in the snapshot: nothing
-    EXPECT_THAT(engine.tick(snapshot(40, 3)), ElementsAre(Engine::Action{Engine::Manual{0, 1200}},
-                                                          Engine::Action{Engine::Manual{2, 6000}}));
+    EXPECT_EQ(engine.tick(snapshot(40, 3)), (Actions{M{0, 1200}, M{2, 6000}}));
 }
 
 TEST_F(EngineTest, SettingTheLastPolicyToAutoOrClearingResetsTheFailsafe) {
     engine.set(FanPolicy::fixed(2000), 0);
-    ticks(2, 100);
-    ASSERT_TRUE(engine.suspended());
+    play({{100, 2, {F{100}}, true}});
     engine.set(FanPolicy(), 0);
     EXPECT_FALSE(engine.suspended());
     EXPECT_TRUE(engine.policies().empty());
     engine.set(FanPolicy::fixed(2000), 0);
-    ticks(2, 100);
+    play({{100, 2, {F{100}}, true}});
     engine.clear();
     EXPECT_FALSE(engine.suspended());
     EXPECT_FALSE(engine.isActive());
 }
+
 }  // namespace

@@ -1,10 +1,10 @@
 // The kit's SMC layer: codes, values, errors and the connection's operations.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ostrel/smc.h"
 #include "support/test_machine.h"
-#include "support/transports.h"
 
 namespace {
 
@@ -16,7 +16,6 @@ SMCValue value(const char *type, std::vector<std::uint8_t> bytes) {
 }
 
 TEST(FourCCTest, TextIsPaddedCutAndShownPrintable) {
-    EXPECT_EQ(FourCC("flt").rawValue, 0x666C7420u);
     EXPECT_EQ(FourCC("").rawValue, 0x20202020u);
     EXPECT_EQ(FourCC("ABCDE"), FourCC("ABCD"));
     EXPECT_EQ(FourCC("ab").description(), "ab  ");
@@ -31,10 +30,8 @@ TEST(SMCKeyInfoTest, JsonHasTheFourMembersInOrder) {
 }
 
 TEST(SMCValueTest, DisplayPicksNumberTextOrBytes) {
-    EXPECT_EQ(value("ui8 ", {0x2A}).display(), "42");
     EXPECT_EQ(value("si8 ", {0xFD}).display(), "-3");
     EXPECT_EQ(value("flt ", {0x00, 0x00, 0x35, 0x42}).display(), "45.250");
-    EXPECT_EQ(value("ch8*", {'M', '1', 0, 0}).display(), "\"M1\"");
     EXPECT_EQ(value("ch8*", {0, 0, 0, 0}).display(), "[00 00 00 00]");
     EXPECT_EQ(value("{fds", {'A', 0x01, 'B', 0}).display(), "\"AB\"");
     EXPECT_EQ(value("zzzz", {0x01, 0x02}).display(), "[01 02]");
@@ -50,12 +47,10 @@ TEST(SMCValueTest, DisplayPicksNumberTextOrBytes) {
 TEST(SMCCodecTest, EncodeThrowsUnsupportedTypeWhereTheCodecRefuses) {
     for (auto [type, size] :
          {std::pair<const char *, std::size_t>{"ui8 ", 0}, {"ui8 ", 33}, {"ioft", 8}}) {
-        try {
-            SMCCodec::encode(1, type, size);
-            ADD_FAILURE() << type << " " << size;
-        } catch (const SMCError &e) {
-            EXPECT_EQ(e, SMCError::unsupportedType(FourCC::unknown, type));
-        }
+        EXPECT_THAT([&] { SMCCodec::encode(1, type, size); },
+                    testing::Throws<SMCError>(
+                        testing::Eq(SMCError::unsupportedType(FourCC::unknown, type))))
+            << type << " " << size;
     }
 }
 
@@ -64,10 +59,9 @@ TEST(SMCErrorTest, MessagesNameKeysTypesAndCodesWithTheirDetail) {
                  "SMC key 'RPlt': unsupported type 'ch8*'");
     EXPECT_STREQ(SMCError::fromStatus(-7, FourCC(0x46300A67u), "Y").what(),
                  "SMC rejected request for 'F0?g'");
-    SMCError kernel = SMCError::fromStatus(static_cast<std::int32_t>(0xE00002C2u), "X", "Y");
-    EXPECT_EQ(kernel.kind(), SMCError::Kind::kernel);
-    EXPECT_STREQ(kernel.what(), "IOKit error 0xe00002c2");
-    EXPECT_EQ(kernel.withDetail("why").explanation(), "IOKit error 0xe00002c2 (why)");
+    // Kernel codes and their detail are shown by the applesmc and CLI tests.
+    EXPECT_EQ(SMCError::fromStatus(static_cast<std::int32_t>(0xE00002C2u), "X", "Y"),
+              SMCError::kernel(static_cast<std::int32_t>(0xE00002C2u)));
     EXPECT_EQ(SMCError::noService().withDetail("no such socket").explanation(), "no such socket");
     EXPECT_EQ(SMCError::fromStatus(-3, "A", "B"), SMCError::keyNotFound("A"));
     EXPECT_FALSE(SMCError::keyNotFound("A") == SMCError::keyNotFound("B"));
@@ -99,18 +93,14 @@ class SMCTest : public testing::Test {
 TEST_F(SMCTest, ReadsKeysValuesAndNumbers) {
     EXPECT_EQ(smc.keyCount(), 7u);
     EXPECT_EQ(smc.key(0), FourCC("#KEY"));
-    EXPECT_EQ(smc.allKeys().size(), 7u);
     EXPECT_EQ(smc.info("TC0P"), (SMCKeyInfo{"TC0P", "sp78", 2, 0xC0}));
-    SMCValue v = smc.read("RPlt");
-    EXPECT_EQ(v.type, FourCC("ch8*"));
-    EXPECT_EQ(v.bytes.size(), 8u);
-    EXPECT_EQ(v.display(), "\"j31\"");
     EXPECT_EQ(smc.readDouble("TC0P"), 45.5);
+    EXPECT_TRUE(smc.has("TC0P"));
+    EXPECT_FALSE(smc.has("NOPE"));  // asked once: the channel's negative cache (channel_test)
 }
 
 TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
     EXPECT_EQ(errorOf([&] { smc.read("NOPE"); }), SMCError::keyNotFound("NOPE"));
-    EXPECT_STREQ(errorOf([&] { smc.read("NOPE"); }).what(), "SMC key 'NOPE' not found");
     EXPECT_EQ(errorOf([&] { smc.readDouble("RPlt"); }), SMCError::unsupportedType("RPlt", "ch8*"));
     EXPECT_EQ(errorOf([&] { smc.readDouble("NOPE"); }), SMCError::keyNotFound("NOPE"));
     EXPECT_EQ(errorOf([&] { smc.write("LOCK", 1.0); }),
@@ -118,11 +108,10 @@ TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
     std::vector<std::uint8_t> tooLong{0, 0, 0};
     EXPECT_EQ(errorOf([&] { smc.write("F0Tg", tooLong); }), SMCError::sizeMismatch("F0Tg"));
     EXPECT_EQ(errorOf([&] { smc.write("F0Mx", 5000.0); }), SMCError::firmware("F0Mx"));
-}
-
-TEST_F(SMCTest, HasIsFalseForUnknownKeys) {
-    EXPECT_TRUE(smc.has("TC0P"));
-    EXPECT_FALSE(smc.has("NOPE"));  // asked once: the channel's negative cache (channel_test)
+    // A failing key count is reported against #KEY; a failing index against no key.
+    machine.injectFault({FourCC("#KEY").rawValue, SMC_CMD_READ, 1, 0, 0x85});
+    EXPECT_EQ(errorOf([&] { smc.keyCount(); }), SMCError::firmware("#KEY"));
+    EXPECT_EQ(errorOf([&] { smc.key(99); }), SMCError::firmware(FourCC::unknown));
 }
 
 TEST_F(SMCTest, AllKeysSkipsIndexesThatFail) {
@@ -130,26 +119,6 @@ TEST_F(SMCTest, AllKeysSkipsIndexesThatFail) {
     std::vector<FourCC> keys = smc.allKeys();
     ASSERT_EQ(keys.size(), 5u);
     EXPECT_EQ(keys.front(), FourCC("F0Mx")) << "#KEY and CLKH were the failing indexes";
-}
-
-TEST_F(SMCTest, KeyCountFailureIsReportedAgainstKEY) {
-    machine.injectFault({FourCC("#KEY").rawValue, SMC_CMD_READ, 1, 0, 0x85});
-    EXPECT_EQ(errorOf([&] { smc.keyCount(); }), SMCError::firmware("#KEY"));
-    EXPECT_EQ(errorOf([&] { smc.key(99); }), SMCError::firmware(FourCC::unknown));
-}
-
-TEST(SMCOpen, WithoutAServiceTheUserIsToldWhatToSet) {
-    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
-    csmc::installProcessMachine({ostrel::test::allTransports(env), "", "/sys", nullptr});
-    try {
-        SMC smc;
-        FAIL();
-    } catch (const SMCError &e) {
-        EXPECT_EQ(e, SMCError::noService());
-        EXPECT_STREQ(e.what(), "AppleSMC service not found");
-        EXPECT_NE(SMC::openDetail().find("OSTREL_SMC"), std::string::npos);
-    }
-    csmc::installProcessMachine({});
 }
 
 }  // namespace
