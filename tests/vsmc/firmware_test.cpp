@@ -1,5 +1,6 @@
-// The firmware's write rules for the three kinds of fan control, and the faults that go
-// beyond a single exchange, seen through the channel as a fan writer sees them.
+// The virtual SMC: its answers to the parameter record, its journal and faults, and the
+// firmware's write rules for the three kinds of fan control, seen through the channel as a
+// fan writer sees them.
 
 #include <gtest/gtest.h>
 
@@ -13,6 +14,101 @@ using namespace ostrel::vsmc;
 using ostrel::test::Connection;
 using ostrel::test::readNumber;
 using ostrel::test::writeNumber;
+using Bytes = std::vector<std::uint8_t>;
+
+smc_param request(std::uint8_t command, const char *key = "\0\0\0\0", std::uint32_t size = 0) {
+    smc_param in{};
+    in.command = command;
+    in.key = smc_fourcc(key);
+    in.data_size = size;
+    return in;
+}
+
+class MachineTest : public testing::Test {
+  protected:
+    Machine machine = ostrel::test::machineFromRows(
+        "key F0Tg fpe2 2 0xd0 2000\n"
+        "key F0Mx fpe2 2 0x88 6000\n"
+        "key SECR ui8  1 0x40 7\n");
+    smc_param out{};
+
+    // Answers `in` into a zeroed `out`.
+    std::uint32_t exchange(const smc_param &in, Caller caller = {}) {
+        out = {};
+        return machine.exchange(in, out, caller);
+    }
+    std::uint8_t f0tg() { return machine.keys().find(smc_fourcc("F0Tg"))->bytes[0]; }
+};
+
+TEST_F(MachineTest, AnswersLikeTheFirmwareForEachKindOfRequest) {
+    smc_param beyond = request(SMC_CMD_KEY_AT_INDEX);
+    beyond.index = 4;
+    const std::vector<std::tuple<const char *, smc_param, std::uint32_t, int>> cases = {
+        {"unknown key", request(SMC_CMD_READ, "NOPE", 2), 0, SMC_RESULT_KEY_NOT_FOUND},
+        {"not readable", request(SMC_CMD_READ, "SECR", 1), 0, SMC_RESULT_NOT_READABLE},
+        {"read-only", request(SMC_CMD_WRITE, "F0Mx", 2), 0, SMC_RESULT_NOT_WRITABLE},
+        {"past the last key", beyond, 0, SMC_RESULT_INDEX_RANGE},
+        {"unknown command", request(42), SMC_KERN_BAD_ARGUMENT, 0}};
+    for (const auto &[name, in, kern, result] : cases) {
+        std::uint32_t answer = exchange(in);
+        EXPECT_EQ(std::pair(answer, int{out.result}), std::pair(kern, result)) << name;
+    }
+    ASSERT_EQ(exchange(request(SMC_CMD_KEY_INFO, "F0Mx")), 0u);
+    EXPECT_EQ(std::tuple(int{out.result}, out.data_type, out.data_size, int{out.attributes}),
+              std::tuple(0, smc_fourcc("fpe2"), 2u, 0x80))
+        << "the constant bit is masked";
+}
+
+TEST_F(MachineTest, WritesChangeTheTableAndAreJournalled) {
+    smc_param write = request(SMC_CMD_WRITE, "F0Tg", 2);
+    write.bytes[0] = 0x2E;
+    write.bytes[1] = 0xE0;
+    ASSERT_EQ(exchange(write), 0u);
+    EXPECT_EQ(out.result, 0);
+    exchange(request(SMC_CMD_READ, "F0Tg", 2));
+    ASSERT_EQ(machine.journal().size(), 2u);
+    const ExchangeRecord &w = machine.journal()[0];
+    EXPECT_EQ(std::tuple(w.command, w.key, w.bytes),
+              std::tuple(std::uint8_t{SMC_CMD_WRITE}, smc_fourcc("F0Tg"), Bytes{0x2E, 0xE0}));
+    EXPECT_EQ(machine.journal()[1].bytes, (Bytes{0x2E, 0xE0})) << "the value read back";
+    EXPECT_EQ(machine.count(SMC_CMD_WRITE), 1u);
+    machine.clearJournal();
+    EXPECT_EQ(machine.totalExchanges(), 0u);
+}
+
+TEST_F(MachineTest, UnprivilegedWritesAreRefusedByTheKernelWhenAskedAndLogged) {
+    smc_param write = request(SMC_CMD_WRITE, "F0Tg", 2);
+    Caller user{false};
+    EXPECT_EQ(exchange(write, user), 0u) << "privilege not required by default";
+    machine.setRefuseUnprivilegedWrites(true);
+    write.bytes[0] = 0x10;
+    EXPECT_EQ(exchange(write, user), SMC_KERN_NOT_PRIVILEGED);
+    EXPECT_EQ(f0tg(), 0x00);
+    EXPECT_EQ(std::pair(machine.writes().back().privileged, machine.writes().back().kern),
+              std::pair(false, std::uint32_t{SMC_KERN_NOT_PRIVILEGED}));
+    EXPECT_EQ(exchange(write, Caller{true}), 0u);
+    EXPECT_EQ(f0tg(), 0x10);
+    EXPECT_EQ(exchange(request(SMC_CMD_READ, "F0Tg", 2), user), 0u) << "reads need no privilege";
+}
+
+TEST_F(MachineTest, FaultsMatchByKeyAndCommandAndRunOut) {
+    machine.injectFault({smc_fourcc("F0Tg"), SMC_CMD_WRITE, 2, 0, 0x82});
+    machine.injectFault({std::nullopt, SMC_CMD_KEY_AT_INDEX, 1, SMC_KERN_IO_ERROR, 0});
+    smc_param write = request(SMC_CMD_WRITE, "F0Tg", 2);
+    write.bytes[0] = 0x10;
+    exchange(request(SMC_CMD_READ, "F0Tg", 2));
+    EXPECT_EQ(out.result, 0) << "a read of the key is not a write";
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(exchange(write), 0u);
+        EXPECT_EQ(out.result, 0x82);
+    }
+    EXPECT_EQ(f0tg(), 0x1F) << "no effect";
+    exchange(write);
+    EXPECT_EQ(out.result, 0);
+    EXPECT_EQ(exchange(request(SMC_CMD_KEY_AT_INDEX)), SMC_KERN_IO_ERROR);
+    EXPECT_TRUE(machine.journal().back().injected);
+    EXPECT_EQ(exchange(request(SMC_CMD_KEY_AT_INDEX)), 0u);
+}
 
 TEST(ForceMask, EachBitPutsItsFanInManualAndClearingItHandsTheFanBack) {
     Machine machine = ostrel::test::builtinMachine("macbookpro10-1");
@@ -44,21 +140,13 @@ TEST(ModeKeys, OneIsManualAndEveryOtherValueLeavesTheFirmwareInCharge) {
     EXPECT_EQ(readNumber(conn.get(), "F0Md"), 3) << "the written mode is kept";
 }
 
-class TestKey : public testing::Test {
-  protected:
-    TestKey() { machine.setUnlockRefusals(3); }
+TEST(TestKey, ModeWritesAreRefusedWhileItIsClearAndHonouredAfterTheConfiguredRefusals) {
     Machine machine = ostrel::test::builtinMachine("macbookpro18-2");
-    Connection conn{machine};
-};
-
-TEST_F(TestKey, ModeWritesAreRefusedWhileItIsClear) {
+    machine.setUnlockRefusals(3);
+    Connection conn(machine);
     ASSERT_EQ(machine.fanControl(), FanControlKind::testKey);
     EXPECT_EQ(writeNumber(conn.get(), "F0Md", 1), SMC_EFIRMWARE);
     EXPECT_EQ(machine.journal().back().result, kResultModeLocked);
-    EXPECT_EQ(readNumber(conn.get(), "F0Md"), 0);
-}
-
-TEST_F(TestKey, ModeWritesAreHonouredAfterTheConfiguredRefusals) {
     ASSERT_EQ(writeNumber(conn.get(), "Ftst", 1), SMC_OK);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(writeNumber(conn.get(), i == 1 ? "F1Md" : "F0Md", 1), SMC_EFIRMWARE) << i;
@@ -68,19 +156,14 @@ TEST_F(TestKey, ModeWritesAreHonouredAfterTheConfiguredRefusals) {
     EXPECT_EQ(writeNumber(conn.get(), "F1Md", 1), SMC_OK);
     EXPECT_TRUE(machine.fanManual(0));
     ASSERT_EQ(writeNumber(conn.get(), "Ftst", 1), SMC_OK);
-    EXPECT_EQ(writeNumber(conn.get(), "F0Md", 0), SMC_OK) << "setting it again does not re-lock";
-}
+    EXPECT_EQ(writeNumber(conn.get(), "F0Md", 1), SMC_OK) << "setting it again does not re-lock";
 
-TEST_F(TestKey, ClearingItHandsTheFansBackAndLocksAgain) {
-    writeNumber(conn.get(), "Ftst", 1);
-    machine.setUnlockRefusals(0);
-    writeNumber(conn.get(), "Ftst", 0);
-    writeNumber(conn.get(), "Ftst", 1);
-    ASSERT_EQ(writeNumber(conn.get(), "F0Md", 1), SMC_OK);
+    // Clearing it hands the fans back and locks again.
     ASSERT_EQ(writeNumber(conn.get(), "Ftst", 0), SMC_OK);
     EXPECT_EQ(readNumber(conn.get(), "F0Md"), 0);
     EXPECT_FALSE(machine.fanManual(0));
     EXPECT_EQ(writeNumber(conn.get(), "F0Md", 1), SMC_EFIRMWARE);
+    EXPECT_EQ(readNumber(conn.get(), "F0Md"), 0);
 }
 
 TEST(Faults, AVanishedKeyReadsAsUnknownUntilRestored) {
@@ -131,20 +214,14 @@ TEST(Faults, AStalledFanStopsWhateverItIsTold) {
     EXPECT_NEAR(readNumber(conn.get(), "F1Ac"), 4000, 20);
 }
 
-TEST(WriteLog, RecordsEveryWriteWithItsOutcomeAndStaysBounded) {
+TEST(WriteLog, RecordsEveryWriteAndStaysBoundedAsDoesTheJournal) {
     Machine machine = ostrel::test::builtinMachine("macbookpro18-2");
-    Connection user(machine, Caller{false});
-    machine.setRefuseUnprivilegedWrites(true);
-    EXPECT_EQ(writeNumber(user.get(), "Ftst", 1), SMC_ENOTPRIVILEGED);
-    ASSERT_EQ(machine.writes().size(), 1u);
-    EXPECT_FALSE(machine.writes()[0].privileged);
-    EXPECT_EQ(machine.writes()[0].kern, SMC_KERN_NOT_PRIVILEGED);
     Connection root(machine);
     for (std::size_t i = 0; i < Machine::kWriteLogSize + 10; ++i) {
         writeNumber(root.get(), "F0Md", 1);
     }
     EXPECT_EQ(machine.writes().size(), Machine::kWriteLogSize);
-    EXPECT_EQ(machine.writeCount(), Machine::kWriteLogSize + 11);
+    EXPECT_EQ(machine.writeCount(), Machine::kWriteLogSize + 10);
     machine.setJournalLimit(50);
     for (int i = 0; i < 200; ++i) {
         readNumber(root.get(), "F0Md");
