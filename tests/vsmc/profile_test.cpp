@@ -21,16 +21,18 @@ std::string errorOf(const std::string &text) {
     return "(parsed)";
 }
 
-const KeyEntry &keyOf(const Profile &p, const char *key) {
-    for (const KeyEntry &e : p.keys) {
-        if (e.key == smc_fourcc(key)) {
-            return e;
-        }
+// What loading `name` throws: whether it is missing, and the message.
+std::pair<bool, std::string> loadError(const std::string &name,
+                                       const ostrel::platform::Files &files) {
+    try {
+        loadProfile(name, files);
+    } catch (const ProfileError &e) {
+        return {e.missing(), e.what()};
     }
-    throw std::runtime_error(std::string("no key ") + key);
+    return {false, "(loaded)"};
 }
 
-TEST(ProfileText, ParsesNumbersBytesTextAndPaddedCodes) {
+TEST(ProfileText, ParsesKeysPhysicsFirmwareBindingsSensorsAndBattery) {
     Profile p = parseProfile(
         "# comment\n"
         "\n"
@@ -39,23 +41,39 @@ TEST(ProfileText, ParsesNumbersBytesTextAndPaddedCodes) {
         "key \"F0ID\" {fds 16 0x80 <00 00 0c 00> \"Left side\"\n"
         "key TC0P sp78 2 192 -0.5\n"
         "key RPlt ch8* 8 0x80 \"a\\\"b\\x01\"\n"
-        "key Zero flag 1 0x80\n",
+        "key Zero flag 1 0x80\n"
+        "physics cpu-max-power 28.5\n"
+        "firmware unlock-refusals 4\n"
+        "bind TC0P cpu +3.5 x1.1\n"
+        "bind Zero board -2\n"
+        "bind FS! none\n"
+        "sensor \"PMU tdie1\" board +6\n"
+        "sensor gauge battery\n"
+        "battery cells 4\n",
         "x.profile");
     EXPECT_EQ(p.model, "MacBookPro10,1");
-    ASSERT_EQ(p.keys.size(), 5u);
-    const KeyEntry &mask = keyOf(p, "FS! ");
-    EXPECT_EQ(mask.type, smc_fourcc("ui16"));
-    EXPECT_EQ(mask.bytes[1], 3);
-    const KeyEntry &fan = keyOf(p, "F0ID");
-    EXPECT_EQ(fan.size, 16u);
-    EXPECT_EQ(fan.bytes[2], 0x0c);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(&fan.bytes[4]), 9), "Left side");
-    EXPECT_EQ(fan.bytes[13], 0);
-    EXPECT_EQ(keyOf(p, "TC0P").attributes, 192);
-    EXPECT_EQ(keyOf(p, "TC0P").bytes[0], 0xFF);
-    const KeyEntry &text = keyOf(p, "RPlt");
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(text.bytes.data()), 4), "a\"b\x01");
-    EXPECT_EQ(keyOf(p, "Zero").bytes[0], 0);
+    EXPECT_EQ(p.keys, (std::vector<KeyEntry>{
+                          {smc_fourcc("FS! "), smc_fourcc("ui16"), 2, 0xc0, {0, 3}},
+                          {smc_fourcc("F0ID"),
+                           smc_fourcc("{fds"),
+                           16,
+                           0x80,
+                           {0, 0, 0x0c, 0, 'L', 'e', 'f', 't', ' ', 's', 'i', 'd', 'e'}},
+                          {smc_fourcc("TC0P"), smc_fourcc("sp78"), 2, 192, {0xFF, 0x80}},
+                          {smc_fourcc("RPlt"), smc_fourcc("ch8*"), 8, 0x80, {'a', '"', 'b', 1}},
+                          {smc_fourcc("Zero"), smc_fourcc("flag"), 1, 0x80, {}}}));
+    MachineParams params;
+    params.cpuMaxPower = 28.5;
+    params.unlockRefusals = 4;
+    EXPECT_EQ(p.params, params);
+    EXPECT_EQ(p.bindings, (std::vector<Binding>{{smc_fourcc("TC0P"), Source::cpu, 3.5, 1.1},
+                                                {smc_fourcc("Zero"), Source::board, -2, 1},
+                                                {smc_fourcc("FS! "), Source::none, 0, 1}}));
+    EXPECT_EQ(p.sensors, (std::vector<SensorService>{{"PMU tdie1", Source::board, 6},
+                                                     {"gauge", Source::battery, 0}}));
+    EXPECT_TRUE(p.battery.present);
+    EXPECT_EQ(p.battery.cells, 4);
+    EXPECT_FALSE(p.battery.remaining.has_value());
 }
 
 TEST(ProfileText, ErrorsNameTheFileAndLine) {
@@ -102,11 +120,8 @@ TEST(ProfileText, ErrorsNameTheFileAndLine) {
     EXPECT_THAT(errorOf(model + "sensor <01> cpu\n"), HasSubstr("sensor \"NAME\" NODE"));
     EXPECT_EQ(errorOf("key A ui8 1 0x80 1\n"), "fans.profile: no 'model' line");
     EXPECT_THAT(errorOf("model\n"), HasSubstr(":1: 'model' needs"));
-}
-
-// Truncated escapes, stray brackets, NUL bytes and very long tokens are errors on their
-// line, not crashes (fuzz/profile_parser_fuzz.cpp explores the rest).
-TEST(ProfileText, HostileInputIsAnErrorOnItsLine) {
+    // Truncated escapes, stray brackets, NUL bytes and very long tokens are errors on their
+    // line, not crashes (fuzz/profile_parser_fuzz.cpp explores the rest).
     for (std::string text :
          {std::string("model M\nkey A ui8 1 0x80 \"\\"),
           std::string("model M\nkey A ui8 1 0x80 \"\\x4\""),
@@ -119,92 +134,48 @@ TEST(ProfileText, HostileInputIsAnErrorOnItsLine) {
 
 TEST(ProfileText, LoadingAMissingProfileSaysSoAndListsTheBuiltIns) {
     ostrel::platform::FakeFiles files;
-    try {
-        loadProfile("nosuch", files);
-        FAIL();
-    } catch (const ProfileError &e) {
-        EXPECT_TRUE(e.missing());
-        EXPECT_THAT(e.what(), HasSubstr("macbookpro10-1"));
-    }
+    auto [missing, message] = loadError("nosuch", files);
+    EXPECT_TRUE(missing);
+    EXPECT_THAT(message, HasSubstr("macbookpro10-1"));
     files.put("/p/mine.profile", "model Mine,1\nkey TC0P sp78 2 0xc0 50\n");
     EXPECT_EQ(loadProfile("/p/mine.profile", files).model, "Mine,1");
     files.put("/p/bad.profile", "model Mine,1\nkey TC0P\n");
-    try {
-        loadProfile("/p/bad.profile", files);
-        FAIL();
-    } catch (const ProfileError &e) {
-        EXPECT_FALSE(e.missing());
-        EXPECT_THAT(e.what(), HasSubstr("/p/bad.profile:2:"));
-    }
+    EXPECT_EQ(loadError("/p/bad.profile", files).first, false);
+    EXPECT_THAT(loadError("/p/bad.profile", files).second, HasSubstr("/p/bad.profile:2:"));
 }
 
 class BuiltinProfile : public testing::TestWithParam<std::string> {};
 
-TEST_P(BuiltinProfile, FormatsAndParsesBackToTheSameProfile) {
+TEST_P(BuiltinProfile, FormatsAndParsesBackRestsAndLoadsFromAKeyTableDump) {
     Profile original = builtinProfile(GetParam());
     Profile again = parseProfile(formatProfile(original), "again");
-    EXPECT_EQ(again.model, original.model);
-    EXPECT_EQ(again.keys, original.keys);
-    EXPECT_EQ(again.params, original.params);
-    EXPECT_EQ(again.bindings, original.bindings);
-    EXPECT_EQ(again.sensors, original.sensors);
-    EXPECT_EQ(again.battery, original.battery);
-}
+    EXPECT_EQ(std::tie(again.model, again.keys, again.params, again.bindings, again.sensors,
+                       again.battery),
+              std::tie(original.model, original.keys, original.params, original.bindings,
+                       original.sensors, original.battery));
 
-TEST_P(BuiltinProfile, DescribesAMachineAtRest) {
     // memory: machines never move from their profile's values, so a hot one would keep a
     // daemon in its failsafe for ever: every temperature stays below where the Intel
     // failsafe lets go (85 degC).
-    Machine machine(builtinProfile(GetParam()));
-    for (const KeyEntry &entry : machine.keys().entries()) {
-        std::optional<double> celsius = machine.number(entry.key);
+    Machine rest(original);
+    for (const KeyEntry &entry : rest.keys().entries()) {
+        std::optional<double> celsius = rest.number(entry.key);
         if ((entry.key >> 24) == 'T' && celsius) {
             EXPECT_LT(*celsius, 85) << codeToken(entry.key);
         }
     }
-}
 
-TEST_P(BuiltinProfile, AKeyTableDumpLoadsAsAMachineWithFansAndHeat) {
     // What `ostrel smc dump` writes holds only the model and the keys.
-    Machine original(builtinProfile(GetParam()));
     Profile dump;
-    dump.model = original.model();
-    dump.keys = original.keys().entries();
+    dump.model = rest.model();
+    dump.keys = rest.keys().entries();
     Machine machine(parseProfile(formatProfile(dump), "dump.profile"));
-    EXPECT_EQ(machine.keys().entries(), original.keys().entries());
-    EXPECT_EQ(machine.fanCount(), original.fanCount());
-    EXPECT_EQ(machine.fanControl(), original.fanControl());
+    EXPECT_EQ(machine.keys().entries(), rest.keys().entries());
+    EXPECT_EQ(std::pair(machine.fanCount(), machine.fanControl()),
+              std::pair(rest.fanCount(), rest.fanControl()));
     machine.setLoad(1, 1);
     machine.advance(120);
     EXPECT_GT(machine.simulation().state().node(Node::cpu), 60);
-}
-
-TEST(ProfileText, ParsesPhysicsFirmwareBindingsSensorsAndBattery) {
-    Profile p = parseProfile(
-        "model M,1\n"
-        "physics cpu-max-power 28.5\n"
-        "firmware unlock-refusals 4\n"
-        "bind TC0E cpu +3.5 x1.1\n"
-        "bind Tp0C board -2\n"
-        "bind PSTR none\n"
-        "sensor \"PMU tdie1\" board +6\n"
-        "sensor gauge battery\n"
-        "battery cells 4\n"
-        "key TC0E sp78 2 0xc0 60\nkey Tp0C sp78 2 0xc0 40\nkey PSTR sp87 2 0xc0 9\n",
-        "m.profile");
-    EXPECT_EQ(p.params.cpuMaxPower, 28.5);
-    EXPECT_EQ(p.params.unlockRefusals, 4);
-    EXPECT_EQ(p.params.ambient, MachineParams{}.ambient);
-    ASSERT_EQ(p.bindings.size(), 3u);
-    EXPECT_EQ(p.bindings[0], (Binding{smc_fourcc("TC0E"), Source::cpu, 3.5, 1.1}));
-    EXPECT_EQ(p.bindings[1].offset, -2);
-    EXPECT_EQ(p.bindings[2].source, Source::none);
-    ASSERT_EQ(p.sensors.size(), 2u);
-    EXPECT_EQ(p.sensors[0], (SensorService{"PMU tdie1", Source::board, 6}));
-    EXPECT_EQ(p.sensors[1].name, "gauge");
-    EXPECT_TRUE(p.battery.present);
-    EXPECT_EQ(p.battery.cells, 4);
-    EXPECT_FALSE(p.battery.remaining.has_value());
 }
 
 TEST(ProfileBindings, KeysFollowTheirNamesUnlessTheProfileSaysOtherwise) {
