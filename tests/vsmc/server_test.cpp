@@ -138,7 +138,6 @@ TEST_F(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocket) {
     auto battery = client.transport().batteryProperties();
     ASSERT_TRUE(battery && battery->is_object());
     EXPECT_EQ((*battery)["MaxCapacity"], 100);
-    EXPECT_EQ(client.call({{"call", "warp"}})["error"], "unknown call 'warp'");
 }
 
 TEST_F(VsmcServer, SeveralClientsSeeOneMachine) {
@@ -218,6 +217,9 @@ TEST_F(VsmcServer, InjectedFaultsReachTheChannel) {
     EXPECT_EQ(writeNumber(client.get(), "FS! ", 1), SMC_EFIRMWARE);
     EXPECT_EQ(writeNumber(client.get(), "FS! ", 1), SMC_EFIRMWARE);
     EXPECT_EQ(writeNumber(client.get(), "FS! ", 1), SMC_OK);
+    ASSERT_EQ(ctl({"refuse", "FS!"}).status, 0);
+    ASSERT_EQ(ctl({"clear-faults"}).status, 0);
+    EXPECT_EQ(writeNumber(client.get(), "FS! ", 1), SMC_OK);
 
     client.read("TC0P");  // its information is now cached
     ASSERT_EQ(ctl({"vanish", "TC0P"}).status, 0);
@@ -245,7 +247,7 @@ TEST_F(VsmcServer, GarbageAndOversizedFramesCloseOnlyTheirConnection) {
     EXPECT_EQ(bystander.read("F0Mx"), 5348);
 }
 
-TEST_F(VsmcServer, ClaimedLengthsCostNothingAndStalledFramesAreClosed) {
+TEST_F(VsmcServer, ClaimedLengthsCostNothingAndStalledFramesAndIdleConnectionsAreClosed) {
     serve("macbookpro18-2");
     Client bystander(socket, clock);
     bystander.read("F0Mx");
@@ -276,16 +278,12 @@ TEST_F(VsmcServer, ClaimedLengthsCostNothingAndStalledFramesAreClosed) {
         ::close(fd);
     }
     EXPECT_EQ(bystander.read("F0Mx"), 5348) << "idle, not stalled: still served";
-}
 
-TEST_F(VsmcServer, IdleConnectionsAreClosedAndClientsDialAgainUnnoticed) {
-    serve("macbookpro18-2");
-    Client client(socket, clock);
-    EXPECT_EQ(client.read("F0Mx"), 5348);
+    // Idle connections are closed too, and clients dial again unnoticed.
     clock.advance(Server::defaultLimits().idleTimeout);
     io.run([&] { server->listener().closeExpired(); });
-    EXPECT_EQ(io.run([&] { return server->listener().connections(); }), 0u);
-    EXPECT_EQ(client.read("F0Mx"), 5348);
+    EXPECT_EQ(held(), std::pair(std::size_t{0}, std::size_t{0}));
+    EXPECT_EQ(bystander.read("F0Mx"), 5348);
 }
 
 TEST_F(VsmcServer, ItsClockRunsAtTheGivenSpeedAndSleepsWhenPaused) {
@@ -358,22 +356,53 @@ TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrder) {
 
 TEST_F(VsmcServer, CtlBadArgumentsAreUsageErrorsAndRefusedCallsFailures) {
     serve("macbookpro18-2");
-    EXPECT_EQ(ctl({"load", "--cpu", "2"}).status, 2);
-    EXPECT_EQ(ctl({"fail", "--result", "0x100"}).status, 2);
-    EXPECT_EQ(ctl({"scenario"}).status, 2);
-    Ran vanish = ctl({"vanish", "NOPE"});
-    EXPECT_EQ(vanish.status, 1);
-    EXPECT_THAT(vanish.err, HasSubstr("no such key"));
-    Ran limits = ctl({"limits", "5", "1", "2"});
-    EXPECT_EQ(limits.status, 1);
-    EXPECT_THAT(limits.err, HasSubstr("no fan 5 (the machine has 2)"));
+    const std::vector<std::tuple<std::vector<std::string>, int, std::string>> cases = {
+        {{"load", "--cpu", "2"}, 2, ""},
+        {{"fail", "--result", "0x100"}, 2, ""},
+        {{"scenario"}, 2, ""},
+        {{"vanish", "NOPE"}, 1, "no such key"},
+        {{"limits", "5", "1", "2"}, 1, "no fan 5 (the machine has 2)"},
+        {{"scenario", dir.put("bad.scenario", "at 0 cpu 7\n")}, 1, "bad.scenario:1: cpu load '7'"}};
+    for (const auto &[args, status, message] : cases) {
+        Ran ran = ctl(args);
+        EXPECT_EQ(ran.status, status) << args[0];
+        EXPECT_THAT(ran.err, HasSubstr(message)) << args[0];
+    }
     Ran missing = ctl({"status"}, dir.path() + "/none.sock");
     EXPECT_EQ(missing.status, 1);
     EXPECT_THAT(missing.err, HasSubstr("no virtual Mac answers at"));
+}
 
-    Ran scenario = ctl({"scenario", dir.put("bad.scenario", "at 0 cpu 7\n")});
-    EXPECT_EQ(scenario.status, 1);
-    EXPECT_THAT(scenario.err, HasSubstr("bad.scenario:1: cpu load '7'"));
+// Calls that cannot be carried out are answered with why.
+TEST_F(VsmcServer, CallsThatCannotBeCarriedOutSayWhy) {
+    serve("macbookpro10-1");
+    Client client(socket, clock);
+    auto error = [&](const nlohmann::json &request) {
+        nlohmann::json reply = client.call(request);
+        EXPECT_EQ(reply["ok"], false) << request.dump();
+        return reply.value("error", "");
+    };
+    EXPECT_EQ(error({{"call", "warp"}}), "unknown call 'warp'");
+    EXPECT_EQ(error({{"call", 5}}), "a request is an object with a \"call\" name");
+    EXPECT_EQ(error({{"call", "load"}, {"cpu", "full"}}), "'cpu' must be a number from 0 to 1");
+    EXPECT_EQ(error({{"call", "speed"}, {"value", 1e9}}),
+              "'value' must be a number from 0 to 1000");
+    EXPECT_EQ(error({{"call", "advance"}, {"seconds", 1e7}}),
+              "'seconds' must be a number from 0 to 86400");
+    EXPECT_EQ(error({{"call", "fault"}, {"key", "TOOLONG"}, {"result", 1}}),
+              "'key' must be a key of 1 to 4 characters");
+    EXPECT_EQ(error({{"call", "fault"}, {"command", "erase"}, {"result", 1}}),
+              "'command' must be read, write, key-info or key-at-index");
+    EXPECT_EQ(error({{"call", "stall"}, {"fan", 1}, {"stalled", "yes"}}).substr(0, 26),
+              "cannot carry out the call:");
+    EXPECT_EQ(error({{"call", "power"}, {"external", 1}}),
+              "'external' must be true (adapter) or false (battery)");
+    EXPECT_EQ(error({{"call", "restore"}, {"key", "TC0P"}}), "that key has not vanished");
+    EXPECT_EQ(error({{"call", "limits"}, {"fan", 0}, {"min", -1}, {"max", 100}}),
+              "the fan's limit keys cannot hold those values");
+    EXPECT_EQ(client.call({{"call", "limits"}, {"fan", 1}, {"min", 6000}, {"max", 100}})["ok"],
+              true);
+    EXPECT_EQ(client.call({{"call", "unlock-refusals"}, {"value", 4}})["ok"], true);
 }
 
 // The ostrel-vsmc process, its announcement read from its output (which comes once it
