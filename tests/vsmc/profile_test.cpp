@@ -127,7 +127,8 @@ TEST(ProfileText, ErrorsNameTheFileAndLine) {
         {"key A ui8 1 -1 1", ":2: "},
         {"key A ui8 1 0x80 <", ":2: "}};
     for (const auto &[rows, message] : cases) {
-        EXPECT_THAT(errorOf(model + rows + "\n"), HasSubstr(message)) << testing::PrintToString(rows.substr(0, 40));
+        EXPECT_THAT(errorOf(model + rows + "\n"), HasSubstr(message))
+            << testing::PrintToString(rows.substr(0, 40));
     }
 }
 
