@@ -26,61 +26,49 @@ using namespace std::chrono_literals;
 using ostrel::platform::FakeClock;
 using ostrel::test::closedByPeer;
 using ostrel::test::rawSocket;
+using ostrel::test::readNumber;
 using ostrel::test::writeNumber;
 using ostrel::vsmc::Server;
 using ostrel::vsmc::VirtualMac;
 using testing::HasSubstr;
 
-// A connection on the vsmc transport; closed with the object.
-class Client {
-  public:
+// A connection on the vsmc transport, closed with the object; `opened` tells how opening
+// went.
+struct Client {
     Client(const std::string &socket, ostrel::platform::Clock &clock,
-           std::chrono::milliseconds timeout = csmc::VsmcTransport::kDefaultTimeout) {
-        csmc::OpenedTransport opened = csmc::VsmcTransport::open(socket, clock, timeout);
-        status_ = opened.status;
-        detail_ = opened.detail;
+           std::chrono::milliseconds timeout = csmc::VsmcTransport::kDefaultTimeout)
+        : opened(csmc::VsmcTransport::open(socket, clock, timeout)) {
         if (opened.status == SMC_OK) {
-            transport_ = static_cast<csmc::VsmcTransport *>(opened.transport.get());
-            csmc::openConnection(&conn_, std::move(opened.transport));
+            transport = static_cast<csmc::VsmcTransport *>(opened.transport.get());
+            csmc::openConnection(&conn, std::move(opened.transport));
         }
     }
-    ~Client() { smc_close(conn_); }
-    smc_conn *get() const { return conn_; }
-    csmc::VsmcTransport &transport() const { return *transport_; }
-    std::int32_t status() const { return status_; }
-    const std::string &detail() const { return detail_; }
-
-    double read(const char *key) {
-        double value = std::nan("");
-        EXPECT_EQ(smc_read_double(conn_, smc_fourcc(key), &value), SMC_OK) << key;
-        return value;
-    }
+    ~Client() { smc_close(conn); }
+    smc_conn *get() const { return conn; }
+    double read(const char *key) { return readNumber(conn, key); }
     std::int32_t tryRead(const char *key) {
         double ignored = 0;
-        return smc_read_double(conn_, smc_fourcc(key), &ignored);
+        return smc_read_double(conn, smc_fourcc(key), &ignored);
     }
     nlohmann::json call(const nlohmann::json &request) {
-        auto reply = transport_->call(request);
+        auto reply = transport->call(request);
         EXPECT_TRUE(reply.has_value());
         return reply.value_or(nlohmann::json());
     }
 
-  private:
-    smc_conn *conn_ = nullptr;
-    csmc::VsmcTransport *transport_ = nullptr;
-    std::int32_t status_ = SMC_OK;
-    std::string detail_;
+    csmc::OpenedTransport opened;
+    csmc::VsmcTransport *transport = nullptr;
+    smc_conn *conn = nullptr;
 };
 
 // A server on a temporary socket, run on its own thread, with a clock the test moves.
 class VsmcServer : public testing::Test {
   protected:
-    void serve(const std::string &profile, double speed = 0,
-               ostrel::platform::UnixServerLimits limits = Server::defaultLimits()) {
+    void serve(const std::string &profile, double speed = 0) {
         mac.emplace(ostrel::vsmc::builtinProfile(profile), 0, speed);
         server = io.run([&] {
             return std::make_unique<Server>(io.io, *mac, socket, ostrel::platform::realFiles(),
-                                            clock, 100ms, limits);
+                                            clock, 100ms, Server::defaultLimits());
         });
     }
     void TearDown() override {
@@ -119,7 +107,7 @@ class VsmcServer : public testing::Test {
 TEST_F(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocket) {
     serve("macbookpro18-2");
     Client client(socket, clock);
-    ASSERT_EQ(client.status(), SMC_OK);
+    ASSERT_EQ(client.opened.status, SMC_OK);
     std::uint32_t count = 0;
     ASSERT_EQ(smc_key_count(client.get(), &count), SMC_OK);
     EXPECT_GT(count, 200u);
@@ -131,11 +119,11 @@ TEST_F(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocket) {
     EXPECT_EQ(client.read("Ftst"), 1);
     EXPECT_EQ(client.tryRead("NOPE"), SMC_ENOKEY);
 
-    EXPECT_EQ(client.transport().modelIdentifier(), "MacBookPro18,2");
-    auto sensors = client.transport().temperatureSensors();
+    EXPECT_EQ(client.transport->modelIdentifier(), "MacBookPro18,2");
+    auto sensors = client.transport->temperatureSensors();
     ASSERT_TRUE(sensors && !sensors->empty());
     EXPECT_EQ(sensors->front().name, "pACC MTR Temp Sensor0");
-    auto battery = client.transport().batteryProperties();
+    auto battery = client.transport->batteryProperties();
     ASSERT_TRUE(battery && battery->is_object());
     EXPECT_EQ((*battery)["MaxCapacity"], 100);
 }
@@ -183,7 +171,7 @@ TEST_F(VsmcServer, RefusesWritesFromAPeerThatIsNotRoot) {
         }
         Client client(socket, ostrel::platform::realClock());
         double value = 0;
-        int code = client.status() != SMC_OK                                             ? 11
+        int code = client.opened.status != SMC_OK                                        ? 11
                    : writeNumber(client.get(), "Ftst", 1) != SMC_ENOTPRIVILEGED          ? 12
                    : smc_read_double(client.get(), smc_fourcc("Ftst"), &value) != SMC_OK ? 13
                    : value != 0                                                          ? 14
@@ -318,12 +306,13 @@ TEST_F(VsmcServer, ADeadOrSilentServerGivesAKernelCodeAndNoHang) {
     int listener = rawSocket(path, true);
     ASSERT_EQ(::listen(listener, 4), 0);
     Client silent(path, clock, 0ms);
-    EXPECT_EQ(silent.status(), SMC_ENOSERVICE);
-    EXPECT_THAT(silent.detail(), HasSubstr("accepted the connection but did not answer within"));
+    EXPECT_EQ(silent.opened.status, SMC_ENOSERVICE);
+    EXPECT_THAT(silent.opened.detail,
+                HasSubstr("accepted the connection but did not answer within"));
     ::close(listener);
 
     std::string none = dir.path() + "/none.sock";
-    EXPECT_EQ(Client(none, clock).detail(),
+    EXPECT_EQ(Client(none, clock).opened.detail,
               "no virtual Mac answers at " + none +
                   " (no such socket); start one with: ostrel-vsmc --profile NAME --socket " + none);
 }
@@ -431,7 +420,7 @@ TEST(VsmcProcess, ServesUntilTerminatedKeepsItsSocketAndTakesItAlong) {
     EXPECT_EQ(announced(second, "second.log"),
               "ostrel-vsmc: a virtual Mac is already serving " + socket);
     Client client(socket, ostrel::platform::realClock());
-    EXPECT_EQ(client.transport().modelIdentifier(), "MacBookPro16,1");
+    EXPECT_EQ(client.transport->modelIdentifier(), "MacBookPro16,1");
     first.signal(SIGTERM);
     EXPECT_EQ(first.wait(), 0);
     EXPECT_EQ(::access(socket.c_str(), F_OK), -1) << "the socket goes with the server";
