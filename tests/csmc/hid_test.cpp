@@ -111,23 +111,6 @@ class HwmonTree : public testing::Test {
     }
 };
 
-TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmc) {
-    chip("hwmon10", "nvme", {{1, "Composite", "38850"}});
-    chip("hwmon2", "coretemp",
-         {{1, "Package id 0", "52000"}, {10, "Core 8", "50000"}, {2, "Core 0", "49000"}});
-    chip("hwmon3", "applesmc", {{1, "TC0P", "60000"}});
-    chip("hwmon4", "amdgpu", {{1, "edge", "41000"}, {2, "", "garbage"}});
-    chip("hwmon5", "acpitz", {{1, "", "0"}});
-    Handle h{csmc::openHid(csmc::selectedServices(machine))};
-    ASSERT_EQ(smc_hid_count(h.hid), 7);
-    EXPECT_EQ(h.read(16), (Readings{{"CPU Package id 0", 52.0},
-                                    {"CPU Core 0", 49.0},
-                                    {"CPU Core 8", 50.0},
-                                    {"GPU edge", 41.0},
-                                    {"SSD Composite", 38.85}}))
-        << "garbage and 0 readings are skipped";
-}
-
 // Real files, counting the reads of temperature inputs.
 class CountingFiles final : public ostrel::test::RealFiles {
   public:
@@ -138,12 +121,24 @@ class CountingFiles final : public ostrel::test::RealFiles {
     }
 };
 
-TEST_F(HwmonTree, ReadingStopsOnceTheCapacityIsFilled) {
-    chip("hwmon0", "coretemp",
-         {{1, "", "0"}, {2, "", "41000"}, {3, "", "42000"}, {4, "", "43000"}, {5, "", "44000"}});
+TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmcAndReadsOnlyWhatFits) {
+    chip("hwmon10", "nvme", {{1, "Composite", "38850"}});
+    chip("hwmon2", "coretemp",
+         {{1, "Package id 0", "52000"}, {10, "Core 8", "50000"}, {2, "Core 0", "49000"}});
+    chip("hwmon3", "applesmc", {{1, "TC0P", "60000"}});
+    chip("hwmon4", "amdgpu", {{1, "edge", "41000"}, {2, "", "garbage"}});
+    chip("hwmon1", "acpitz", {{1, "", "0"}});
+    Handle h{csmc::openHid(csmc::selectedServices(machine))};
+    ASSERT_EQ(smc_hid_count(h.hid), 7);
+    EXPECT_EQ(h.read(16), (Readings{{"CPU Package id 0", 52.0},
+                                    {"CPU Core 0", 49.0},
+                                    {"CPU Core 8", 50.0},
+                                    {"GPU edge", 41.0},
+                                    {"SSD Composite", 38.85}}))
+        << "garbage and 0 readings are skipped";
     CountingFiles files;
-    Handle h{csmc::openHid(csmc::hwmonServices(root.path() + "/sys", files))};
-    EXPECT_EQ(h.read(2), (Readings{{"CPU temp2", 41.0}, {"CPU temp3", 42.0}}));
+    Handle two{csmc::openHid(csmc::hwmonServices(root.path() + "/sys", files))};
+    EXPECT_EQ(two.read(2), (Readings{{"CPU Package id 0", 52.0}, {"CPU Core 0", 49.0}}));
     EXPECT_EQ(files.inputReads, 3) << "the implausible first one, then two";
 }
 

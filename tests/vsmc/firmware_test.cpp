@@ -59,24 +59,7 @@ TEST_F(MachineTest, AnswersLikeTheFirmwareForEachKindOfRequest) {
         << "the constant bit is masked";
 }
 
-TEST_F(MachineTest, WritesChangeTheTableAndAreJournalled) {
-    smc_param write = request(SMC_CMD_WRITE, "F0Tg", 2);
-    write.bytes[0] = 0x2E;
-    write.bytes[1] = 0xE0;
-    ASSERT_EQ(exchange(write), 0u);
-    EXPECT_EQ(out.result, 0);
-    exchange(request(SMC_CMD_READ, "F0Tg", 2));
-    ASSERT_EQ(machine.journal().size(), 2u);
-    const ExchangeRecord &w = machine.journal()[0];
-    EXPECT_EQ(std::tuple(w.command, w.key, w.bytes),
-              std::tuple(std::uint8_t{SMC_CMD_WRITE}, smc_fourcc("F0Tg"), Bytes{0x2E, 0xE0}));
-    EXPECT_EQ(machine.journal()[1].bytes, (Bytes{0x2E, 0xE0})) << "the value read back";
-    EXPECT_EQ(machine.count(SMC_CMD_WRITE), 1u);
-    machine.clearJournal();
-    EXPECT_EQ(machine.totalExchanges(), 0u);
-}
-
-TEST_F(MachineTest, UnprivilegedWritesAreRefusedByTheKernelWhenAskedAndLogged) {
+TEST_F(MachineTest, WritesAreJournalledAndRefusedByTheKernelForUnprivilegedCallersWhenAsked) {
     smc_param write = request(SMC_CMD_WRITE, "F0Tg", 2);
     Caller user{false};
     EXPECT_EQ(exchange(write, user), 0u) << "privilege not required by default";
@@ -88,7 +71,14 @@ TEST_F(MachineTest, UnprivilegedWritesAreRefusedByTheKernelWhenAskedAndLogged) {
               std::pair(false, std::uint32_t{SMC_KERN_NOT_PRIVILEGED}));
     EXPECT_EQ(exchange(write, Caller{true}), 0u);
     EXPECT_EQ(f0tg(), 0x10);
+    const ExchangeRecord &w = machine.journal().back();
+    EXPECT_EQ(std::tuple(w.command, w.key, w.bytes),
+              std::tuple(std::uint8_t{SMC_CMD_WRITE}, smc_fourcc("F0Tg"), Bytes{0x10, 0}));
     EXPECT_EQ(exchange(request(SMC_CMD_READ, "F0Tg", 2), user), 0u) << "reads need no privilege";
+    EXPECT_EQ(machine.journal().back().bytes, (Bytes{0x10, 0})) << "a read journals the value";
+    EXPECT_EQ(machine.count(SMC_CMD_WRITE), 3u);
+    machine.clearJournal();
+    EXPECT_EQ(machine.totalExchanges(), 0u);
 }
 
 TEST_F(MachineTest, FaultsMatchByKeyAndCommandAndRunOut) {
@@ -185,7 +175,7 @@ TEST(Faults, AVanishedKeyReadsAsUnknownUntilRestored) {
     EXPECT_EQ(readNumber(conn.get(), "TC0P"), before);
 }
 
-TEST(Faults, BogusLimitsAreReportedButTheFirmwareKeepsTheFanInItsRealRange) {
+TEST(Faults, BogusLimitsAreReportedButTheFanKeepsItsRealRangeAndAStalledFanStops) {
     Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
     Connection conn(machine);
     ASSERT_TRUE(machine.setFanLimits(0, 9000, 100));
@@ -198,11 +188,8 @@ TEST(Faults, BogusLimitsAreReportedButTheFirmwareKeepsTheFanInItsRealRange) {
     writeNumber(conn.get(), "F0Tg", 20000);
     machine.advance(20);
     EXPECT_NEAR(machine.simulation().state().fans[0].actual, 5297.4, 5);
-}
 
-TEST(Faults, AStalledFanStopsWhateverItIsTold) {
-    Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
-    Connection conn(machine);
+    // A stalled fan stops whatever it is told.
     writeNumber(conn.get(), "F1Md", 1);
     writeNumber(conn.get(), "F1Tg", 4000);
     ASSERT_TRUE(machine.setFanStalled(1, true));
