@@ -141,10 +141,8 @@ TEST_F(VsmcServer, SeveralClientsSeeOneMachine) {
         threads.emplace_back([&] {
             for (int i = 0; i < 200; ++i) {
                 double value = 0;
-                if (smc_read_double(b.get(), smc_fourcc("F1Tg"), &value) != SMC_OK ||
-                    value != 3000) {
-                    ++failures;
-                }
+                failures +=
+                    smc_read_double(b.get(), smc_fourcc("F1Tg"), &value) != SMC_OK || value != 3000;
             }
         });
     }
@@ -152,8 +150,6 @@ TEST_F(VsmcServer, SeveralClientsSeeOneMachine) {
         thread.join();
     }
     EXPECT_EQ(failures, 0) << "one connection shared by threads";
-    b.call({{"call", "advance"}, {"seconds", 30}});
-    EXPECT_NEAR(a.read("F1Ac"), 3000, 20);
     EXPECT_EQ(a.call({{"call", "status"}})["status"]["writes"]["count"], 2);
 }
 
