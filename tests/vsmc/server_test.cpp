@@ -189,11 +189,8 @@ TEST_F(VsmcServer, InjectedFaultsReachTheChannel) {
     serve("macbookpro10-1");
     Client client(socket, clock);
     client.read("F0Mx");
-    EXPECT_EQ(client.call({{"call", "fault"},
-                           {"key", "F0Mx"},
-                           {"command", "read"},
-                           {"kern", SMC_KERN_IO_ERROR}})["ok"],
-              true);
+    ASSERT_EQ(ctl({"fail", "--key", "F0Mx", "--command", "read", "--kernel", "0xe00002ca"}).status,
+              0);
     EXPECT_EQ(client.tryRead("F0Mx"), static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
     EXPECT_EQ(client.tryRead("F0Mx"), SMC_OK);
 
