@@ -100,7 +100,7 @@ TEST_F(MachineTest, FaultsMatchByKeyAndCommandAndRunOut) {
     EXPECT_EQ(exchange(request(SMC_CMD_KEY_AT_INDEX)), 0u);
 }
 
-TEST(ForceMask, EachBitPutsItsFanInManualAndClearingItHandsTheFanBack) {
+TEST(ForceMask, EachBitPutsItsFanInManualClearingItHandsTheFanBackAndKeysCanVanish) {
     Machine machine = ostrel::test::builtinMachine("macbookpro10-1");
     Connection conn(machine);
     ASSERT_EQ(machine.fanControl(), FanControlKind::forceMask);
@@ -116,9 +116,25 @@ TEST(ForceMask, EachBitPutsItsFanInManualAndClearingItHandsTheFanBack) {
     machine.advance(30);
     EXPECT_FALSE(machine.fanManual(1));
     EXPECT_NE(readNumber(conn.get(), "F1Tg"), 4000) << "the firmware sets the target again";
+
+    // A vanished key reads as unknown until restored.
+    double before = readNumber(conn.get(), "TC0P");
+    std::uint32_t count = 0;
+    ASSERT_EQ(smc_key_count(conn.get(), &count), SMC_OK);
+    ASSERT_TRUE(machine.vanishKey(smc_fourcc("TC0P")));
+    EXPECT_FALSE(machine.vanishKey(smc_fourcc("TC0P")));
+    double value = 0;
+    EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("TC0P"), &value), SMC_ENOKEY)
+        << "even with its information cached";
+    std::uint32_t fewer = 0;
+    ASSERT_EQ(smc_key_count(conn.get(), &fewer), SMC_OK);
+    EXPECT_EQ(fewer, count - 1);
+    machine.advance(1);  // a vanished bound key is simply not published
+    ASSERT_TRUE(machine.restoreKey(smc_fourcc("TC0P")));
+    EXPECT_EQ(readNumber(conn.get(), "TC0P"), before);
 }
 
-TEST(ModeKeys, OneIsManualAndEveryOtherValueLeavesTheFirmwareInCharge) {
+TEST(ModeKeys, OneIsManualOtherValuesAutomaticAndBogusLimitsOrStallsDoNotMoveTheRealFan) {
     Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
     Connection conn(machine);
     ASSERT_EQ(machine.fanControl(), FanControlKind::modeKeys);
@@ -128,6 +144,29 @@ TEST(ModeKeys, OneIsManualAndEveryOtherValueLeavesTheFirmwareInCharge) {
     ASSERT_EQ(writeNumber(conn.get(), "F0Md", 3), SMC_OK);
     EXPECT_FALSE(machine.fanManual(0)) << "the 'system' mode behaves as automatic";
     EXPECT_EQ(readNumber(conn.get(), "F0Md"), 3) << "the written mode is kept";
+
+    // Bogus limits are reported, but the firmware keeps the fan in its real range.
+    ASSERT_TRUE(machine.setFanLimits(0, 9000, 100));
+    EXPECT_FALSE(machine.setFanLimits(7, 1, 2));
+    Machine fpe2 = ostrel::test::builtinMachine("macbookpro10-1");
+    EXPECT_FALSE(fpe2.setFanLimits(0, -5, 100)) << "flt holds it, but fpe2 cannot";
+    EXPECT_EQ(readNumber(conn.get(), "F0Mn"), 9000);
+    EXPECT_EQ(readNumber(conn.get(), "F0Mx"), 100);
+    writeNumber(conn.get(), "F0Md", 1);
+    writeNumber(conn.get(), "F0Tg", 20000);
+    machine.advance(20);
+    EXPECT_NEAR(machine.simulation().state().fans[0].actual, 5297.4, 5);
+
+    // A stalled fan stops whatever it is told.
+    writeNumber(conn.get(), "F1Md", 1);
+    writeNumber(conn.get(), "F1Tg", 4000);
+    ASSERT_TRUE(machine.setFanStalled(1, true));
+    machine.advance(60);
+    EXPECT_EQ(readNumber(conn.get(), "F1Ac"), 0);
+    EXPECT_EQ(readNumber(conn.get(), "F1Tg"), 4000);
+    machine.setFanStalled(1, false);
+    machine.advance(30);
+    EXPECT_NEAR(readNumber(conn.get(), "F1Ac"), 4000, 20);
 }
 
 TEST(TestKey, ModeWritesAreRefusedWhileItIsClearAndHonouredAfterTheConfiguredRefusals) {
@@ -154,51 +193,6 @@ TEST(TestKey, ModeWritesAreRefusedWhileItIsClearAndHonouredAfterTheConfiguredRef
     EXPECT_FALSE(machine.fanManual(0));
     EXPECT_EQ(writeNumber(conn.get(), "F0Md", 1), SMC_EFIRMWARE);
     EXPECT_EQ(readNumber(conn.get(), "F0Md"), 0);
-}
-
-TEST(Faults, AVanishedKeyReadsAsUnknownUntilRestored) {
-    Machine machine = ostrel::test::builtinMachine("macbookpro10-1");
-    Connection conn(machine);
-    double before = readNumber(conn.get(), "TC0P");
-    std::uint32_t count = 0;
-    ASSERT_EQ(smc_key_count(conn.get(), &count), SMC_OK);
-    ASSERT_TRUE(machine.vanishKey(smc_fourcc("TC0P")));
-    EXPECT_FALSE(machine.vanishKey(smc_fourcc("TC0P")));
-    double value = 0;
-    EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("TC0P"), &value), SMC_ENOKEY)
-        << "even with its information cached";
-    std::uint32_t fewer = 0;
-    ASSERT_EQ(smc_key_count(conn.get(), &fewer), SMC_OK);
-    EXPECT_EQ(fewer, count - 1);
-    machine.advance(1);  // a vanished bound key is simply not published
-    ASSERT_TRUE(machine.restoreKey(smc_fourcc("TC0P")));
-    EXPECT_EQ(readNumber(conn.get(), "TC0P"), before);
-}
-
-TEST(Faults, BogusLimitsAreReportedButTheFanKeepsItsRealRangeAndAStalledFanStops) {
-    Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
-    Connection conn(machine);
-    ASSERT_TRUE(machine.setFanLimits(0, 9000, 100));
-    EXPECT_FALSE(machine.setFanLimits(7, 1, 2));
-    Machine fpe2 = ostrel::test::builtinMachine("macbookpro10-1");
-    EXPECT_FALSE(fpe2.setFanLimits(0, -5, 100)) << "flt holds it, but fpe2 cannot";
-    EXPECT_EQ(readNumber(conn.get(), "F0Mn"), 9000);
-    EXPECT_EQ(readNumber(conn.get(), "F0Mx"), 100);
-    writeNumber(conn.get(), "F0Md", 1);
-    writeNumber(conn.get(), "F0Tg", 20000);
-    machine.advance(20);
-    EXPECT_NEAR(machine.simulation().state().fans[0].actual, 5297.4, 5);
-
-    // A stalled fan stops whatever it is told.
-    writeNumber(conn.get(), "F1Md", 1);
-    writeNumber(conn.get(), "F1Tg", 4000);
-    ASSERT_TRUE(machine.setFanStalled(1, true));
-    machine.advance(60);
-    EXPECT_EQ(readNumber(conn.get(), "F1Ac"), 0);
-    EXPECT_EQ(readNumber(conn.get(), "F1Tg"), 4000);
-    machine.setFanStalled(1, false);
-    machine.advance(30);
-    EXPECT_NEAR(readNumber(conn.get(), "F1Ac"), 4000, 20);
 }
 
 TEST(WriteLog, RecordsEveryWriteAndStaysBoundedAsDoesTheJournal) {
