@@ -92,7 +92,7 @@ TEST_F(ChannelTest, WrongSizesAreRefusedWithoutAValueExchangeAndFailuresAreNotCa
     EXPECT_EQ(machine.journal().back().bytes, (std::vector<std::uint8_t>{0x1F, 0x40}));
 }
 
-TEST_F(ChannelTest, ResultAndKernelCodesMapToStatuses) {
+TEST_F(ChannelTest, ResultAndKernelCodesMapToStatusesAndTheTableIsWalkedInKeyOrder) {
     // Firmware refusal: writing a read-only key.
     std::uint8_t bytes[2] = {0x5D, 0xC0};
     EXPECT_EQ(smc_write(conn.get(), smc_fourcc("F0Mx"), bytes, 2), SMC_EFIRMWARE);
@@ -109,9 +109,8 @@ TEST_F(ChannelTest, ResultAndKernelCodesMapToStatuses) {
         }
         EXPECT_EQ(smc_read(conn.get(), kTC0P, &value), status) << kern << " " << int{result};
     }
-}
 
-TEST_F(ChannelTest, TheTableIsWalkedInKeyOrderAndItsCountNeedsAFourByteValue) {
+    // The table is walked in key order, and its count needs a four-byte value.
     std::uint32_t count = 0;
     ASSERT_EQ(smc_key_count(conn.get(), &count), SMC_OK);
     EXPECT_EQ(count, 5u);  // four rows and #KEY
@@ -206,7 +205,7 @@ class ChannelOpen : public testing::Test {
     std::shared_ptr<csmc::TransportRegistry> all = ostrel::test::allTransports(env);
 };
 
-TEST_F(ChannelOpen, SelectorsReachTheirTransportsAndFailuresSayWhatWould) {
+TEST_F(ChannelOpen, SelectorsAndSmcOpenReachTheirTransportsAndFailuresSayWhatWould) {
     csmc::OpenedTransport none = all->open("");
     EXPECT_EQ(none.status, SMC_ENOSERVICE);
     EXPECT_THAT(none.detail, HasSubstr("OSTREL_SMC"));
@@ -235,9 +234,8 @@ TEST_F(ChannelOpen, SelectorsReachTheirTransportsAndFailuresSayWhatWould) {
     EXPECT_EQ(daemon.open("memory:macbookpro16-1").detail,
               "unknown transport \"memory\" in OSTREL_SMC=memory:macbookpro16-1 (expected "
               "vsmc:SOCKET)");
-}
 
-TEST_F(ChannelOpen, SmcOpenUsesTheInstalledMachineAndSaysWhyItFails) {
+    // smc_open uses the installed machine and says why it fails.
     smc_conn *conn = reinterpret_cast<smc_conn *>(0x1);
     csmc::installProcessMachine({});
     EXPECT_EQ(smc_open(&conn), SMC_ENOSERVICE);
