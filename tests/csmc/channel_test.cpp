@@ -46,7 +46,7 @@ class ChannelTest : public testing::Test {
     }
 };
 
-TEST_F(ChannelTest, AKeyCostsOneInfoExchangeOnceMissingOnesNoMoreAndSeededOnesNone) {
+TEST_F(ChannelTest, AKeyCostsOneInfoExchangeOnceMissingAndSeededOnesNoneAndWrongSizesNone) {
     smc_value value{};
     ASSERT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_OK);
     EXPECT_EQ(std::vector<std::uint8_t>(value.bytes, value.bytes + value.size),
@@ -69,9 +69,8 @@ TEST_F(ChannelTest, AKeyCostsOneInfoExchangeOnceMissingOnesNoMoreAndSeededOnesNo
     number = -1;
     EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("RPlt"), &number), SMC_ETYPE);
     EXPECT_EQ(number, -1) << "an undecodable type leaves the output alone";
-}
 
-TEST_F(ChannelTest, WrongSizesAreRefusedWithoutAValueExchangeAndFailuresAreNotCached) {
+    // Wrong sizes are refused without a value exchange; failures are not cached.
     machine.injectFault({kF0Tg, SMC_CMD_KEY_INFO, 1, SMC_KERN_IO_ERROR, 0});
     smc_key_info info{};
     EXPECT_EQ(smc_key_info_get(conn.get(), kF0Tg, &info),
@@ -82,11 +81,10 @@ TEST_F(ChannelTest, WrongSizesAreRefusedWithoutAValueExchangeAndFailuresAreNotCa
 
     KeyEntry big{smc_fourcc("BIG!"), smc_fourcc("hex_"), 33, 0xC0, {}};
     machine.keys().put(big);
-    smc_value value{};
     EXPECT_EQ(smc_read(conn.get(), big.key, &value), SMC_ESIZE);
     EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 33), SMC_ESIZE);
     EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 32), SMC_ESIZE);
-    EXPECT_EQ(exchanges(), (Counts{3, 0, 0}));
+    EXPECT_EQ(exchanges(), (Counts{6, 4, 0}));
 
     ASSERT_EQ(smc_write(conn.get(), kF0Tg, bytes, 2), SMC_OK);
     EXPECT_EQ(machine.journal().back().bytes, (std::vector<std::uint8_t>{0x1F, 0x40}));

@@ -50,7 +50,7 @@ Handle open(std::vector<csmc::TemperatureSensor> *list) {
     return {csmc::openHid(csmc::transportServices(std::make_unique<SensorTransport>(list)))};
 }
 
-TEST(HidRead, SkipsImplausibleValuesPacksTheOutputAndCutsLongNames) {
+TEST(HidRead, SkipsImplausibleValuesPacksTheOutputCutsLongNamesAndFollowsNames) {
     std::string longName = std::string(62, 'x') + "\u00b0C";  // a character across byte 63
     std::vector<csmc::TemperatureSensor> list = {{"pACC MTR Temp Sensor0", 45},
                                                  {"zero", 0},
@@ -67,16 +67,12 @@ TEST(HidRead, SkipsImplausibleValuesPacksTheOutputAndCutsLongNames) {
                                     {std::string(62, 'x'), 40}}));
     EXPECT_EQ(h.read(1).size(), 1u);
     EXPECT_EQ(h.read(0).size(), 0u);
-}
 
-TEST(HidRead, NamesAreFixedAtOpeningAndValuesFollowByName) {
-    std::vector<csmc::TemperatureSensor> list = {{"PMU tdie1", 40}, {"NAND CH0 temp", 35}};
-    Handle h = open(&list);
-    ASSERT_EQ(smc_hid_count(h.hid), 2);
-    list = {{"new one", 70}, {"NAND CH0 temp", 36}};
-    EXPECT_EQ(h.read(4), (Readings{{"NAND CH0 temp", 36}})) << "a sensor gone has no reading";
-    list.push_back({"PMU tdie1", 50});
-    EXPECT_EQ(h.read(4), (Readings{{"PMU tdie1", 50}, {"NAND CH0 temp", 36}}));
+    // Names are fixed at opening; values follow by name, and a sensor gone has none.
+    list = {{"new one", 70}, {"hot", 149}};
+    EXPECT_EQ(h.read(10), (Readings{{"hot", 149}}));
+    list.push_back({"pACC MTR Temp Sensor0", 46});
+    EXPECT_EQ(h.read(10), (Readings{{"pACC MTR Temp Sensor0", 46}, {"hot", 149}}));
 }
 
 TEST(HidRead, NullHandlesAndEmptyOrMissingListsGiveNothing) {
