@@ -256,24 +256,6 @@ TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClaimsCo
     EXPECT_EQ(bystander.read("F0Mx"), 5348);
 }
 
-TEST_F(VsmcServer, ItsClockRunsAtTheGivenSpeedAndSleepsWhenPaused) {
-    serve("macbookpro10-1", 200);
-    Client client(socket, clock);
-    auto simulated = [&] { return client.call({{"call", "status"}})["status"]["time"]; };
-    EXPECT_TRUE(io.run([&] { return server->clockRunning(); }));
-    clock.advance(500ms);
-    io.run([&] { server->catchUp(); });
-    EXPECT_NEAR(simulated().get<double>(), 100, 0.11);
-
-    clock.advance(1s);
-    ASSERT_EQ(ctl({"speed", "0"}).status, 0);
-    EXPECT_NEAR(simulated().get<double>(), 300, 0.11) << "time before the call ran at 200";
-    EXPECT_FALSE(io.run([&] { return server->clockRunning(); }));
-    clock.advance(10s);
-    client.call({{"call", "advance"}, {"seconds", 10}});
-    EXPECT_NEAR(simulated().get<double>(), 310, 0.11);
-}
-
 TEST_F(VsmcServer, ADeadOrSilentServerGivesAKernelCodeAndNoHang) {
     serve("macbookpro18-2");
     Client client(socket, clock);
@@ -299,8 +281,8 @@ TEST_F(VsmcServer, ADeadOrSilentServerGivesAKernelCodeAndNoHang) {
                   " (no such socket); start one with: ostrel-vsmc --profile NAME --socket " + none);
 }
 
-TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrder) {
-    serve("macpro7-1");
+TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsAtItsSpeed) {
+    serve("macpro7-1", 200);
     ASSERT_EQ(ctl({"load", "--cpu", "1", "--gpu", "0.5"}).status, 0);
     ASSERT_EQ(ctl({"advance", "60"}).status, 0);
     Ran ran = ctl({"status", "--json"});
@@ -323,6 +305,21 @@ TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrder) {
     Ran human = ctl({"status"});
     EXPECT_THAT(human.out, HasSubstr("MacPro7,1  t=60.0 s"));
     EXPECT_THAT(human.out, HasSubstr("fan 3"));
+
+    // The clock runs at the given speed and sleeps when paused.
+    Client client(socket, clock);
+    auto simulated = [&] { return client.call({{"call", "status"}})["status"]["time"]; };
+    EXPECT_TRUE(io.run([&] { return server->clockRunning(); }));
+    clock.advance(500ms);
+    io.run([&] { server->catchUp(); });
+    EXPECT_NEAR(simulated().get<double>(), 160, 0.11);
+    clock.advance(1s);
+    ASSERT_EQ(ctl({"speed", "0"}).status, 0);
+    EXPECT_NEAR(simulated().get<double>(), 360, 0.11) << "time before the call ran at 200";
+    EXPECT_FALSE(io.run([&] { return server->clockRunning(); }));
+    clock.advance(10s);
+    client.call({{"call", "advance"}, {"seconds", 10}});
+    EXPECT_NEAR(simulated().get<double>(), 370, 0.11);
 }
 
 TEST_F(VsmcServer, CtlBadArgumentsAreUsageErrorsAndRefusedCallsFailures) {
