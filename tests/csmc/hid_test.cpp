@@ -73,9 +73,8 @@ TEST(HidRead, SkipsImplausibleValuesPacksTheOutputCutsLongNamesAndFollowsNames) 
     EXPECT_EQ(h.read(10), (Readings{{"hot", 149}}));
     list.push_back({"pACC MTR Temp Sensor0", 46});
     EXPECT_EQ(h.read(10), (Readings{{"pACC MTR Temp Sensor0", 46}, {"hot", 149}}));
-}
 
-TEST(HidRead, NullHandlesAndEmptyOrMissingListsGiveNothing) {
+    // Null handles, and empty or missing lists, give nothing.
     std::vector<csmc::TemperatureSensor> none;
     EXPECT_EQ(open(&none).hid, nullptr);
     EXPECT_EQ(csmc::transportServices(std::make_unique<SensorTransport>(nullptr)), nullptr);

@@ -88,7 +88,7 @@ TEST(ProfileText, ParsesKeysPhysicsFirmwareBindingsSensorsAndBattery) {
     EXPECT_FALSE(p.battery.remaining.has_value());
 }
 
-TEST(ProfileText, ErrorsNameTheFileAndLine) {
+TEST(ProfileText, ErrorsNameTheFileAndLineAndAMissingProfileListsTheBuiltIns) {
     const std::string model = "model M,1\n";
     EXPECT_EQ(errorOf(model + "key TC0P sp78 2 0xc0 300\n"),
               "fans.profile:2: value 300 cannot be encoded as type 'sp78' in 2 bytes");
@@ -142,9 +142,8 @@ TEST(ProfileText, ErrorsNameTheFileAndLine) {
         EXPECT_THAT(errorOf(model + rows + "\n"), HasSubstr(message))
             << testing::PrintToString(rows.substr(0, 40));
     }
-}
 
-TEST(ProfileText, LoadingAMissingProfileSaysSoAndListsTheBuiltIns) {
+    // Loading a profile that does not exist says so and lists the built-in ones.
     ostrel::platform::FakeFiles files;
     auto [missing, message] = loadError("nosuch", files);
     EXPECT_TRUE(missing);
@@ -219,7 +218,7 @@ TEST(ProfileBindings, KeysFollowTheirNamesUnlessTheProfileSaysOtherwise) {
 
 INSTANTIATE_TEST_SUITE_P(All, BuiltinProfile, testing::ValuesIn(builtinProfileNames()));
 
-TEST(ScenarioText, RampsHoldLoopAndSettingsNotNamedKeepTheirStartValue) {
+TEST(ScenarioText, RampsHoldLoopSettingsNotNamedKeepTheirStartValueAndErrorsNameTheLine) {
     Scenario s = parseScenario(
         "# warm up\n"
         "at 0 cpu 0.2   # light\n"
@@ -247,9 +246,8 @@ TEST(ScenarioText, RampsHoldLoopAndSettingsNotNamedKeepTheirStartValue) {
     EXPECT_EQ(scenarioAt(loop, 25, {}).cpu, 0.1);
     EXPECT_EQ(scenarioAt(loop, 35, {}).cpu, 0.9);
     EXPECT_FALSE(scenarioFinished(loop, 1e6));
-}
 
-TEST(ScenarioText, ErrorsNameTheFileAndLine) {
+    // Errors name the file and line.
     EXPECT_EQ(scenarioErrorOf("at 0 cpu 1.5\n"),
               "load.scenario:1: cpu load '1.5' must be a number from 0 to 1");
     EXPECT_THAT(scenarioErrorOf("at 10 cpu 1\nat 5 cpu 0\n"), HasSubstr(":2: time 5 comes before"));
