@@ -126,9 +126,7 @@ TEST_F(ChannelTest, ResultAndKernelCodesMapToStatusesAndTheTableIsWalkedInKeyOrd
     EXPECT_EQ(smc_key_count(fresh.get(), &count), SMC_ESIZE);
 }
 
-TEST(ChannelCache, GrowsAfterThe1024thKeyAndSeedingReplacesWithoutGrowingTheCount) {
-    Machine machine = ostrel::test::machineFromRows("");
-    Connection conn(machine);
+TEST_F(ChannelTest, TheCacheGrowsAfterThe1024thKeyAndSeedingReplacesWithoutGrowingTheCount) {
     // Keys that the machine does not know: each costs one exchange and a negative slot.
     auto keyFor = [](std::uint32_t i) { return 0x41000000u + i; };
     smc_key_info info{};

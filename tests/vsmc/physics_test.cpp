@@ -104,7 +104,7 @@ TEST(Heat, StaysFiniteAndBetweenTheRoomAndTheHottestPossibleWhateverTheParameter
     }
 }
 
-TEST(Fans, FollowTheirTargetWithInertiaAndCoastDownSlowerThanTheySpinUp) {
+TEST(FansAndBattery, FansFollowWithInertiaAndBatteryKeysAgreeWithItsDictionary) {
     Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
     Connection conn(machine);
     writeNumber(conn.get(), smc_fourcc("F0Md"), 1);
@@ -126,6 +126,35 @@ TEST(Fans, FollowTheirTargetWithInertiaAndCoastDownSlowerThanTheySpinUp) {
     double downGap = (fan.actual - 2000) / 3000;
     EXPECT_GT(downGap, upGap);
     EXPECT_NEAR(readNumber(conn.get(), "F0Ac"), fan.actual, 10) << "F0Ac shows the speed";
+
+    // The battery's keys and its dictionary agree while it discharges.
+    nlohmann::json before = machine.batteryProperties();
+    machine.setLoad(0.6, 0.3);
+    machine.advance(600);
+    nlohmann::json battery = machine.batteryProperties();
+    ASSERT_TRUE(battery.is_object());
+    EXPECT_LT(battery["Amperage"].get<int>(), 0);
+    EXPECT_EQ(battery["IsCharging"], 0);
+    EXPECT_EQ(battery["ExternalConnected"], 0);
+    EXPECT_EQ(readNumber(conn.get(), "B0AC"), battery["Amperage"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0AV"), battery["Voltage"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0RM"), battery["CurrentCapacity"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0FC"), battery["MaxCapacity"].get<double>());
+    EXPECT_EQ(readNumber(conn.get(), "B0CT"), battery["CycleCount"].get<double>());
+    EXPECT_LT(battery["CurrentCapacity"].get<int>(), before["CurrentCapacity"].get<int>());
+    EXPECT_NEAR(readNumber(conn.get(), "TB0T"), battery["Temperature"].get<double>() / 100, 2);
+    EXPECT_EQ(readNumber(conn.get(), "PDTR"), 0) << "no adapter";
+    EXPECT_NEAR(readNumber(conn.get(), "PPBR"), machine.simulation().value(Source::systemPower),
+                0.01);
+    EXPECT_EQ(battery["BatteryData"]["CycleCount"], battery["CycleCount"]);
+
+    // It charges on the adapter, and a desktop has none.
+    Machine laptop = ostrel::test::builtinMachine("macbookpro10-1");
+    laptop.advance(60);
+    battery = laptop.batteryProperties();
+    EXPECT_EQ(battery["IsCharging"], 1);
+    EXPECT_GT(battery["Amperage"].get<int>(), 2000);
+    EXPECT_TRUE(ostrel::test::builtinMachine("macpro7-1").batteryProperties().is_null());
 }
 
 TEST(Fans, InAutomaticModeFollowTheFirmwareCurveOfTheHottestCpu) {
@@ -187,38 +216,6 @@ TEST(Fans, OnAppleSiliconStopAtIdleAndStartWhenTheSocGetsWarmAsKeysAndSensorsFol
     machine.advance(1200);
     EXPECT_EQ(readNumber(conn.get(), "F0Ac"), 0);
     EXPECT_FALSE(machine.simulation().state().fans[0].spinning);
-}
-
-TEST(Battery, KeysAndDictionaryAgreeWhileDischargingItChargesOnTheAdapterAndADesktopHasNone) {
-    Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
-    Connection conn(machine);
-    nlohmann::json before = machine.batteryProperties();
-    machine.setLoad(0.6, 0.3);
-    machine.advance(600);
-    nlohmann::json battery = machine.batteryProperties();
-    ASSERT_TRUE(battery.is_object());
-    EXPECT_LT(battery["Amperage"].get<int>(), 0);
-    EXPECT_EQ(battery["IsCharging"], 0);
-    EXPECT_EQ(battery["ExternalConnected"], 0);
-    EXPECT_EQ(readNumber(conn.get(), "B0AC"), battery["Amperage"].get<double>());
-    EXPECT_EQ(readNumber(conn.get(), "B0AV"), battery["Voltage"].get<double>());
-    EXPECT_EQ(readNumber(conn.get(), "B0RM"), battery["CurrentCapacity"].get<double>());
-    EXPECT_EQ(readNumber(conn.get(), "B0FC"), battery["MaxCapacity"].get<double>());
-    EXPECT_EQ(readNumber(conn.get(), "B0CT"), battery["CycleCount"].get<double>());
-    EXPECT_LT(battery["CurrentCapacity"].get<int>(), before["CurrentCapacity"].get<int>());
-    EXPECT_NEAR(readNumber(conn.get(), "TB0T"), battery["Temperature"].get<double>() / 100, 2);
-    EXPECT_EQ(readNumber(conn.get(), "PDTR"), 0) << "no adapter";
-    EXPECT_NEAR(readNumber(conn.get(), "PPBR"), machine.simulation().value(Source::systemPower),
-                0.01);
-    EXPECT_EQ(battery["BatteryData"]["CycleCount"], battery["CycleCount"]);
-
-    // It charges on the adapter, and a desktop has none.
-    Machine laptop = ostrel::test::builtinMachine("macbookpro10-1");
-    laptop.advance(60);
-    battery = laptop.batteryProperties();
-    EXPECT_EQ(battery["IsCharging"], 1);
-    EXPECT_GT(battery["Amperage"].get<int>(), 2000);
-    EXPECT_TRUE(ostrel::test::builtinMachine("macpro7-1").batteryProperties().is_null());
 }
 
 TEST(Determinism, ARunDependsOnlyOnProfileScenarioAndSeed) {
