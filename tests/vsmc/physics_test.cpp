@@ -1,6 +1,7 @@
-// The virtual Mac's physics: heat against the failsafe ceiling, fans with inertia under the
-// firmware's curve or a written target, keys, sensor services and battery that agree with
-// the state, and runs that depend only on profile, scenario and seed.
+// The virtual Mac's physics: every built-in machine at rest, under load and as text; heat
+// against the failsafe ceiling, fans with inertia under the firmware's curve or a written
+// target, keys, sensor services and battery that agree with the state, and runs that depend
+// only on profile, scenario and seed.
 
 #include <gtest/gtest.h>
 
@@ -42,15 +43,22 @@ double cpu(const Machine &machine) {
 
 class EveryProfile : public testing::TestWithParam<std::string> {};
 
-// At full load, fans held at their minimum let the CPU pass the failsafe ceiling within
-// minutes (while sensors that are not fitted keep reading -127), and fans held at their
-// maximum keep it settled well below.
-TEST_P(EveryProfile, FullLoadPassesTheFailsafeCeilingAtMinimumFansAndSettlesBelowAtMaximum) {
+// Every built-in machine starts at rest. At full load, fans held at their minimum let the
+// CPU pass the failsafe ceiling within minutes (while sensors that are not fitted keep
+// reading -127), and fans held at their maximum keep it settled well below.
+TEST_P(EveryProfile, RestsAndPassesTheCeilingAtMinimumFansNotAtMaximumAndItsTextRoundTrips) {
     Machine slow = ostrel::test::builtinMachine(GetParam());
     std::vector<std::uint32_t> unfitted;
     for (const KeyEntry &entry : slow.keys().entries()) {
-        if ((entry.key >> 24) == 'T' && slow.number(entry.key) == -127) {
-            unfitted.push_back(entry.key);
+        std::optional<double> celsius = slow.number(entry.key);
+        if ((entry.key >> 24) == 'T' && celsius) {
+            // memory: machines never move from their profile's values, so a hot one would
+            // keep a daemon in its failsafe for ever: every temperature stays below where
+            // the Intel failsafe lets go (85 degC).
+            EXPECT_LT(*celsius, 85) << codeToken(entry.key);
+            if (*celsius == -127) {
+                unfitted.push_back(entry.key);
+            }
         }
     }
     holdFans(slow, false);
@@ -76,6 +84,28 @@ TEST_P(EveryProfile, FullLoadPassesTheFailsafeCeilingAtMinimumFansAndSettlesBelo
     fast.advance(120);
     EXPECT_LT(settled, 85);
     EXPECT_NEAR(cpu(fast), settled, 0.5) << "still climbing";
+
+    // Its profile formats and parses back to itself, and a dump of its key table alone
+    // loads as a machine with fans and heat.
+    Profile original = builtinProfile(GetParam());
+    Profile again = parseProfile(formatProfile(original), "again");
+    EXPECT_EQ(std::tie(again.model, again.keys, again.params, again.bindings, again.sensors,
+                       again.battery),
+              std::tie(original.model, original.keys, original.params, original.bindings,
+                       original.sensors, original.battery));
+
+    // What `ostrel smc dump` writes holds only the model and the keys.
+    Machine rest(original);
+    Profile dump;
+    dump.model = rest.model();
+    dump.keys = rest.keys().entries();
+    Machine machine(parseProfile(formatProfile(dump), "dump.profile"));
+    EXPECT_EQ(machine.keys().entries(), rest.keys().entries());
+    EXPECT_EQ(std::pair(machine.fanCount(), machine.fanControl()),
+              std::pair(rest.fanCount(), rest.fanControl()));
+    machine.setLoad(1, 1);
+    machine.advance(120);
+    EXPECT_GT(machine.simulation().state().node(Node::cpu), 60);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, EveryProfile, testing::ValuesIn(builtinProfileNames()));

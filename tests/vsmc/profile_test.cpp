@@ -1,5 +1,5 @@
-// The virtual Mac's text formats: machine profiles (with the built-in machines) and load
-// scenarios (with a machine playing one), and their errors.
+// The virtual Mac's text formats, machine profiles and load scenarios (with a machine playing
+// one), and their errors; the built-in machines are the physics tests' EveryProfile.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -155,40 +155,6 @@ TEST(ProfileText, ErrorsNameTheFileAndLineAndAMissingProfileListsTheBuiltIns) {
     EXPECT_THAT(loadError("/p/bad.profile", files).second, HasSubstr("/p/bad.profile:2:"));
 }
 
-class BuiltinProfile : public testing::TestWithParam<std::string> {};
-
-TEST_P(BuiltinProfile, FormatsAndParsesBackRestsAndLoadsFromAKeyTableDump) {
-    Profile original = builtinProfile(GetParam());
-    Profile again = parseProfile(formatProfile(original), "again");
-    EXPECT_EQ(std::tie(again.model, again.keys, again.params, again.bindings, again.sensors,
-                       again.battery),
-              std::tie(original.model, original.keys, original.params, original.bindings,
-                       original.sensors, original.battery));
-
-    // memory: machines never move from their profile's values, so a hot one would keep a
-    // daemon in its failsafe for ever: every temperature stays below where the Intel
-    // failsafe lets go (85 degC).
-    Machine rest(original);
-    for (const KeyEntry &entry : rest.keys().entries()) {
-        std::optional<double> celsius = rest.number(entry.key);
-        if ((entry.key >> 24) == 'T' && celsius) {
-            EXPECT_LT(*celsius, 85) << codeToken(entry.key);
-        }
-    }
-
-    // What `ostrel smc dump` writes holds only the model and the keys.
-    Profile dump;
-    dump.model = rest.model();
-    dump.keys = rest.keys().entries();
-    Machine machine(parseProfile(formatProfile(dump), "dump.profile"));
-    EXPECT_EQ(machine.keys().entries(), rest.keys().entries());
-    EXPECT_EQ(std::pair(machine.fanCount(), machine.fanControl()),
-              std::pair(rest.fanCount(), rest.fanControl()));
-    machine.setLoad(1, 1);
-    machine.advance(120);
-    EXPECT_GT(machine.simulation().state().node(Node::cpu), 60);
-}
-
 TEST(ProfileBindings, KeysFollowTheirNamesUnlessTheProfileSaysOtherwise) {
     auto bound = [](const char *key, const char *type) {
         return defaultBinding(smc_fourcc(key), smc_fourcc(type));
@@ -215,8 +181,6 @@ TEST(ProfileBindings, KeysFollowTheirNamesUnlessTheProfileSaysOtherwise) {
     EXPECT_NEAR(machine.simulation().hottestCpu(),
                 machine.simulation().state().node(Node::cpu) + 10, 1e-9);
 }
-
-INSTANTIATE_TEST_SUITE_P(All, BuiltinProfile, testing::ValuesIn(builtinProfileNames()));
 
 TEST(ScenarioText, RampsHoldLoopSettingsNotNamedKeepTheirStartValueAndErrorsNameTheLine) {
     Scenario s = parseScenario(
