@@ -105,7 +105,7 @@ class VsmcServer : public testing::Test {
 };
 
 // Several clients see one machine, and one connection may be shared by threads.
-TEST_F(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocketToSeveralClients) {
+TEST_F(VsmcServer, AnswersTheChannelAndJsonCallsToSeveralClientsAndGoneOrSilentSaysSo) {
     serve("macbookpro18-2");
     Client client(socket, clock);
     ASSERT_EQ(client.opened.status, SMC_OK);
@@ -145,6 +145,27 @@ TEST_F(VsmcServer, AnswersTheChannelAndTheJsonCallsOnOneSocketToSeveralClients) 
     }
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(client.call({{"call", "status"}})["status"]["writes"]["count"], 2);
+
+    // A dead server gives a kernel code and no hang.
+    io.run([&] { server.reset(); });
+    EXPECT_EQ(client.tryRead("F0Mx"), static_cast<std::int32_t>(SMC_KERN_NOT_RESPONDING));
+    EXPECT_THAT(smc_error_detail(), HasSubstr("the virtual Mac at " + socket + ": "));
+
+    // Something that accepts connections but never answers, as a stopped (Ctrl-Z) server
+    // does: opening says so instead of every request waiting out the time-out (none here).
+    std::string path = dir.path() + "/silent.sock";
+    int listener = rawSocket(path, true);
+    ASSERT_EQ(::listen(listener, 4), 0);
+    Client silent(path, clock, 0ms);
+    EXPECT_EQ(silent.opened.status, SMC_ENOSERVICE);
+    EXPECT_THAT(silent.opened.detail,
+                HasSubstr("accepted the connection but did not answer within"));
+    ::close(listener);
+
+    std::string none = dir.path() + "/none.sock";
+    EXPECT_EQ(Client(none, clock).opened.detail,
+              "no virtual Mac answers at " + none +
+                  " (no such socket); start one with: ostrel-vsmc --profile NAME --socket " + none);
 }
 
 TEST_F(VsmcServer, RefusesWritesFromAPeerThatIsNotRoot) {
@@ -179,7 +200,7 @@ TEST_F(VsmcServer, RefusesWritesFromAPeerThatIsNotRoot) {
     EXPECT_EQ(writes[0]["kern"], SMC_KERN_NOT_PRIVILEGED);
 }
 
-TEST_F(VsmcServer, InjectedFaultsReachTheChannel) {
+TEST_F(VsmcServer, InjectedFaultsReachTheChannelAndBadCallsOrArgumentsSayWhy) {
     serve("macbookpro10-1");
     Client client(socket, clock);
     client.read("F0Mx");
@@ -201,6 +222,51 @@ TEST_F(VsmcServer, InjectedFaultsReachTheChannel) {
     EXPECT_EQ(client.tryRead("TC0P"), SMC_ENOKEY);
     ASSERT_EQ(ctl({"restore", "TC0P"}).status, 0);
     EXPECT_EQ(client.tryRead("TC0P"), SMC_OK);
+
+    // ctl's bad arguments are usage errors; calls the machine refuses are failures.
+    const std::vector<std::tuple<std::vector<std::string>, int, std::string>> cases = {
+        {{"load", "--cpu", "2"}, 2, ""},
+        {{"fail", "--result", "0x100"}, 2, ""},
+        {{"scenario"}, 2, ""},
+        {{"vanish", "NOPE"}, 1, "no such key"},
+        {{"limits", "5", "1", "2"}, 1, "no fan 5 (the machine has 2)"},
+        {{"scenario", dir.put("bad.scenario", "at 0 cpu 7\n")}, 1, "bad.scenario:1: cpu load '7'"}};
+    for (const auto &[args, status, message] : cases) {
+        Ran ran = ctl(args);
+        EXPECT_EQ(ran.status, status) << args[0];
+        EXPECT_THAT(ran.err, HasSubstr(message)) << args[0];
+    }
+    Ran missing = ctl({"status"}, dir.path() + "/none.sock");
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.err, HasSubstr("no virtual Mac answers at"));
+
+    // Calls that cannot be carried out are answered with why.
+    auto error = [&](const nlohmann::json &request) {
+        nlohmann::json reply = client.call(request);
+        EXPECT_EQ(reply["ok"], false) << request.dump();
+        return reply.value("error", "");
+    };
+    EXPECT_EQ(error({{"call", "warp"}}), "unknown call 'warp'");
+    EXPECT_EQ(error({{"call", 5}}), "a request is an object with a \"call\" name");
+    EXPECT_EQ(error({{"call", "load"}, {"cpu", "full"}}), "'cpu' must be a number from 0 to 1");
+    EXPECT_EQ(error({{"call", "speed"}, {"value", 1e9}}),
+              "'value' must be a number from 0 to 1000");
+    EXPECT_EQ(error({{"call", "advance"}, {"seconds", 1e7}}),
+              "'seconds' must be a number from 0 to 86400");
+    EXPECT_EQ(error({{"call", "fault"}, {"key", "TOOLONG"}, {"result", 1}}),
+              "'key' must be a key of 1 to 4 characters");
+    EXPECT_EQ(error({{"call", "fault"}, {"command", "erase"}, {"result", 1}}),
+              "'command' must be read, write, key-info or key-at-index");
+    EXPECT_EQ(error({{"call", "stall"}, {"fan", 1}, {"stalled", "yes"}}).substr(0, 26),
+              "cannot carry out the call:");
+    EXPECT_EQ(error({{"call", "power"}, {"external", 1}}),
+              "'external' must be true (adapter) or false (battery)");
+    EXPECT_EQ(error({{"call", "restore"}, {"key", "TC0P"}}), "that key has not vanished");
+    EXPECT_EQ(error({{"call", "limits"}, {"fan", 0}, {"min", -1}, {"max", 100}}),
+              "the fan's limit keys cannot hold those values");
+    EXPECT_EQ(client.call({{"call", "limits"}, {"fan", 1}, {"min", 6000}, {"max", 100}})["ok"],
+              true);
+    EXPECT_EQ(client.call({{"call", "unlock-refusals"}, {"value", 4}})["ok"], true);
 }
 
 TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClaimsCostNothing) {
@@ -256,31 +322,6 @@ TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClaimsCo
     EXPECT_EQ(bystander.read("F0Mx"), 5348);
 }
 
-TEST_F(VsmcServer, ADeadOrSilentServerGivesAKernelCodeAndNoHang) {
-    serve("macbookpro18-2");
-    Client client(socket, clock);
-    EXPECT_EQ(client.read("F0Mx"), 5348);
-    io.run([&] { server.reset(); });
-    EXPECT_EQ(client.tryRead("F0Mx"), static_cast<std::int32_t>(SMC_KERN_NOT_RESPONDING));
-    EXPECT_THAT(smc_error_detail(), HasSubstr("the virtual Mac at " + socket + ": "));
-
-    // Something that accepts connections but never answers, as a stopped (Ctrl-Z) server
-    // does: opening says so instead of every request waiting out the time-out (none here).
-    std::string path = dir.path() + "/silent.sock";
-    int listener = rawSocket(path, true);
-    ASSERT_EQ(::listen(listener, 4), 0);
-    Client silent(path, clock, 0ms);
-    EXPECT_EQ(silent.opened.status, SMC_ENOSERVICE);
-    EXPECT_THAT(silent.opened.detail,
-                HasSubstr("accepted the connection but did not answer within"));
-    ::close(listener);
-
-    std::string none = dir.path() + "/none.sock";
-    EXPECT_EQ(Client(none, clock).opened.detail,
-              "no virtual Mac answers at " + none +
-                  " (no such socket); start one with: ostrel-vsmc --profile NAME --socket " + none);
-}
-
 TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsAtItsSpeed) {
     serve("macpro7-1", 200);
     ASSERT_EQ(ctl({"load", "--cpu", "1", "--gpu", "0.5"}).status, 0);
@@ -320,57 +361,6 @@ TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsA
     clock.advance(10s);
     client.call({{"call", "advance"}, {"seconds", 10}});
     EXPECT_NEAR(simulated().get<double>(), 370, 0.11);
-}
-
-TEST_F(VsmcServer, CtlBadArgumentsAreUsageErrorsAndRefusedCallsFailures) {
-    serve("macbookpro18-2");
-    const std::vector<std::tuple<std::vector<std::string>, int, std::string>> cases = {
-        {{"load", "--cpu", "2"}, 2, ""},
-        {{"fail", "--result", "0x100"}, 2, ""},
-        {{"scenario"}, 2, ""},
-        {{"vanish", "NOPE"}, 1, "no such key"},
-        {{"limits", "5", "1", "2"}, 1, "no fan 5 (the machine has 2)"},
-        {{"scenario", dir.put("bad.scenario", "at 0 cpu 7\n")}, 1, "bad.scenario:1: cpu load '7'"}};
-    for (const auto &[args, status, message] : cases) {
-        Ran ran = ctl(args);
-        EXPECT_EQ(ran.status, status) << args[0];
-        EXPECT_THAT(ran.err, HasSubstr(message)) << args[0];
-    }
-    Ran missing = ctl({"status"}, dir.path() + "/none.sock");
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_THAT(missing.err, HasSubstr("no virtual Mac answers at"));
-}
-
-// Calls that cannot be carried out are answered with why.
-TEST_F(VsmcServer, CallsThatCannotBeCarriedOutSayWhy) {
-    serve("macbookpro10-1");
-    Client client(socket, clock);
-    auto error = [&](const nlohmann::json &request) {
-        nlohmann::json reply = client.call(request);
-        EXPECT_EQ(reply["ok"], false) << request.dump();
-        return reply.value("error", "");
-    };
-    EXPECT_EQ(error({{"call", "warp"}}), "unknown call 'warp'");
-    EXPECT_EQ(error({{"call", 5}}), "a request is an object with a \"call\" name");
-    EXPECT_EQ(error({{"call", "load"}, {"cpu", "full"}}), "'cpu' must be a number from 0 to 1");
-    EXPECT_EQ(error({{"call", "speed"}, {"value", 1e9}}),
-              "'value' must be a number from 0 to 1000");
-    EXPECT_EQ(error({{"call", "advance"}, {"seconds", 1e7}}),
-              "'seconds' must be a number from 0 to 86400");
-    EXPECT_EQ(error({{"call", "fault"}, {"key", "TOOLONG"}, {"result", 1}}),
-              "'key' must be a key of 1 to 4 characters");
-    EXPECT_EQ(error({{"call", "fault"}, {"command", "erase"}, {"result", 1}}),
-              "'command' must be read, write, key-info or key-at-index");
-    EXPECT_EQ(error({{"call", "stall"}, {"fan", 1}, {"stalled", "yes"}}).substr(0, 26),
-              "cannot carry out the call:");
-    EXPECT_EQ(error({{"call", "power"}, {"external", 1}}),
-              "'external' must be true (adapter) or false (battery)");
-    EXPECT_EQ(error({{"call", "restore"}, {"key", "TC0P"}}), "that key has not vanished");
-    EXPECT_EQ(error({{"call", "limits"}, {"fan", 0}, {"min", -1}, {"max", 100}}),
-              "the fan's limit keys cannot hold those values");
-    EXPECT_EQ(client.call({{"call", "limits"}, {"fan", 1}, {"min", 6000}, {"max", 100}})["ok"],
-              true);
-    EXPECT_EQ(client.call({{"call", "unlock-refusals"}, {"value", 4}})["ok"], true);
 }
 
 // The ostrel-vsmc process, its announcement read from its output (which comes once it
