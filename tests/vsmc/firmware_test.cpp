@@ -1,6 +1,6 @@
 // The virtual SMC: its answers to the parameter record, its journal and faults, and the
-// firmware's write rules for the three kinds of fan control, seen through the channel as a
-// fan writer sees them.
+// firmware's write rules for the three kinds of fan control and its own fan curve, seen
+// through the channel as a fan writer sees them.
 
 #include <gtest/gtest.h>
 
@@ -40,7 +40,7 @@ class MachineTest : public testing::Test {
     std::uint8_t f0tg() { return machine.keys().find(smc_fourcc("F0Tg"))->bytes[0]; }
 };
 
-TEST_F(MachineTest, AnswersLikeTheFirmwareForEachKindOfRequestUnlessAFaultSaysOtherwise) {
+TEST_F(MachineTest, AnswersLikeTheFirmwareUnlessAFaultSaysOtherwiseAndJournalsEveryExchange) {
     smc_param beyond = request(SMC_CMD_KEY_AT_INDEX);
     beyond.index = 4;
     const std::vector<std::tuple<const char *, smc_param, std::uint32_t, int>> cases = {
@@ -75,10 +75,9 @@ TEST_F(MachineTest, AnswersLikeTheFirmwareForEachKindOfRequestUnlessAFaultSaysOt
     EXPECT_EQ(exchange(request(SMC_CMD_KEY_AT_INDEX)), SMC_KERN_IO_ERROR);
     EXPECT_TRUE(machine.journal().back().injected);
     EXPECT_EQ(exchange(request(SMC_CMD_KEY_AT_INDEX)), 0u);
-}
 
-TEST_F(MachineTest, WritesAreJournalledAndRefusedByTheKernelForUnprivilegedCallersWhenAsked) {
-    smc_param write = request(SMC_CMD_WRITE, "F0Tg", 2);
+    // Writes are journalled, and refused by the kernel for unprivileged callers when asked.
+    write = request(SMC_CMD_WRITE, "F0Tg", 2);
     Caller user{false};
     EXPECT_EQ(exchange(write, user), 0u) << "privilege not required by default";
     machine.setRefuseUnprivilegedWrites(true);
@@ -94,12 +93,12 @@ TEST_F(MachineTest, WritesAreJournalledAndRefusedByTheKernelForUnprivilegedCalle
               std::tuple(std::uint8_t{SMC_CMD_WRITE}, smc_fourcc("F0Tg"), Bytes{0x10, 0}));
     EXPECT_EQ(exchange(request(SMC_CMD_READ, "F0Tg", 2), user), 0u) << "reads need no privilege";
     EXPECT_EQ(machine.journal().back().bytes, (Bytes{0x10, 0})) << "a read journals the value";
-    EXPECT_EQ(machine.count(SMC_CMD_WRITE), 3u);
+    EXPECT_EQ(machine.count(SMC_CMD_WRITE), 7u);
     machine.clearJournal();
     EXPECT_EQ(machine.totalExchanges(), 0u);
 }
 
-TEST(ForceMask, EachBitPutsItsFanInManualClearingItHandsTheFanBackAndKeysCanVanish) {
+TEST(ForceMask, EachBitTakesItsFanClearingItHandsBackToTheCurveOfTheHottestCpuAndKeysVanish) {
     Machine machine = ostrel::test::builtinMachine("macbookpro10-1");
     Connection conn(machine);
     ASSERT_EQ(machine.fanControl(), FanControlKind::forceMask);
@@ -128,6 +127,30 @@ TEST(ForceMask, EachBitPutsItsFanInManualClearingItHandsTheFanBackAndKeysCanVani
     machine.advance(1);  // a vanished bound key is simply not published
     ASSERT_TRUE(machine.restoreKey(smc_fourcc("TC0P")));
     EXPECT_EQ(readNumber(conn.get(), "TC0P"), before);
+
+    // Fans the firmware runs follow its curve of the hottest CPU.
+    machine.setLoad(0, 0);
+    machine.advance(900);
+    EXPECT_NEAR(readNumber(conn.get(), "F0Tg"), 2160, 1) << "idle: the minimum";
+
+    machine.setLoad(1, 1);
+    double previous = 0;
+    for (int i = 0; i < 6; ++i) {
+        machine.advance(20);
+        double target = readNumber(conn.get(), "F0Tg");
+        EXPECT_GE(target, previous) << "heating up, the curve only rises";
+        previous = target;
+    }
+    machine.advance(600);
+    const Simulation &sim = machine.simulation();
+    const MachineParams &p = sim.params();
+    double fraction = (sim.hottestCpu() - p.fanCurveLow) / (p.fanCurveHigh - p.fanCurveLow);
+    EXPECT_GT(fraction, 0);
+    EXPECT_LT(fraction, 1);
+    EXPECT_NEAR(readNumber(conn.get(), "F0Tg"), 2160 + (5940 - 2160) * fraction, 1);
+    EXPECT_NEAR(readNumber(conn.get(), "F1Tg"), 2000 + (5499 - 2000) * fraction, 1);
+    EXPECT_GE(sim.hottestCpu(), sim.state().node(Node::cpu))
+        << "TC0E and friends sit above the die";
 }
 
 TEST(ModeKeys, OneIsManualOtherValuesAutomaticAndBogusLimitsOrStallsDoNotMoveTheRealFan) {

@@ -1,7 +1,6 @@
 // The virtual Mac's physics: every built-in machine at rest, under load and as text; heat
-// against the failsafe ceiling, fans with inertia under the firmware's curve or a written
-// target, keys, sensor services and battery that agree with the state, and runs that depend
-// only on profile, scenario and seed.
+// against the failsafe ceiling, fans with inertia under a written target, keys, sensor services and
+// battery that agree with the state, and runs that depend only on profile, scenario and seed.
 
 #include <gtest/gtest.h>
 
@@ -185,32 +184,6 @@ TEST(FansAndBattery, FansFollowWithInertiaAndBatteryKeysAgreeWithItsDictionary) 
     EXPECT_EQ(battery["IsCharging"], 1);
     EXPECT_GT(battery["Amperage"].get<int>(), 2000);
     EXPECT_TRUE(ostrel::test::builtinMachine("macpro7-1").batteryProperties().is_null());
-}
-
-TEST(Fans, InAutomaticModeFollowTheFirmwareCurveOfTheHottestCpu) {
-    Machine machine = ostrel::test::builtinMachine("macbookpro10-1");
-    Connection conn(machine);
-    machine.setLoad(0, 0);
-    machine.advance(900);
-    EXPECT_NEAR(readNumber(conn.get(), "F0Tg"), 2160, 1) << "idle: the minimum";
-
-    machine.setLoad(1, 1);
-    double previous = 0;
-    for (int i = 0; i < 6; ++i) {
-        machine.advance(20);
-        double target = readNumber(conn.get(), "F0Tg");
-        EXPECT_GE(target, previous) << "heating up, the curve only rises";
-        previous = target;
-    }
-    machine.advance(600);
-    const Simulation &sim = machine.simulation();
-    const MachineParams &p = sim.params();
-    double fraction = (sim.hottestCpu() - p.fanCurveLow) / (p.fanCurveHigh - p.fanCurveLow);
-    EXPECT_GT(fraction, 0);
-    EXPECT_LT(fraction, 1);
-    EXPECT_NEAR(readNumber(conn.get(), "F0Tg"), 2160 + (5940 - 2160) * fraction, 1);
-    EXPECT_NEAR(readNumber(conn.get(), "F1Tg"), 2000 + (5499 - 2000) * fraction, 1);
-    EXPECT_GE(sim.hottestCpu(), cpu(machine)) << "TC0E and friends sit above the die";
 }
 
 // On Apple silicon fans stop at idle and start when the SoC gets warm; power keys,
