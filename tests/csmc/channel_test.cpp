@@ -46,7 +46,9 @@ class ChannelTest : public testing::Test {
     }
 };
 
-TEST_F(ChannelTest, AKeyCostsOneInfoExchangeOnceMissingAndSeededOnesNoneAndWrongSizesNone) {
+// A key costs one information exchange once, and missing or seeded keys and wrong sizes
+// none; codes map to statuses; the table is walked in key order.
+TEST_F(ChannelTest, ExchangesStatusesAndTheTableWalkAsTheChannelPromisesThem) {
     smc_value value{};
     ASSERT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_OK);
     EXPECT_EQ(std::vector<std::uint8_t>(value.bytes, value.bytes + value.size),
@@ -70,37 +72,14 @@ TEST_F(ChannelTest, AKeyCostsOneInfoExchangeOnceMissingAndSeededOnesNoneAndWrong
     EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("RPlt"), &number), SMC_ETYPE);
     EXPECT_EQ(number, -1) << "an undecodable type leaves the output alone";
 
-    // Wrong sizes are refused without a value exchange; failures are not cached.
-    machine.injectFault({kF0Tg, SMC_CMD_KEY_INFO, 1, SMC_KERN_IO_ERROR, 0});
-    smc_key_info info{};
-    EXPECT_EQ(smc_key_info_get(conn.get(), kF0Tg, &info),
-              static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
-    std::uint8_t bytes[33] = {0x1F, 0x40, 0};
-    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 3), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 1), SMC_ESIZE);
-
-    KeyEntry big{smc_fourcc("BIG!"), smc_fourcc("hex_"), 33, 0xC0, {}};
-    machine.keys().put(big);
-    EXPECT_EQ(smc_read(conn.get(), big.key, &value), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 33), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 32), SMC_ESIZE);
-    EXPECT_EQ(exchanges(), (Counts{6, 4, 0}));
-
-    ASSERT_EQ(smc_write(conn.get(), kF0Tg, bytes, 2), SMC_OK);
-    EXPECT_EQ(machine.journal().back().bytes, (std::vector<std::uint8_t>{0x1F, 0x40}));
-}
-
-TEST_F(ChannelTest, ResultAndKernelCodesMapToStatusesAndTheTableIsWalkedInKeyOrder) {
-    // Firmware refusal: writing a read-only key.
-    std::uint8_t bytes[2] = {0x5D, 0xC0};
-    EXPECT_EQ(smc_write(conn.get(), smc_fourcc("F0Mx"), bytes, 2), SMC_EFIRMWARE);
+    // Result and kernel codes map to statuses. Firmware refusal: writing a read-only key.
+    EXPECT_EQ(smc_write(conn.get(), smc_fourcc("F0Mx"), value.bytes, 2), SMC_EFIRMWARE);
     const std::vector<std::tuple<std::uint32_t, std::uint8_t, std::int32_t>> cases = {
         {SMC_KERN_NOT_PRIVILEGED, 0, SMC_ENOTPRIVILEGED},
         {0xE00002C2u, 0, static_cast<std::int32_t>(0xE00002C2u)},
         {0, 0x85, SMC_EFIRMWARE},
         {0, SMC_RESULT_KEY_NOT_FOUND, SMC_ENOKEY},
         {0, 0, SMC_OK}};  // faults run out
-    smc_value value{};
     for (auto [kern, result, status] : cases) {
         if (kern != 0 || result != 0) {
             machine.injectFault({kTC0P, SMC_CMD_READ, 1, kern, result});
@@ -124,6 +103,26 @@ TEST_F(ChannelTest, ResultAndKernelCodesMapToStatusesAndTheTableIsWalkedInKeyOrd
     machine.keys().put({smc_fourcc("#KEY"), smc_fourcc("ui16"), 2, 0x80, {0, 2}});
     Connection fresh(machine);
     EXPECT_EQ(smc_key_count(fresh.get(), &count), SMC_ESIZE);
+
+    // Wrong sizes are refused without a value exchange; failures are not cached.
+    Counts before = exchanges();
+    machine.injectFault({kF0Tg, SMC_CMD_KEY_INFO, 1, SMC_KERN_IO_ERROR, 0});
+    smc_key_info info{};
+    EXPECT_EQ(smc_key_info_get(conn.get(), kF0Tg, &info),
+              static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
+    std::uint8_t bytes[33] = {0x1F, 0x40, 0};
+    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 3), SMC_ESIZE);
+    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 1), SMC_ESIZE);
+
+    KeyEntry big{smc_fourcc("BIG!"), smc_fourcc("hex_"), 33, 0xC0, {}};
+    machine.keys().put(big);
+    EXPECT_EQ(smc_read(conn.get(), big.key, &value), SMC_ESIZE);
+    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 33), SMC_ESIZE);
+    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 32), SMC_ESIZE);
+    EXPECT_EQ(exchanges(), (Counts{before[0] + 3, before[1], before[2]}));
+
+    ASSERT_EQ(smc_write(conn.get(), kF0Tg, bytes, 2), SMC_OK);
+    EXPECT_EQ(machine.journal().back().bytes, (std::vector<std::uint8_t>{0x1F, 0x40}));
 }
 
 TEST_F(ChannelTest, TheCacheGrowsAfterThe1024thKeyAndSeedingReplacesWithoutGrowingTheCount) {

@@ -116,7 +116,8 @@ class CountingFiles final : public ostrel::test::RealFiles {
     }
 };
 
-TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmcAndReadsOnlyWhatFits) {
+TEST_F(HwmonTree, NamesChipsByWordAndLabelReadsOnlyWhatFitsAndGivesWayToAVirtualMac) {
+    EXPECT_EQ(csmc::openHid(csmc::selectedServices(machine)), nullptr) << "no hwmon directory";
     chip("hwmon10", "nvme", {{1, "Composite", "38850"}});
     chip("hwmon2", "coretemp",
          {{1, "Package id 0", "52000"}, {10, "Core 8", "50000"}, {2, "Core 0", "49000"}});
@@ -135,15 +136,12 @@ TEST_F(HwmonTree, NamesChipsByWordAndLabelInNumericOrderSkippingApplesmcAndReads
     Handle two{csmc::openHid(csmc::hwmonServices(root.path() + "/sys", files))};
     EXPECT_EQ(two.read(2), (Readings{{"CPU Package id 0", 52.0}, {"CPU Core 0", 49.0}}));
     EXPECT_EQ(files.inputReads, 3) << "the implausible first one, then two";
-}
 
-TEST_F(HwmonTree, NoHwmonDirectoryMeansNoHandleAndASelectedVirtualMacBringsItsOwnList) {
-    EXPECT_EQ(csmc::openHid(csmc::selectedServices(machine)), nullptr);
-    chip("hwmon2", "coretemp", {{1, "Package id 0", "52000"}});
+    // A selected virtual Mac brings its own list.
     machine.selector = "memory:macbookpro18-2";
-    Handle h{csmc::openHid(csmc::selectedServices(machine))};
-    ASSERT_GT(smc_hid_count(h.hid), 1);
-    EXPECT_EQ(h.read(1)[0].first, "pACC MTR Temp Sensor0");
+    Handle virtualMac{csmc::openHid(csmc::selectedServices(machine))};
+    ASSERT_GT(smc_hid_count(virtualMac.hid), 1);
+    EXPECT_EQ(virtualMac.read(1)[0].first, "pACC MTR Temp Sensor0");
 }
 
 }  // namespace
