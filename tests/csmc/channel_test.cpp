@@ -194,13 +194,9 @@ TEST(ChannelCache, ConcurrentInsertionAndGrowthLoseNothing) {
     smc_close(conn);
 }
 
-class ChannelOpen : public testing::Test {
-  protected:
+TEST(ChannelOpen, SelectorsAndSmcOpenReachTheirTransportsAndFailuresSayWhatWould) {
     ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
     std::shared_ptr<csmc::TransportRegistry> all = ostrel::test::allTransports(env);
-};
-
-TEST_F(ChannelOpen, SelectorsAndSmcOpenReachTheirTransportsAndFailuresSayWhatWould) {
     csmc::OpenedTransport none = all->open("");
     EXPECT_EQ(none.status, SMC_ENOSERVICE);
     EXPECT_THAT(none.detail, HasSubstr("OSTREL_SMC"));

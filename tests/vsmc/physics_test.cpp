@@ -109,7 +109,7 @@ TEST_P(EveryProfile, RestsAndPassesTheCeilingAtMinimumFansNotAtMaximumAndItsText
 
 INSTANTIATE_TEST_SUITE_P(All, EveryProfile, testing::ValuesIn(builtinProfileNames()));
 
-TEST(Heat, StaysFiniteAndBetweenTheRoomAndTheHottestPossibleWhateverTheParameters) {
+TEST(Heat, StaysBetweenTheRoomAndTheHottestPossibleAndARunDependsOnlyOnItsInputs) {
     // Tiny capacities and huge conductances would make naive explicit steps explode.
     std::string stiff =
         "model Stiff,1\nkey FNum ui8 1 0x80 1\nkey F0Ac fpe2 2 0x80 6000\n"
@@ -131,6 +131,31 @@ TEST(Heat, StaysFiniteAndBetweenTheRoomAndTheHottestPossibleWhateverTheParameter
             ASSERT_LT(t, 200);
         }
     }
+
+    // A run depends only on profile, scenario and seed.
+    Scenario scenario = parseScenario(
+        "at 0 cpu 0.1\nat 20 cpu 1 gpu 0.7 over 10\nat 200 power battery\nat 300 cpu 0.2 over 30\n",
+        "s");
+    auto run = [&](std::uint64_t seed, double slice) {
+        Machine machine(builtinProfile("macbookpro10-1"), seed);
+        machine.play(scenario);
+        for (double t = 0; t < 400 - 1e-9; t += slice) {
+            machine.advance(slice);
+        }
+        return machine;
+    };
+    Machine a = run(7, 1);
+    Machine b = run(7, 1);
+    Machine sliced = run(7, 0.25);
+    Machine otherSeed = run(8, 1);
+    EXPECT_EQ(statusJson(a), statusJson(b));
+    EXPECT_EQ(a.keys().entries(), b.keys().entries());
+    EXPECT_EQ(statusJson(a), statusJson(sliced)) << "how time is sliced does not matter";
+    EXPECT_EQ(a.keys().entries(), sliced.keys().entries());
+    EXPECT_EQ(a.simulation().state().temperature, otherSeed.simulation().state().temperature)
+        << "the seed only chooses sensor noise";
+    EXPECT_NE(a.keys().entries(), otherSeed.keys().entries());
+    EXPECT_FALSE(a.simulation().state().battery.external);
 }
 
 TEST(FansAndBattery, FansFollowWithInertiaAndBatteryKeysAgreeWithItsDictionary) {
@@ -219,32 +244,6 @@ TEST(Fans, OnAppleSiliconStopAtIdleAndStartWhenTheSocGetsWarmAsKeysAndSensorsFol
     machine.advance(1200);
     EXPECT_EQ(readNumber(conn.get(), "F0Ac"), 0);
     EXPECT_FALSE(machine.simulation().state().fans[0].spinning);
-}
-
-TEST(Determinism, ARunDependsOnlyOnProfileScenarioAndSeed) {
-    Scenario scenario = parseScenario(
-        "at 0 cpu 0.1\nat 20 cpu 1 gpu 0.7 over 10\nat 200 power battery\nat 300 cpu 0.2 over 30\n",
-        "s");
-    auto run = [&](std::uint64_t seed, double slice) {
-        Machine machine(builtinProfile("macbookpro10-1"), seed);
-        machine.play(scenario);
-        for (double t = 0; t < 400 - 1e-9; t += slice) {
-            machine.advance(slice);
-        }
-        return machine;
-    };
-    Machine a = run(7, 1);
-    Machine b = run(7, 1);
-    Machine sliced = run(7, 0.25);
-    Machine otherSeed = run(8, 1);
-    EXPECT_EQ(statusJson(a), statusJson(b));
-    EXPECT_EQ(a.keys().entries(), b.keys().entries());
-    EXPECT_EQ(statusJson(a), statusJson(sliced)) << "how time is sliced does not matter";
-    EXPECT_EQ(a.keys().entries(), sliced.keys().entries());
-    EXPECT_EQ(a.simulation().state().temperature, otherSeed.simulation().state().temperature)
-        << "the seed only chooses sensor noise";
-    EXPECT_NE(a.keys().entries(), otherSeed.keys().entries());
-    EXPECT_FALSE(a.simulation().state().battery.external);
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ std::pair<bool, std::string> loadError(const std::string &name,
     return {false, "(loaded)"};
 }
 
-TEST(ProfileText, ParsesKeysPhysicsFirmwareBindingsSensorsAndBattery) {
+TEST(ProfileText, ParsesEveryKindOfLineAndKeysFollowTheirNamesUnlessALineSaysOtherwise) {
     Profile p = parseProfile(
         "# comment\n"
         "\n"
@@ -86,6 +86,31 @@ TEST(ProfileText, ParsesKeysPhysicsFirmwareBindingsSensorsAndBattery) {
     EXPECT_TRUE(p.battery.present);
     EXPECT_EQ(p.battery.cells, 4);
     EXPECT_FALSE(p.battery.remaining.has_value());
+
+    auto bound = [](const char *key, const char *type) {
+        return defaultBinding(smc_fourcc(key), smc_fourcc(type));
+    };
+    EXPECT_EQ(bound("TC0P", "sp78")->source, Source::proximity);
+    EXPECT_EQ(bound("TC3C", "sp78")->source, Source::cpu);
+    EXPECT_EQ(bound("Tp09", "flt ")->source, Source::cpu);
+    EXPECT_EQ(bound("TB0T", "sp78")->source, Source::battery);
+    EXPECT_EQ(bound("PSTR", "flt ")->source, Source::systemPower);
+    EXPECT_EQ(bound("B0AV", "ui16")->source, Source::batteryMillivolts);
+    EXPECT_FALSE(bound("TCFP", "ui8 ")) << "a T key that is not a measurement";
+    EXPECT_FALSE(bound("VBAT", "flag"));
+    EXPECT_FALSE(bound("RPlt", "ch8*"));
+    EXPECT_NE(bound("TC1C", "sp78")->offset, bound("TC2C", "sp78")->offset)
+        << "cores do not read alike";
+
+    Machine machine(
+        parseProfile("model M,1\nbind PSTR none\nbind TC0E cpu +10\n"
+                     "key TC0E sp78 2 0xc0 60\nkey TC0P sp78 2 0xc0 55\nkey PSTR sp87 2 0xc0 9\n",
+                     "m"));
+    machine.setLoad(1, 1);
+    machine.advance(60);
+    EXPECT_EQ(machine.number(smc_fourcc("PSTR")), 9) << "bound to nothing: keeps its value";
+    EXPECT_NEAR(machine.simulation().hottestCpu(),
+                machine.simulation().state().node(Node::cpu) + 10, 1e-9);
 }
 
 TEST(ProfileText, ErrorsNameTheFileAndLineAndAMissingProfileListsTheBuiltIns) {
@@ -155,34 +180,7 @@ TEST(ProfileText, ErrorsNameTheFileAndLineAndAMissingProfileListsTheBuiltIns) {
     EXPECT_THAT(loadError("/p/bad.profile", files).second, HasSubstr("/p/bad.profile:2:"));
 }
 
-TEST(ProfileBindings, KeysFollowTheirNamesUnlessTheProfileSaysOtherwise) {
-    auto bound = [](const char *key, const char *type) {
-        return defaultBinding(smc_fourcc(key), smc_fourcc(type));
-    };
-    EXPECT_EQ(bound("TC0P", "sp78")->source, Source::proximity);
-    EXPECT_EQ(bound("TC3C", "sp78")->source, Source::cpu);
-    EXPECT_EQ(bound("Tp09", "flt ")->source, Source::cpu);
-    EXPECT_EQ(bound("TB0T", "sp78")->source, Source::battery);
-    EXPECT_EQ(bound("PSTR", "flt ")->source, Source::systemPower);
-    EXPECT_EQ(bound("B0AV", "ui16")->source, Source::batteryMillivolts);
-    EXPECT_FALSE(bound("TCFP", "ui8 ")) << "a T key that is not a measurement";
-    EXPECT_FALSE(bound("VBAT", "flag"));
-    EXPECT_FALSE(bound("RPlt", "ch8*"));
-    EXPECT_NE(bound("TC1C", "sp78")->offset, bound("TC2C", "sp78")->offset)
-        << "cores do not read alike";
-
-    Machine machine(
-        parseProfile("model M,1\nbind PSTR none\nbind TC0E cpu +10\n"
-                     "key TC0E sp78 2 0xc0 60\nkey TC0P sp78 2 0xc0 55\nkey PSTR sp87 2 0xc0 9\n",
-                     "m"));
-    machine.setLoad(1, 1);
-    machine.advance(60);
-    EXPECT_EQ(machine.number(smc_fourcc("PSTR")), 9) << "bound to nothing: keeps its value";
-    EXPECT_NEAR(machine.simulation().hottestCpu(),
-                machine.simulation().state().node(Node::cpu) + 10, 1e-9);
-}
-
-TEST(ScenarioText, RampsHoldLoopSettingsNotNamedKeepTheirStartValueAndErrorsNameTheLine) {
+TEST(Scenario, RampsHoldLoopKeepUnnamedSettingsErrorsNameTheLineAndPlayingStopsByHand) {
     Scenario s = parseScenario(
         "# warm up\n"
         "at 0 cpu 0.2   # light\n"
@@ -224,9 +222,7 @@ TEST(ScenarioText, RampsHoldLoopSettingsNotNamedKeepTheirStartValueAndErrorsName
     EXPECT_THAT(scenarioErrorOf("run 0\n"), HasSubstr("unknown directive 'run'"));
     EXPECT_THAT(scenarioErrorOf("at nan cpu 1\n"), HasSubstr("time 'nan'"));
     EXPECT_EQ(scenarioErrorOf("# nothing\n"), "load.scenario: no 'at' line");
-}
 
-TEST(ScenarioPlay, DrivesTheLoadsUntilTheLoadIsSetByHand) {
     Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
     machine.play(parseScenario("at 0 cpu 0.5\nat 10 cpu 1 gpu 1\n", "two-step"));
     machine.advance(5);
