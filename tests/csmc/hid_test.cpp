@@ -84,28 +84,6 @@ TEST(HidRead, SkipsImplausibleValuesPacksTheOutputCutsLongNamesAndFollowsNames) 
     EXPECT_EQ(smc_hid_read(nullptr, out, 1), 0);
 }
 
-class HwmonTree : public testing::Test {
-  protected:
-    TempDir root;
-    FakeEnvironment env{{{"OSTREL_ROOT", root.path()}}};
-    // What smc_hid_open reaches in a process whose OSTREL_SMC is unset.
-    csmc::ProcessMachine machine{ostrel::test::allTransports(env), "", root.path() + "/sys",
-                                 &realFiles()};
-
-    void chip(const std::string &hwmon, const std::string &name,
-              std::vector<std::tuple<int, std::string, std::string>> temps) {
-        std::string dir = "sys/class/hwmon/" + hwmon + "/";
-        root.put(dir + "name", name + "\n");
-        for (auto &[n, label, millis] : temps) {
-            std::string base = dir + "temp" + std::to_string(n);
-            if (!label.empty()) {
-                root.put(base + "_label", label + "\n");
-            }
-            root.put(base + "_input", millis + "\n");
-        }
-    }
-};
-
 // Real files, counting the reads of temperature inputs.
 class CountingFiles final : public ostrel::test::RealFiles {
   public:
@@ -116,7 +94,24 @@ class CountingFiles final : public ostrel::test::RealFiles {
     }
 };
 
-TEST_F(HwmonTree, NamesChipsByWordAndLabelReadsOnlyWhatFitsAndGivesWayToAVirtualMac) {
+TEST(HwmonTree, NamesChipsByWordAndLabelReadsOnlyWhatFitsAndGivesWayToAVirtualMac) {
+    TempDir root;
+    FakeEnvironment env{{{"OSTREL_ROOT", root.path()}}};
+    // What smc_hid_open reaches in a process whose OSTREL_SMC is unset.
+    csmc::ProcessMachine machine{ostrel::test::allTransports(env), "", root.path() + "/sys",
+                                 &realFiles()};
+    auto chip = [&](const std::string &hwmon, const std::string &name,
+                    std::vector<std::tuple<int, std::string, std::string>> temps) {
+        std::string dir = "sys/class/hwmon/" + hwmon + "/";
+        root.put(dir + "name", name + "\n");
+        for (auto &[n, label, millis] : temps) {
+            std::string base = dir + "temp" + std::to_string(n);
+            if (!label.empty()) {
+                root.put(base + "_label", label + "\n");
+            }
+            root.put(base + "_input", millis + "\n");
+        }
+    };
     EXPECT_EQ(csmc::openHid(csmc::selectedServices(machine)), nullptr) << "no hwmon directory";
     chip("hwmon10", "nvme", {{1, "Composite", "38850"}});
     chip("hwmon2", "coretemp",
