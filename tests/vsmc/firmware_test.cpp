@@ -24,23 +24,18 @@ smc_param request(std::uint8_t command, const char *key = "\0\0\0\0", std::uint3
     return in;
 }
 
-class MachineTest : public testing::Test {
-  protected:
+TEST(MachineTest, AnswersLikeTheFirmwareUnlessAFaultSaysOtherwiseAndJournalsEveryExchange) {
     Machine machine = ostrel::test::machineFromRows(
         "key F0Tg fpe2 2 0xd0 2000\n"
         "key F0Mx fpe2 2 0x88 6000\n"
         "key SECR ui8  1 0x40 7\n");
     smc_param out{};
-
     // Answers `in` into a zeroed `out`.
-    std::uint32_t exchange(const smc_param &in, Caller caller = {}) {
+    auto exchange = [&](const smc_param &in, Caller caller = {}) {
         out = {};
         return machine.exchange(in, out, caller);
-    }
-    std::uint8_t f0tg() { return machine.keys().find(smc_fourcc("F0Tg"))->bytes[0]; }
-};
-
-TEST_F(MachineTest, AnswersLikeTheFirmwareUnlessAFaultSaysOtherwiseAndJournalsEveryExchange) {
+    };
+    auto f0tg = [&] { return machine.keys().find(smc_fourcc("F0Tg"))->bytes[0]; };
     smc_param beyond = request(SMC_CMD_KEY_AT_INDEX);
     beyond.index = 4;
     const std::vector<std::tuple<const char *, smc_param, std::uint32_t, int>> cases = {
