@@ -36,10 +36,7 @@ class SensorTransport final : public csmc::Transport {
     explicit SensorTransport(std::vector<csmc::TemperatureSensor> *list) : list_(list) {}
     std::uint32_t exchange(const smc_param &, smc_param &) override { return SMC_KERN_ERROR; }
     std::optional<std::vector<csmc::TemperatureSensor>> temperatureSensors() override {
-        if (list_ == nullptr) {
-            return std::nullopt;
-        }
-        return *list_;
+        return list_ != nullptr ? std::optional(*list_) : std::nullopt;
     }
 
   private:
