@@ -1,6 +1,7 @@
 // The channel: commands, status codes and the key-information cache, with every exchange
 // counted in the virtual SMC's journal.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -14,13 +15,20 @@
 namespace {
 
 using ostrel::test::Connection;
-using ostrel::vsmc::Fault;
 using ostrel::vsmc::KeyEntry;
 using ostrel::vsmc::Machine;
+using testing::HasSubstr;
+using Counts = std::vector<std::uint64_t>;
 
 const std::uint32_t kTC0P = smc_fourcc("TC0P");
 const std::uint32_t kF0Tg = smc_fourcc("F0Tg");
 const std::uint32_t kNope = smc_fourcc("NOPE");
+
+// The cache's capacity and count.
+std::pair<std::uint32_t, std::uint32_t> cache(smc_conn *conn) {
+    csmc::CacheStats stats = csmc::cacheStats(conn);
+    return {stats.capacity, stats.count};
+}
 
 class ChannelTest : public testing::Test {
   protected:
@@ -30,97 +38,59 @@ class ChannelTest : public testing::Test {
         "key F0Mx fpe2 2 0x80 6000\n"
         "key RPlt ch8* 8 0x80 \"j31\"\n");
     Connection conn{machine};
+
+    // Exchanges so far: key information, reads, writes.
+    Counts exchanges() const {
+        return {machine.count(SMC_CMD_KEY_INFO), machine.count(SMC_CMD_READ),
+                machine.count(SMC_CMD_WRITE)};
+    }
 };
 
-TEST_F(ChannelTest, ReadCostsOneInfoExchangeThenOneReadExchangePerRead) {
+// A key costs one information exchange once, and missing or seeded keys and wrong sizes
+// none; codes map to statuses; the table is walked in key order.
+TEST_F(ChannelTest, ExchangesStatusesAndTheTableWalkAsTheChannelPromisesThem) {
     smc_value value{};
     ASSERT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_OK);
-    EXPECT_EQ(value.size, 2u);
+    EXPECT_EQ(std::vector<std::uint8_t>(value.bytes, value.bytes + value.size),
+              (std::vector<std::uint8_t>{0x3F, 0x80}));
     EXPECT_EQ(value.type, smc_fourcc("sp78"));
-    EXPECT_EQ(value.bytes[0], 0x3F);
-    EXPECT_EQ(value.bytes[1], 0x80);
     ASSERT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_OK);
-    EXPECT_EQ(machine.count(SMC_CMD_KEY_INFO), 1u);
-    EXPECT_EQ(machine.count(SMC_CMD_READ), 2u);
-}
-
-TEST_F(ChannelTest, MissingKeyCostsOneExchangeThenNone) {
-    smc_value value{};
     EXPECT_EQ(smc_read(conn.get(), kNope, &value), SMC_ENOKEY);
     EXPECT_EQ(smc_read(conn.get(), kNope, &value), SMC_ENOKEY);
     EXPECT_EQ(smc_write(conn.get(), kNope, value.bytes, 2), SMC_ENOKEY);
-    EXPECT_EQ(machine.totalExchanges(), 1u);
-    EXPECT_EQ(machine.count(SMC_CMD_KEY_INFO), 1u);
-}
+    double number = -1;
+    EXPECT_EQ(smc_read_double(conn.get(), kNope, &number), SMC_ENOKEY);
+    EXPECT_EQ(exchanges(), (Counts{2, 2, 0}));
 
-TEST_F(ChannelTest, TransientInfoFailureIsNotCached) {
-    machine.injectFault({kTC0P, SMC_CMD_KEY_INFO, 1, SMC_KERN_IO_ERROR, 0});
-    smc_key_info info{};
-    EXPECT_EQ(smc_key_info_get(conn.get(), kTC0P, &info),
-              static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
-    EXPECT_EQ(smc_key_info_get(conn.get(), kTC0P, &info), SMC_OK);
-    EXPECT_EQ(info.size, 2u);
-    EXPECT_EQ(machine.count(SMC_CMD_KEY_INFO), 2u);
-}
-
-TEST_F(ChannelTest, SeededKeyIsReadWithExactlyOneExchange) {
-    smc_key_info seeded{kTC0P, smc_fourcc("sp78"), 2, 0xC0};
+    smc_key_info seeded{smc_fourcc("F0Mx"), smc_fourcc("fpe2"), 2, 0x80};
     smc_key_info_seed(conn.get(), &seeded);
-    double celsius = 0;
-    ASSERT_EQ(smc_read_double(conn.get(), kTC0P, &celsius), SMC_OK);
-    EXPECT_EQ(celsius, 63.5);
-    EXPECT_EQ(machine.totalExchanges(), 1u);
-    EXPECT_EQ(machine.count(SMC_CMD_READ), 1u);
-}
+    ASSERT_EQ(smc_read_double(conn.get(), seeded.key, &number), SMC_OK);
+    EXPECT_EQ(number, 6000);
+    EXPECT_EQ(exchanges(), (Counts{2, 3, 0}));
 
-TEST_F(ChannelTest, WriteLengthMustMatchTheKeySizeWithoutAWriteExchange) {
-    std::uint8_t bytes[3] = {0x1F, 0x40, 0};
-    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 3), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 1), SMC_ESIZE);
-    EXPECT_EQ(machine.count(SMC_CMD_WRITE), 0u);
-    ASSERT_EQ(smc_write(conn.get(), kF0Tg, bytes, 2), SMC_OK);
-    ASSERT_EQ(machine.journal().back().command, SMC_CMD_WRITE);
-    EXPECT_EQ(machine.journal().back().bytes, (std::vector<std::uint8_t>{0x1F, 0x40}));
-}
+    number = -1;
+    EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("RPlt"), &number), SMC_ETYPE);
+    EXPECT_EQ(number, -1) << "an undecodable type leaves the output alone";
 
-TEST_F(ChannelTest, OversizedKeyIsRefusedBeforeAnyValueExchange) {
-    KeyEntry big{smc_fourcc("BIG!"), smc_fourcc("hex_"), 33, 0xC0, {}};
-    machine.keys().put(big);
-    smc_value value{};
-    std::uint8_t bytes[33] = {};
-    EXPECT_EQ(smc_read(conn.get(), big.key, &value), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 33), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 32), SMC_ESIZE);
-    EXPECT_EQ(machine.count(SMC_CMD_READ) + machine.count(SMC_CMD_WRITE), 0u);
-}
+    // Result and kernel codes map to statuses. Firmware refusal: writing a read-only key.
+    EXPECT_EQ(smc_write(conn.get(), smc_fourcc("F0Mx"), value.bytes, 2), SMC_EFIRMWARE);
+    const std::vector<std::tuple<std::uint32_t, std::uint8_t, std::int32_t>> cases = {
+        {SMC_KERN_NOT_PRIVILEGED, 0, SMC_ENOTPRIVILEGED},
+        {0xE00002C2u, 0, static_cast<std::int32_t>(0xE00002C2u)},
+        {0, 0x85, SMC_EFIRMWARE},
+        {0, SMC_RESULT_KEY_NOT_FOUND, SMC_ENOKEY},
+        {0, 0, SMC_OK}};  // faults run out
+    for (auto [kern, result, status] : cases) {
+        if (kern != 0 || result != 0) {
+            machine.injectFault({kTC0P, SMC_CMD_READ, 1, kern, result});
+        }
+        EXPECT_EQ(smc_read(conn.get(), kTC0P, &value), status) << kern << " " << int{result};
+    }
 
-TEST_F(ChannelTest, ResultAndKernelCodesMapToStatuses) {
-    smc_value value{};
-    // Firmware refusal: writing a read-only key.
-    std::uint8_t bytes[2] = {0x5D, 0xC0};
-    EXPECT_EQ(smc_write(conn.get(), smc_fourcc("F0Mx"), bytes, 2), SMC_EFIRMWARE);
-    machine.injectFault({kTC0P, SMC_CMD_READ, 1, SMC_KERN_NOT_PRIVILEGED, 0});
-    EXPECT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_ENOTPRIVILEGED);
-    machine.injectFault({kTC0P, SMC_CMD_READ, 1, 0xE00002C2u, 0});
-    EXPECT_EQ(smc_read(conn.get(), kTC0P, &value), static_cast<std::int32_t>(0xE00002C2u));
-    machine.injectFault({kTC0P, SMC_CMD_READ, 1, 0, 0x85});
-    EXPECT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_EFIRMWARE);
-    machine.injectFault({kTC0P, SMC_CMD_READ, 1, 0, SMC_RESULT_KEY_NOT_FOUND});
-    EXPECT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_ENOKEY);
-    EXPECT_EQ(smc_read(conn.get(), kTC0P, &value), SMC_OK) << "faults run out";
-}
-
-TEST_F(ChannelTest, KeyCountNeedsAFourByteValue) {
+    // The table is walked in key order, and its count needs a four-byte value.
     std::uint32_t count = 0;
     ASSERT_EQ(smc_key_count(conn.get(), &count), SMC_OK);
     EXPECT_EQ(count, 5u);  // four rows and #KEY
-    Machine shortCount = ostrel::test::machineFromRows("key TC0P sp78 2 0xc0 40\n");
-    shortCount.keys().put({smc_fourcc("#KEY"), smc_fourcc("ui16"), 2, 0x80, {0, 2}});
-    Connection other(shortCount);
-    EXPECT_EQ(smc_key_count(other.get(), &count), SMC_ESIZE);
-}
-
-TEST_F(ChannelTest, KeyAtIndexWalksTheTableInKeyOrderAndLeavesOutputOnFailure) {
     std::uint32_t key = 0;
     ASSERT_EQ(smc_key_at_index(conn.get(), 0, &key), SMC_OK);
     EXPECT_EQ(key, smc_fourcc("#KEY"));
@@ -128,48 +98,49 @@ TEST_F(ChannelTest, KeyAtIndexWalksTheTableInKeyOrderAndLeavesOutputOnFailure) {
     EXPECT_EQ(key, kTC0P);
     key = 42;
     EXPECT_EQ(smc_key_at_index(conn.get(), 5, &key), SMC_EFIRMWARE);
-    EXPECT_EQ(key, 42u);
+    EXPECT_EQ(key, 42u) << "output left alone on failure";
+
+    machine.keys().put({smc_fourcc("#KEY"), smc_fourcc("ui16"), 2, 0x80, {0, 2}});
+    Connection fresh(machine);
+    EXPECT_EQ(smc_key_count(fresh.get(), &count), SMC_ESIZE);
+
+    // Wrong sizes are refused without a value exchange; failures are not cached.
+    Counts before = exchanges();
+    machine.injectFault({kF0Tg, SMC_CMD_KEY_INFO, 1, SMC_KERN_IO_ERROR, 0});
+    smc_key_info info{};
+    EXPECT_EQ(smc_key_info_get(conn.get(), kF0Tg, &info),
+              static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
+    std::uint8_t bytes[33] = {0x1F, 0x40, 0};
+    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 3), SMC_ESIZE);
+    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 1), SMC_ESIZE);
+
+    KeyEntry big{smc_fourcc("BIG!"), smc_fourcc("hex_"), 33, 0xC0, {}};
+    machine.keys().put(big);
+    EXPECT_EQ(smc_read(conn.get(), big.key, &value), SMC_ESIZE);
+    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 33), SMC_ESIZE);
+    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 32), SMC_ESIZE);
+    EXPECT_EQ(exchanges(), (Counts{before[0] + 3, before[1], before[2]}));
+
+    ASSERT_EQ(smc_write(conn.get(), kF0Tg, bytes, 2), SMC_OK);
+    EXPECT_EQ(machine.journal().back().bytes, (std::vector<std::uint8_t>{0x1F, 0x40}));
 }
 
-TEST_F(ChannelTest, ReadDoubleReportsUndecodableTypes) {
-    double out = -1;
-    EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("RPlt"), &out), SMC_ETYPE);
-    EXPECT_EQ(out, -1);
-    EXPECT_EQ(smc_read_double(conn.get(), kNope, &out), SMC_ENOKEY);
-}
-
-TEST(ChannelCache, GrowsAfterThe1024thKeyAndKeepsEveryEarlierKey) {
-    Machine machine = ostrel::test::machineFromRows("");
-    Connection conn(machine);
+TEST_F(ChannelTest, TheCacheGrowsAfterThe1024thKeyAndSeedingReplacesWithoutGrowingTheCount) {
     // Keys that the machine does not know: each costs one exchange and a negative slot.
     auto keyFor = [](std::uint32_t i) { return 0x41000000u + i; };
     smc_key_info info{};
     for (std::uint32_t i = 0; i < 1024; ++i) {
         ASSERT_EQ(smc_key_info_get(conn.get(), keyFor(i), &info), SMC_ENOKEY);
     }
-    EXPECT_EQ(csmc::cacheStats(conn.get()).capacity, 2048u);
-    EXPECT_EQ(csmc::cacheStats(conn.get()).count, 1024u);
+    EXPECT_EQ(cache(conn.get()), std::pair(2048u, 1024u));
     ASSERT_EQ(smc_key_info_get(conn.get(), keyFor(1024), &info), SMC_ENOKEY);
-    EXPECT_EQ(csmc::cacheStats(conn.get()).capacity, 4096u);
-    EXPECT_EQ(csmc::cacheStats(conn.get()).count, 1025u);
+    EXPECT_EQ(cache(conn.get()), std::pair(4096u, 1025u));
 
-    std::uint64_t before = machine.totalExchanges();
-    for (std::uint32_t i = 0; i <= 1024; ++i) {
-        ASSERT_EQ(smc_key_info_get(conn.get(), keyFor(i), &info), SMC_ENOKEY);
-    }
-    EXPECT_EQ(machine.totalExchanges(), before) << "every key must still be cached";
-}
-
-TEST(ChannelCache, SeedingReplacesWhatWasCachedWithoutGrowingTheCount) {
-    Machine machine = ostrel::test::machineFromRows("key TC0P sp78 2 0xc0 40\n");
-    Connection conn(machine);
-    smc_key_info info{};
-    ASSERT_EQ(smc_key_info_get(conn.get(), kNope, &info), SMC_ENOKEY);
-    smc_key_info seeded{kNope, smc_fourcc("ui8 "), 1, 0x80};
+    smc_key_info seeded{keyFor(0), smc_fourcc("ui8 "), 1, 0x80};
     smc_key_info_seed(conn.get(), &seeded);
-    ASSERT_EQ(smc_key_info_get(conn.get(), kNope, &info), SMC_OK);
+    ASSERT_EQ(smc_key_info_get(conn.get(), keyFor(0), &info), SMC_OK);
     EXPECT_EQ(info.size, 1u);
-    EXPECT_EQ(csmc::cacheStats(conn.get()).count, 1u);
+    EXPECT_EQ(cache(conn.get()), std::pair(4096u, 1025u));
 }
 
 // Several threads insert into one connection's cache while it grows twice over (2048 to
@@ -209,8 +180,7 @@ TEST(ChannelCache, ConcurrentInsertionAndGrowthLoseNothing) {
         thread.join();
     }
     EXPECT_EQ(failures, 0);
-    EXPECT_EQ(csmc::cacheStats(conn).capacity, 8192u);
-    EXPECT_EQ(csmc::cacheStats(conn).count, kThreads * kPerThread + 2);
+    EXPECT_EQ(cache(conn), std::pair(8192u, kThreads * kPerThread + 2));
     std::uint64_t before = machine.totalExchanges();
     smc_key_info info{};
     for (std::uint32_t t = 0; t < kThreads; ++t) {
@@ -224,32 +194,19 @@ TEST(ChannelCache, ConcurrentInsertionAndGrowthLoseNothing) {
     smc_close(conn);
 }
 
-class ChannelOpen : public testing::Test {
-  protected:
+TEST(ChannelOpen, SelectorsAndSmcOpenReachTheirTransportsAndFailuresSayWhatWould) {
     ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/nonexistent"}}};
     std::shared_ptr<csmc::TransportRegistry> all = ostrel::test::allTransports(env);
-};
-
-TEST_F(ChannelOpen, SelectorsReachTheirTransportsAndFailuresSayWhatWould) {
     csmc::OpenedTransport none = all->open("");
     EXPECT_EQ(none.status, SMC_ENOSERVICE);
-    EXPECT_NE(none.detail.find("OSTREL_SMC"), std::string::npos);
+    EXPECT_THAT(none.detail, HasSubstr("OSTREL_SMC"));
     EXPECT_EQ(all->open("vsmcc:/tmp/x").detail,
               "unknown transport \"vsmcc\" in OSTREL_SMC=vsmcc:/tmp/x (expected memory:PROFILE, "
               "vsmc:SOCKET or applesmc[:DIR])");
     EXPECT_EQ(all->open("memory:").status, SMC_ENOSERVICE);
     EXPECT_EQ(all->open("memory:/no/such/profile").status, SMC_ENOSERVICE);
-    EXPECT_EQ(all->open("memory:macbookpro16-1").status, SMC_OK);
 
-    // A program that registers only what the daemon links cannot reach the simulator.
-    csmc::TransportRegistry daemon;
-    csmc::addVsmcTransport(daemon, ostrel::platform::realClock());
-    EXPECT_EQ(daemon.open("memory:macbookpro16-1").detail,
-              "unknown transport \"memory\" in OSTREL_SMC=memory:macbookpro16-1 (expected "
-              "vsmc:SOCKET)");
-}
-
-TEST_F(ChannelOpen, MemoryConnectionsOfOneRegistryShareOneMachine) {
+    // Memory connections of one registry share one machine.
     smc_conn *ca = nullptr;
     smc_conn *cb = nullptr;
     ASSERT_EQ(csmc::openConnection(&ca, all->open("memory:macbookpro18-2")), SMC_OK);
@@ -261,20 +218,24 @@ TEST_F(ChannelOpen, MemoryConnectionsOfOneRegistryShareOneMachine) {
     EXPECT_EQ(seen, 1.0);
     smc_close(ca);
     smc_close(cb);
-}
 
-TEST_F(ChannelOpen, SmcOpenUsesTheInstalledMachineAndSaysWhyItFails) {
+    // A program that registers only what the daemon links cannot reach the simulator.
+    csmc::TransportRegistry daemon;
+    csmc::addVsmcTransport(daemon, ostrel::platform::realClock());
+    EXPECT_EQ(daemon.open("memory:macbookpro16-1").detail,
+              "unknown transport \"memory\" in OSTREL_SMC=memory:macbookpro16-1 (expected "
+              "vsmc:SOCKET)");
+
+    // smc_open uses the installed machine and says why it fails.
     smc_conn *conn = reinterpret_cast<smc_conn *>(0x1);
     csmc::installProcessMachine({});
     EXPECT_EQ(smc_open(&conn), SMC_ENOSERVICE);
     EXPECT_EQ(conn, nullptr);
-    EXPECT_NE(std::string(smc_open_detail()).find("no SMC transport was configured"),
-              std::string::npos);
+    EXPECT_THAT(smc_open_detail(), HasSubstr("no SMC transport was configured"));
 
     csmc::installProcessMachine({all, "memory:/nonexistent/broken.profile", "/sys", nullptr});
     EXPECT_EQ(smc_open(&conn), SMC_ENOSERVICE);
-    EXPECT_NE(std::string(smc_open_detail()).find("/nonexistent/broken.profile"),
-              std::string::npos);
+    EXPECT_THAT(smc_open_detail(), HasSubstr("/nonexistent/broken.profile"));
     csmc::installProcessMachine({all, "memory:macbookpro10-1", "/sys", nullptr});
     ASSERT_EQ(smc_open(&conn), SMC_OK);
     EXPECT_EQ(std::string(smc_open_detail()), "");
