@@ -192,7 +192,7 @@ class SensingCommandsTest : public CliTest {
     }
 };
 
-TEST_F(SensingCommandsTest, SensorsGroupedWithUnitsOrAsTheSnapshotInJson) {
+TEST_F(SensingCommandsTest, SensorsGroupedWithUnitsOrAsTheSnapshotInJsonAndLostReadingsExitOne) {
     EXPECT_EQ(printed({"sensors"}),
               "CPU\n"
               "  CPU Die (filtered)           TC0F     60.0 \u00B0C\n"
@@ -233,6 +233,14 @@ TEST_F(SensingCommandsTest, SensorsGroupedWithUnitsOrAsTheSnapshotInJson) {
                    "known": true}],
         "voltages": [],
         "currents": []})"));
+
+    // Readings lost to the connection: what was read is printed, and the status says so.
+    for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
+             {"sensors", "--scope", "all"}, {"sensors", "--json"}, {"fans"}}) {
+        machine.injectFault({FourCC("F1Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_NOT_RESPONDING, 0});
+        EXPECT_THAT(printed(args, 1), HasSubstr("Left side")) << "what was read is printed";
+        EXPECT_EQ(err.str(), "ostrel: some readings are missing: IOKit error 0xe00002ed\n");
+    }
 }
 
 // What a sensors user expects flagged: a fan that should turn and does not, and limits that
@@ -316,16 +324,6 @@ TEST_F(SensingCommandsTest, DiscoverySummaryAndRefresh) {
     EXPECT_EQ(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "the cache was used";
     printed({"discovery", "--refresh", "--json"});
     EXPECT_GT(machine.count(SMC_CMD_KEY_AT_INDEX), 0u) << "--refresh scans again";
-}
-
-TEST_F(SensingCommandsTest, ReadingsLostToTheConnectionExitOne) {
-    printed({"sensors"});  // discovered and cached
-    for (std::vector<const char *> args : std::vector<std::vector<const char *>>{
-             {"sensors", "--scope", "all"}, {"sensors", "--json"}, {"fans"}}) {
-        machine.injectFault({FourCC("F1Ac").rawValue, SMC_CMD_READ, 1, SMC_KERN_NOT_RESPONDING, 0});
-        EXPECT_THAT(printed(args, 1), HasSubstr("Left side")) << "what was read is printed";
-        EXPECT_EQ(err.str(), "ostrel: some readings are missing: IOKit error 0xe00002ed\n");
-    }
 }
 
 // Waits as a script says: each wait returns the next signal (0: the interval passed).

@@ -10,7 +10,6 @@
 #include <sstream>
 
 #include "codesign.h"
-#include "ostrel/code_signature.h"
 #include "support/temp_dir.h"
 
 namespace {
