@@ -10,7 +10,6 @@
 #include <sstream>
 
 #include "codesign.h"
-#include "ostrel/code_signature.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -80,7 +79,6 @@ TEST_F(CodesignTest, SigningReplacesTheBlockAndKeepsTheMode) {
 TEST_F(CodesignTest, UsageAndFileErrors) {
     EXPECT_EQ(run({"sign", "--identifier", "dev.ostrel.cli", dir.put("f", "x")}), 2);
     EXPECT_THAT(err.str(), HasSubstr("needs --key KEY or --adhoc"));
-    EXPECT_EQ(run({"sign", "--adhoc", "--identifier", "no spaces", dir.put("f", "x")}), 1);
     EXPECT_EQ(run({"show", dir.path() + "/missing"}), 1);
     EXPECT_THAT(err.str(), HasSubstr("No such file or directory"));
     EXPECT_EQ(run({"sign", "--adhoc", "--identifier", "a", dir.path()}), 1);

@@ -88,9 +88,7 @@ TEST_F(HelperClientTest, EachWayOfNotReachingTheDaemonSaysWhatHappened) {
     const std::string status = " (is it installed and running? see: ostrel helper status)";
     EXPECT_EQ(failure(HelperClient(socket(), deadlines).version()),
               "no daemon is listening on " + socket() + status);
-    {
-        FakeDaemon gone(socket(), FakeDaemon::Mode::answer, answers);
-    }  // leaves its socket file behind, as a daemon that was killed does
+    daemon(FakeDaemon::Mode::answer);  // gone at once, its socket file left as a killed one's
     EXPECT_EQ(failure(HelperClient(socket(), deadlines).version()),
               "connection refused on " + socket() +
                   " (the daemon is not running; see: ostrel helper status)");

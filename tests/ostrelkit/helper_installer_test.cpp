@@ -96,7 +96,7 @@ TEST(HelperInstallerTest, FailuresSayWhatHappenedAndNothingRunsWithoutItsFiles) 
     EXPECT_TRUE(system.processes.runs.empty());
 }
 
-TEST(HelperInstallerTest, InstalledMeansBothFilesAndTheDaemonIsFoundNextToTheProgramFirst) {
+TEST(HelperInstallerTest, InstalledStateWhereTheDaemonIsFoundAndHowTheUnitQuotes) {
     FakeSystem system;
     system.executable("/usr/local/libexec/dev.ostrel.helper");
     EXPECT_FALSE(system.installer().isInstalled());
@@ -108,11 +108,10 @@ TEST(HelperInstallerTest, InstalledMeansBothFilesAndTheDaemonIsFoundNextToThePro
     EXPECT_EQ(system.installer().locateHelperBinary(), "/usr/lib/ostrel/ostrel-helper");
     system.executable("/usr/bin/ostrel-helper");
     EXPECT_EQ(system.installer().locateHelperBinary(), "/usr/bin/ostrel-helper");
-}
 
-TEST(HelperInstallerTest, TheUnitQuotesArgumentsBySystemdsRules) {
-    std::string unit = FakeSystem().installer().unitText("/usr/local/libexec/dev.ostrel.helper",
-                                                         "/opt/ostrel/100% \"new\"/x");
+    // The unit quotes its arguments by systemd's rules.
+    std::string unit = system.installer().unitText("/usr/local/libexec/dev.ostrel.helper",
+                                                   "/opt/ostrel/100% \"new\"/x");
     EXPECT_THAT(unit, HasSubstr("\nExecStart=\"/usr/local/libexec/dev.ostrel.helper\" \"--source\" "
                                 "\"/opt/ostrel/100%% \\\"new\\\"/x\"\n"));
     EXPECT_EQ(systemdQuote("$HOME\\\n"), "\"$$HOME\\\\\\x0a\"");

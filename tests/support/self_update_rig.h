@@ -36,10 +36,9 @@ struct SelfUpdateRig {
         put(source, &teamKey());
         processes.respond = [this](const platform::ProcessLaunch &) { return answer; };
     }
-    // A copy of the daemon at `path`, signed with `key` (ad hoc when null).
-    void put(const std::string &path, const SigningKey *key,
-             const std::string &identifier = "dev.ostrel.helper") {
-        files.put(path, signedBytes("new daemon", identifier, key));
+    // A copy of the daemon at `path`, signed with `key`.
+    void put(const std::string &path, const SigningKey *key) {
+        files.put(path, signedBytes("new daemon", "dev.ostrel.helper", key));
     }
     HelperSelfUpdate::Outcome attempt(const std::string &from = source) {
         return HelperSelfUpdate::update(from, destination, teamSigner(), "1.1.13", services);
