@@ -111,12 +111,10 @@ TEST_F(VsmcServer, AnswersTheChannelAndJsonCallsToSeveralClientsAndGoneOrSilentS
     ASSERT_EQ(client.opened.status, SMC_OK);
     // The record travels whole, so one read stands for every command and result code.
     EXPECT_EQ(client.read("F0Mx"), 5348);
-    auto sensors = client.transport->temperatureSensors();
-    ASSERT_TRUE(sensors && !sensors->empty());
-    EXPECT_EQ(sensors->front().name, "pACC MTR Temp Sensor0");
-    auto battery = client.transport->batteryProperties();
-    ASSERT_TRUE(battery && battery->is_object());
-    EXPECT_EQ((*battery)["MaxCapacity"], 100);
+    EXPECT_THAT(client.transport->temperatureSensors(),
+                testing::Optional(testing::Contains(
+                    testing::Field(&csmc::TemperatureSensor::name, "pACC MTR Temp Sensor0"))));
+    EXPECT_EQ(client.transport->batteryProperties().value_or(nullptr)["MaxCapacity"], 100);
 
     Client other(socket, clock);
     ASSERT_EQ(writeNumber(client.get(), "Ftst", 1), SMC_OK) << "tests run as root";
@@ -322,7 +320,6 @@ TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsA
                                     "exchanges", "faults", "vanished", "speed", "profile"));
     EXPECT_EQ(status["time"], 60.0);
     EXPECT_EQ(status["fans"].size(), 4u);
-    EXPECT_TRUE(status["battery"].is_null());
     EXPECT_GT(status["temperatures"]["cpu"].get<double>(), 45);
 
     Ran human = ctl({"status"});
