@@ -304,7 +304,6 @@ TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClientsD
 
 TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsAtItsSpeed) {
     serve("macpro7-1", 200);
-    ASSERT_EQ(ctl({"load", "--cpu", "1", "--gpu", "0.5"}).status, 0);
     ASSERT_EQ(ctl({"advance", "60"}).status, 0);
     Ran ran = ctl({"status", "--json"});
     ASSERT_EQ(ran.status, 0) << ran.err;
@@ -320,7 +319,6 @@ TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsA
                                     "exchanges", "faults", "vanished", "speed", "profile"));
     EXPECT_EQ(status["time"], 60.0);
     EXPECT_EQ(status["fans"].size(), 4u);
-    EXPECT_GT(status["temperatures"]["cpu"].get<double>(), 45);
 
     Ran human = ctl({"status"});
     EXPECT_THAT(human.out, HasSubstr("MacPro7,1  t=60.0 s"));
