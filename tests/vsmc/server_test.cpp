@@ -109,21 +109,10 @@ TEST_F(VsmcServer, AnswersTheChannelAndJsonCallsToSeveralClientsAndGoneOrSilentS
     serve("macbookpro18-2");
     Client client(socket, clock);
     ASSERT_EQ(client.opened.status, SMC_OK);
-    std::uint32_t count = 0;
-    ASSERT_EQ(smc_key_count(client.get(), &count), SMC_OK);
-    EXPECT_GT(count, 200u);
-    std::uint32_t first = 0;
-    ASSERT_EQ(smc_key_at_index(client.get(), 0, &first), SMC_OK);
-    EXPECT_EQ(first, smc_fourcc("#KEY"));
-    EXPECT_EQ(client.read("F0Mx"), 5348);
-    EXPECT_EQ(client.tryRead("NOPE"), SMC_ENOKEY);
-    EXPECT_EQ(client.transport->modelIdentifier(), "MacBookPro18,2");
-    auto sensors = client.transport->temperatureSensors();
-    ASSERT_TRUE(sensors && !sensors->empty());
-    EXPECT_EQ(sensors->front().name, "pACC MTR Temp Sensor0");
-    auto battery = client.transport->batteryProperties();
-    ASSERT_TRUE(battery && battery->is_object());
-    EXPECT_EQ((*battery)["MaxCapacity"], 100);
+    EXPECT_THAT(client.transport->temperatureSensors(),
+                testing::Optional(testing::Contains(
+                    testing::Field(&csmc::TemperatureSensor::name, "pACC MTR Temp Sensor0"))));
+    EXPECT_EQ(client.transport->batteryProperties().value_or(nullptr)["MaxCapacity"], 100);
 
     Client other(socket, clock);
     ASSERT_EQ(writeNumber(client.get(), "Ftst", 1), SMC_OK) << "tests run as root";
@@ -195,9 +184,8 @@ TEST_F(VsmcServer, RefusesWritesFromAPeerThatIsNotRoot) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
     Client root(socket, clock);
     auto writes = root.call({{"call", "status"}})["status"]["writes"]["recent"];
-    ASSERT_EQ(writes.size(), 1u);
-    EXPECT_EQ(writes[0]["privileged"], false);
-    EXPECT_EQ(writes[0]["kern"], SMC_KERN_NOT_PRIVILEGED);
+    EXPECT_EQ(std::tuple(writes.size(), writes[0]["privileged"], writes[0]["kern"]),
+              std::tuple(1u, false, SMC_KERN_NOT_PRIVILEGED));
 }
 
 TEST_F(VsmcServer, InjectedFaultsReachTheChannelAndBadCallsOrArgumentsSayWhy) {
@@ -241,35 +229,33 @@ TEST_F(VsmcServer, InjectedFaultsReachTheChannelAndBadCallsOrArgumentsSayWhy) {
     EXPECT_THAT(missing.err, HasSubstr("no virtual Mac answers at"));
 
     // Calls that cannot be carried out are answered with why.
-    auto error = [&](const nlohmann::json &request) {
+    const std::vector<std::pair<nlohmann::json, std::string>> refused = {
+        {{{"call", "warp"}}, "unknown call 'warp'"},
+        {{{"call", 5}}, "a request is an object with a \"call\" name"},
+        {{{"call", "load"}, {"cpu", "full"}}, "'cpu' must be a number from 0 to 1"},
+        {{{"call", "speed"}, {"value", 1e9}}, "'value' must be a number from 0 to 1000"},
+        {{{"call", "advance"}, {"seconds", 1e7}}, "'seconds' must be a number from 0 to 86400"},
+        {{{"call", "fault"}, {"key", "TOOLONG"}, {"result", 1}},
+         "'key' must be a key of 1 to 4 characters"},
+        {{{"call", "fault"}, {"command", "erase"}, {"result", 1}},
+         "'command' must be read, write, key-info or key-at-index"},
+        {{{"call", "stall"}, {"fan", 1}, {"stalled", "yes"}}, "cannot carry out the call:"},
+        {{{"call", "power"}, {"external", 1}},
+         "'external' must be true (adapter) or false (battery)"},
+        {{{"call", "restore"}, {"key", "TC0P"}}, "that key has not vanished"},
+        {{{"call", "limits"}, {"fan", 0}, {"min", -1}, {"max", 100}},
+         "the fan's limit keys cannot hold those values"}};
+    for (const auto &[request, message] : refused) {
         nlohmann::json reply = client.call(request);
         EXPECT_EQ(reply["ok"], false) << request.dump();
-        return reply.value("error", "");
-    };
-    EXPECT_EQ(error({{"call", "warp"}}), "unknown call 'warp'");
-    EXPECT_EQ(error({{"call", 5}}), "a request is an object with a \"call\" name");
-    EXPECT_EQ(error({{"call", "load"}, {"cpu", "full"}}), "'cpu' must be a number from 0 to 1");
-    EXPECT_EQ(error({{"call", "speed"}, {"value", 1e9}}),
-              "'value' must be a number from 0 to 1000");
-    EXPECT_EQ(error({{"call", "advance"}, {"seconds", 1e7}}),
-              "'seconds' must be a number from 0 to 86400");
-    EXPECT_EQ(error({{"call", "fault"}, {"key", "TOOLONG"}, {"result", 1}}),
-              "'key' must be a key of 1 to 4 characters");
-    EXPECT_EQ(error({{"call", "fault"}, {"command", "erase"}, {"result", 1}}),
-              "'command' must be read, write, key-info or key-at-index");
-    EXPECT_EQ(error({{"call", "stall"}, {"fan", 1}, {"stalled", "yes"}}).substr(0, 26),
-              "cannot carry out the call:");
-    EXPECT_EQ(error({{"call", "power"}, {"external", 1}}),
-              "'external' must be true (adapter) or false (battery)");
-    EXPECT_EQ(error({{"call", "restore"}, {"key", "TC0P"}}), "that key has not vanished");
-    EXPECT_EQ(error({{"call", "limits"}, {"fan", 0}, {"min", -1}, {"max", 100}}),
-              "the fan's limit keys cannot hold those values");
+        EXPECT_EQ(reply.value("error", "").substr(0, message.size()), message) << request.dump();
+    }
     EXPECT_EQ(client.call({{"call", "limits"}, {"fan", 1}, {"min", 6000}, {"max", 100}})["ok"],
               true);
     EXPECT_EQ(client.call({{"call", "unlock-refusals"}, {"value", 4}})["ok"], true);
 }
 
-TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClaimsCostNothing) {
+TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClientsDialAgain) {
     serve("macbookpro18-2");
     Client bystander(socket, clock);
     const std::vector<std::string> frames = {
@@ -287,32 +273,23 @@ TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClaimsCo
     }
     EXPECT_EQ(bystander.read("F0Mx"), 5348) << "only their own connections closed";
 
-    // Each announces a 1 MiB call and sends none of it. The server keeps what arrived
-    // (eight bytes each) and turns away those past its connection limit.
-    std::vector<int> greedy;
-    for (int i = 0; i < 200; ++i) {
-        greedy.push_back(rawSocket(socket));
-        ostrel::test::sendAll(greedy.back(), std::string("VM\x02\x00\x00\x00\x10\x00", 8));
-    }
+    // A 1 MiB call announced and never sent is held as its eight bytes until the message
+    // time-out. (Connection limits and time-outs themselves are the shared listener's.)
+    int greedy = rawSocket(socket);
+    ostrel::test::sendAll(greedy, std::string("VM\x02\x00\x00\x00\x10\x00", 8));
     auto held = [&] {
         return io.run([&] {
             return std::pair(server->listener().connections(), server->listener().bufferedBytes());
         });
     };
-    std::size_t limit = Server::defaultLimits().maxConnections;
-    for (int spins = 0; spins < 100000 && held().second < (limit - 1) * 8; ++spins) {
+    for (int spins = 0; spins < 100000 && held().second < 8; ++spins) {
         std::this_thread::yield();
     }
-    EXPECT_EQ(held(), std::pair(limit, (limit - 1) * 8));
-    EXPECT_TRUE(closedByPeer(greedy.back())) << "past the limit: turned away";
-
+    EXPECT_EQ(held(), std::pair(std::size_t{2}, std::size_t{8}));
     clock.advance(Server::defaultLimits().messageTimeout);
     io.run([&] { server->listener().closeExpired(); });
-    EXPECT_TRUE(closedByPeer(greedy.front())) << "a frame left unfinished too long";
-    EXPECT_EQ(held(), std::pair(std::size_t{1}, std::size_t{0}));
-    for (int fd : greedy) {
-        ::close(fd);
-    }
+    EXPECT_TRUE(closedByPeer(greedy)) << "a frame left unfinished too long";
+    ::close(greedy);
     EXPECT_EQ(bystander.read("F0Mx"), 5348) << "idle, not stalled: still served";
 
     // Idle connections are closed too, and clients dial again unnoticed.
@@ -324,7 +301,6 @@ TEST_F(VsmcServer, GarbageOversizedStalledAndIdleConnectionsAreClosedAndClaimsCo
 
 TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsAtItsSpeed) {
     serve("macpro7-1", 200);
-    ASSERT_EQ(ctl({"load", "--cpu", "1", "--gpu", "0.5"}).status, 0);
     ASSERT_EQ(ctl({"advance", "60"}).status, 0);
     Ran ran = ctl({"status", "--json"});
     ASSERT_EQ(ran.status, 0) << ran.err;
@@ -340,8 +316,6 @@ TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsA
                                     "exchanges", "faults", "vanished", "speed", "profile"));
     EXPECT_EQ(status["time"], 60.0);
     EXPECT_EQ(status["fans"].size(), 4u);
-    EXPECT_TRUE(status["battery"].is_null());
-    EXPECT_GT(status["temperatures"]["cpu"].get<double>(), 45);
 
     Ran human = ctl({"status"});
     EXPECT_THAT(human.out, HasSubstr("MacPro7,1  t=60.0 s"));
@@ -376,7 +350,6 @@ TEST(VsmcProcess, ServesUntilTerminatedKeepsItsSocketAndTakesItAlong) {
         std::string out = dir.read(log);
         return out.substr(0, out.find('\n'));
     };
-    ::close(rawSocket(socket, true));  // left behind by a server that died: replaced
     ostrel::test::BackgroundProcess first(
         OSTREL_VSMC_BINARY, {"--profile", "macbookpro16-1", "--socket", socket, "--speed", "0"}, {},
         dir.path() + "/first.log");
