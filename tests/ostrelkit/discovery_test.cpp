@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "ostrel/sampler.h"
@@ -16,12 +17,8 @@ using testing::ElementsAre;
 
 // The sensor a discovery kept for a key, or nothing when it left the key out.
 std::optional<SensorDescriptor> sensorIn(const Discovery &d, const char *key) {
-    for (const SensorDescriptor &s : d.sensors) {
-        if (s.info.key == FourCC(key)) {
-            return s;
-        }
-    }
-    return std::nullopt;
+    auto found = std::ranges::find(d.sensors, FourCC(key), [](auto &s) { return s.info.key; });
+    return found == d.sensors.end() ? std::nullopt : std::optional(*found);
 }
 
 // The keys of a discovery's sensors in key-index order; with `essentialOnly`, only those

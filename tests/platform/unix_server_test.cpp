@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "ostrel/platform/unique_fd.h"
 #include "ostrel/platform/unix_server.h"
 #include "support/io_thread.h"
 #include "support/real_files.h"
@@ -67,9 +68,9 @@ class UnixServerTest : public testing::Test {
     }
     // A client, closed with the test.
     int connect() {
-        fds.push_back(rawSocket(path));
+        fds.emplace_back(rawSocket(path));
         settle();
-        return fds.back();
+        return fds.back().get();
     }
     std::string ask(int fd, const std::string &line) {
         sendAll(fd, line + "\n");
@@ -88,13 +89,7 @@ class UnixServerTest : public testing::Test {
     LineEcho echo;
     Files files;
     FakeClock clock;
-    std::vector<int> fds;
-
-    ~UnixServerTest() override {
-        for (int fd : fds) {
-            ::close(fd);
-        }
-    }
+    std::vector<ostrel::platform::UniqueFd> fds;
 };
 
 TEST_F(UnixServerTest, OwnsItsSocketFileFromDirectoryToRemoval) {
