@@ -1,8 +1,5 @@
-// The applesmc transport against a fake driver on the built-in virtual Macs: the same key
-// table and values as the in-process transport (so the kit discovers the same sensors and
-// fans through it), fan writes as the driver's files take them, privilege and error
-// mapping, and a selector that other processes move. Then the whole path from opening by
-// selector, on plain files in a temporary OSTREL_ROOT.
+// The applesmc transport against a fake driver on the built-in virtual Macs, then the whole
+// path from opening by selector, on plain files in a temporary OSTREL_ROOT.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -14,6 +14,8 @@ namespace {
 
 using namespace ostrel;
 using testing::ElementsAre;
+using G = SensorGroup;
+using Q = Quantity;
 
 // The sensor a discovery kept for a key, or nothing when it left the key out.
 std::optional<SensorDescriptor> sensorIn(const Discovery &d, const char *key) {
@@ -59,10 +61,7 @@ TEST_F(DiscoveryTest, WhichKeysAreSensorsAndWhichEssential) {
     for (const char *absent : {"TS0P", "TCFP", "VBAT"}) {
         EXPECT_EQ(sensorIn(d, absent), std::nullopt) << absent;
     }
-    EXPECT_EQ(
-        sensorIn(d, "PC0C"),
-        (SensorDescriptor{
-            {"PC0C", "sp96", 2, 0xC0}, Quantity::power, "PC0C", SensorGroup::other, false, false}))
+    EXPECT_EQ(sensorIn(d, "PC0C"), (SensorDescriptor{{"PC0C", "sp96", 2, 0xC0}, Q::power, "PC0C"}))
         << "unlisted power keys are kept, unknown";
     // No board or storage temperature is essential by itself: the hottest is promoted.
     // (TPCD is, TW0P is not, and the one storage key TH0P is.)
@@ -102,12 +101,11 @@ TEST_F(DiscoveryTest, PerCoreShapedKeysAreCoresOnlyOnAppleSilicon) {
         // The tick reads only what it uses: on Intel, TC0D alone.
         EXPECT_EQ(essential.temperatures().size(), c.appleSilicon ? 4u : 1u);
         if (c.appleSilicon) {
-            EXPECT_EQ(*core, (SensorDescriptor{core->info, Quantity::temperature, "CPU P-Core 1P",
-                                               SensorGroup::cpu, true, true}));
+            EXPECT_EQ(*core, (SensorDescriptor{core->info, Q::temperature, "CPU P-Core 1P", G::cpu,
+                                               true, true}));
             EXPECT_EQ(essential.temperature(CurveSensor::cpu), 90);
         } else {
-            EXPECT_EQ(*core, (SensorDescriptor{core->info, Quantity::temperature, "Tp1P",
-                                               SensorGroup::other, false, false}));
+            EXPECT_EQ(*core, (SensorDescriptor{core->info, Q::temperature, "Tp1P"}));
             EXPECT_EQ(essential.temperature(CurveSensor::cpu), 50);
             EXPECT_EQ(essential.temperature(CurveSensor::gpu), 50) << "no GPU: the hottest";
         }
@@ -159,23 +157,14 @@ TEST_F(DiscoveryTest, KeyCountFailureIsTheOnlyError) {
 }
 
 TEST(DiscoveryCacheFormat, WritesTheDocumentedLinesAndReadsThemBack) {
-    Discovery d{.model = "MacBookPro16,1",
-                .keyCount = 1234,
-                .sensors = {{{"TC0P", "flt ", 4, 128},
-                             Quantity::temperature,
-                             "CPU Proximity",
-                             SensorGroup::cpu,
-                             true,
-                             true},
-                            {{"PZ9Z", "sp87", 2, 192},
-                             Quantity::power,
-                             " leading blank  and two",
-                             SensorGroup::other,
-                             false,
-                             false}},
-                .fans = {{0, "Left side", true}, {1, "", false}},
-                .fanForceKey = true,
-                .hid = true};
+    Discovery d{
+        .model = "MacBookPro16,1",
+        .keyCount = 1234,
+        .sensors = {{{"TC0P", "flt ", 4, 128}, Q::temperature, "CPU Proximity", G::cpu, true, true},
+                    {{"PZ9Z", "sp87", 2, 192}, Q::power, " leading blank  and two"}},
+        .fans = {{0, "Left side", true}, {1, "", false}},
+        .fanForceKey = true,
+        .hid = true};
     std::string text = d.cacheData();
     EXPECT_EQ(text,
               "ostrel-discovery 2 1234 1 0 1\n"
@@ -207,21 +196,19 @@ TEST(DiscoveryCacheFormat, InvalidFilesAreRejected) {
 }
 
 TEST(DiscoveryCacheFormat, LenientWhereTheFormatIsLenient) {
-    EXPECT_EQ(Discovery::fromCache(
-                  "\n\noops-not-magic 2 4294967297 1x 0 \n"  // magic not compared; count wraps
-                  "m\n"                                      // a short model line: empty model
-                  "model \xff\n"                             // a later one replaces it
-                  "s 54433050 666c7420 4 300 temperature CPU  1 N\xc3\n"),  // 300 wraps at 8 bits
-              (Discovery{.model = "\uFFFD",
-                         .keyCount = 1,
-                         .sensors = {{{"TC0P", "flt ", 4, 44},
-                                      Quantity::temperature,
-                                      "N\uFFFD",
-                                      SensorGroup::cpu,
-                                      false,  // an empty flag field is false
-                                      true}},
-                         .fans = {},
-                         .fanForceKey = true}));
+    EXPECT_EQ(
+        Discovery::fromCache(
+            "\n\noops-not-magic 2 4294967297 1x 0 \n"  // magic not compared; count wraps
+            "m\n"                                      // a short model line: empty model
+            "model \xff\n"                             // a later one replaces it
+            "s 54433050 666c7420 4 300 temperature CPU  1 N\xc3\n"),  // 300 wraps at 8 bits
+        (Discovery{
+            .model = "\uFFFD",
+            .keyCount = 1,
+            // An empty flag field is false.
+            .sensors = {{{"TC0P", "flt ", 4, 44}, Q::temperature, "N\uFFFD", G::cpu, false, true}},
+            .fans = {},
+            .fanForceKey = true}));
 }
 
 TEST_F(DiscoveryTest, LoadingReadsAValidFileWritesAnyOtherAndClearCacheRemovesIt) {

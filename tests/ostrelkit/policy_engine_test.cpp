@@ -59,8 +59,6 @@ class EngineTest : public testing::Test {
     }
 };
 
-// Without policies the engine is not active and the controller does not tick it (its
-// tests); auto is never stored (below, and the controller's restore).
 // Two hot ticks in a row (at the ceiling counts as hot) hand the fans to the firmware
 // until thirty cool ticks in a row (85 is not cool); a tick between restarts either count.
 TEST_F(EngineTest, FailsafeOnTheSecondHotTickResumesOnTheThirtiethCoolTick) {
