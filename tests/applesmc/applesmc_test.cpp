@@ -24,6 +24,7 @@ using csmc::ApplesmcTransport;
 using ostrel::FourCC;
 using ostrel::SMC;
 using ostrel::SMCError;
+using ostrel::test::errorOf;
 using ostrel::test::FakeApplesmc;
 using ostrel::vsmc::Machine;
 using testing::HasSubstr;
@@ -38,18 +39,6 @@ std::vector<std::uint8_t> machineBytes(const Machine &machine, FourCC key) {
 
 SMCError kernelError(std::uint32_t code) {
     return SMCError::kernel(static_cast<std::int32_t>(code));
-}
-
-// The error an operation fails with; noService (which no operation here can give) when it
-// does not fail.
-template <typename Operation>
-SMCError errorOf(Operation operation) {
-    try {
-        operation();
-    } catch (const SMCError &error) {
-        return error;
-    }
-    return SMCError::noService();
 }
 
 // A machine behind the fake driver, and one root (or other) process's SMC connection.

@@ -9,6 +9,7 @@
 namespace {
 
 using namespace ostrel;
+using test::errorOf;
 using vsmc::Machine;
 
 SMCValue value(const char *type, std::vector<std::uint8_t> bytes) {
@@ -71,17 +72,6 @@ class SMCTest : public testing::Test {
         "key LOCK ioft 8 0xc0\n"
         "key TC0P sp78 2 0xc0 45.5\n");
     SMC smc{std::make_unique<vsmc::MemoryTransport>(machine)};
-
-    template <typename F>
-    SMCError errorOf(F &&f) {
-        try {
-            f();
-        } catch (const SMCError &e) {
-            return e;
-        }
-        ADD_FAILURE() << "no error";
-        return SMCError::outOfMemory();
-    }
 };
 
 // Reading keys, their information and numbers is every command's and the sampler's; here
