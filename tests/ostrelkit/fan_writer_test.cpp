@@ -91,7 +91,6 @@ TEST_F(FanWriterTest, TestKeyMachineUnlocksOnceAndWaitsOutUpTo49FirmwareRefusals
     EXPECT_THAT(writes(), ElementsAre(Write{"F1Md", 1}, Write{"F1Tg", 3000})) << "no second Ftst";
     writer->setAuto(1);
     EXPECT_THAT(writes(), ElementsAre(Write{"F1Md", 0}));
-    EXPECT_TRUE(writer->unlocked()) << "one fan handed back leaves the test key set";
     writer->setAllAuto();
     EXPECT_THAT(writes(), ElementsAre(Write{"F0Md", 0}, Write{"F1Md", 0}, Write{"Ftst", 0}));
     machine->setUnlockRefusals(0);

@@ -59,13 +59,6 @@ class EngineTest : public testing::Test {
     }
 };
 
-TEST_F(EngineTest, WithoutPoliciesNothingHappensWhateverTheHeat) {
-    engine.set(FanPolicy(), 0);  // auto is never stored
-    EXPECT_TRUE(engine.policies().empty());
-    EXPECT_FALSE(engine.isActive());
-    play({{120, 3, {}}});
-}
-
 // Two hot ticks in a row (at the ceiling counts as hot) hand the fans to the firmware
 // until thirty cool ticks in a row (85 is not cool); a tick between restarts either count.
 TEST_F(EngineTest, FailsafeOnTheSecondHotTickResumesOnTheThirtiethCoolTick) {

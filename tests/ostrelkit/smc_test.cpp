@@ -9,6 +9,7 @@
 namespace {
 
 using namespace ostrel;
+using test::errorOf;
 using vsmc::Machine;
 
 SMCValue value(const char *type, std::vector<std::uint8_t> bytes) {
@@ -21,12 +22,6 @@ TEST(FourCCTest, TextIsPaddedCutAndShownPrintable) {
     EXPECT_EQ(FourCC("ab").description(), "ab  ");
     EXPECT_EQ(FourCC(0x7F414243u).description(), "?ABC");
     EXPECT_EQ(FourCC(0x00000041u).description(), "???A");
-    EXPECT_EQ(Json(FourCC("FS!")).get<std::string>(), "FS! ");
-}
-
-TEST(SMCKeyInfoTest, JsonHasTheFourMembersInOrder) {
-    Json json = SMCKeyInfo{"TC0P", "sp78", 2, 0xC0};
-    EXPECT_EQ(json.dump(), R"({"key":"TC0P","type":"sp78","size":2,"attributes":192})");
 }
 
 TEST(SMCValueTest, DisplayPicksNumberTextOrBytes) {
@@ -77,29 +72,13 @@ class SMCTest : public testing::Test {
         "key LOCK ioft 8 0xc0\n"
         "key TC0P sp78 2 0xc0 45.5\n");
     SMC smc{std::make_unique<vsmc::MemoryTransport>(machine)};
-
-    template <typename F>
-    SMCError errorOf(F &&f) {
-        try {
-            f();
-        } catch (const SMCError &e) {
-            return e;
-        }
-        ADD_FAILURE() << "no error";
-        return SMCError::outOfMemory();
-    }
 };
 
-TEST_F(SMCTest, ReadsKeysValuesAndNumbers) {
-    EXPECT_EQ(smc.keyCount(), 7u);
-    EXPECT_EQ(smc.key(0), FourCC("#KEY"));
-    EXPECT_EQ(smc.info("TC0P"), (SMCKeyInfo{"TC0P", "sp78", 2, 0xC0}));
-    EXPECT_EQ(smc.readDouble("TC0P"), 45.5);
+// Reading keys, their information and numbers is every command's and the sampler's; here
+// what fails, and has(), which nothing else asks.
+TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
     EXPECT_TRUE(smc.has("TC0P"));
     EXPECT_FALSE(smc.has("NOPE"));  // asked once: the channel's negative cache (channel_test)
-}
-
-TEST_F(SMCTest, ErrorsCarryTheKeyAndTheRealType) {
     EXPECT_EQ(errorOf([&] { smc.read("NOPE"); }), SMCError::keyNotFound("NOPE"));
     EXPECT_EQ(errorOf([&] { smc.readDouble("RPlt"); }), SMCError::unsupportedType("RPlt", "ch8*"));
     EXPECT_EQ(errorOf([&] { smc.readDouble("NOPE"); }), SMCError::keyNotFound("NOPE"));

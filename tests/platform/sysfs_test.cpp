@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "ostrel/platform/sysfs.h"
+#include "ostrel/platform/unique_fd.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -35,22 +36,17 @@ TEST(RealSysfsTest, ReadsAndStoresWholeAttributesAndLocksWithErrno) {
 
     // The lock is created private and excludes other holders.
     std::string path = dir.path() + "/run/sub/app.lock";
+    auto othersMayLock = [&] {
+        ostrel::platform::UniqueFd other(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        return flock(other.get(), LOCK_EX | LOCK_NB) == 0;
+    };
     {
         ostrel::platform::LockResult held = realSysfs().lockExclusive(path);
-        ASSERT_EQ(held.error, 0);
         ASSERT_NE(held.lock, nullptr);
-        struct stat info {};
-        ASSERT_EQ(stat(path.c_str(), &info), 0);
-        EXPECT_EQ(info.st_mode & 0777, 0600u);
-
-        int other = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), -1);
-        EXPECT_EQ(errno, EWOULDBLOCK);
-        close(other);
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+        EXPECT_FALSE(othersMayLock());
     }
-    int other = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
-    close(other);
+    EXPECT_TRUE(othersMayLock());
 
     dir.put("file", "x");
     EXPECT_EQ(realSysfs().lockExclusive(dir.path() + "/file/below.lock").error, ENOTDIR);

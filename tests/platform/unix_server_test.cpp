@@ -1,9 +1,11 @@
 // The shared Unix-socket server with a line-echo protocol, run on the test's own thread:
 // the socket file's life, peer credentials, and every bound a peer could push against.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "ostrel/platform/unique_fd.h"
 #include "ostrel/platform/unix_server.h"
 #include "support/io_thread.h"
 #include "support/real_files.h"
@@ -19,6 +21,10 @@ using ostrel::platform::UnixServerLimits;
 using ostrel::test::closedByPeer;
 using ostrel::test::rawSocket;
 using ostrel::test::sendAll;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Property;
+using testing::Throws;
 
 // One line in, the same line out; "big" answers 64 KiB, "bad" is not allowed.
 class LineEcho final : public ostrel::platform::UnixServerHandler {
@@ -67,9 +73,9 @@ class UnixServerTest : public testing::Test {
     }
     // A client, closed with the test.
     int connect() {
-        fds.push_back(rawSocket(path));
+        fds.emplace_back(rawSocket(path));
         settle();
-        return fds.back();
+        return fds.back().get();
     }
     std::string ask(int fd, const std::string &line) {
         sendAll(fd, line + "\n");
@@ -88,13 +94,7 @@ class UnixServerTest : public testing::Test {
     LineEcho echo;
     Files files;
     FakeClock clock;
-    std::vector<int> fds;
-
-    ~UnixServerTest() override {
-        for (int fd : fds) {
-            ::close(fd);
-        }
-    }
+    std::vector<ostrel::platform::UniqueFd> fds;
 };
 
 TEST_F(UnixServerTest, OwnsItsSocketFileFromDirectoryToRemoval) {
@@ -102,12 +102,8 @@ TEST_F(UnixServerTest, OwnsItsSocketFileFromDirectoryToRemoval) {
     struct stat st {};
     ASSERT_EQ(::lstat(path.c_str(), &st), 0) << "the directory was made";
     EXPECT_EQ(st.st_mode & (S_IFMT | 0777), S_IFSOCK | 0660u);
-    try {
-        listen();
-        ADD_FAILURE() << "took a live server's socket";
-    } catch (const UnixServerError &e) {
-        EXPECT_TRUE(e.inUse());
-    }
+    EXPECT_THAT([&] { listen(); }, Throws<UnixServerError>(Property(&UnixServerError::inUse, true)))
+        << "took a live server's socket";
     server.reset();
     EXPECT_NE(::access(path.c_str(), F_OK), 0) << "removed with the server";
 
@@ -125,13 +121,9 @@ TEST_F(UnixServerTest, OwnsItsSocketFileFromDirectoryToRemoval) {
 
 TEST_F(UnixServerTest, RefusesPathsItCannotOwn) {
     auto refused = [&](const char *why) {
-        try {
-            listen();
-            ADD_FAILURE() << "listened anyway";
-        } catch (const UnixServerError &e) {
-            EXPECT_FALSE(e.inUse());
-            EXPECT_NE(std::string(e.what()).find(why), std::string::npos) << e.what();
-        }
+        EXPECT_THAT([&] { listen(); }, Throws<UnixServerError>(AllOf(
+                                           Property(&UnixServerError::inUse, false),
+                                           Property(&UnixServerError::what, HasSubstr(why)))));
     };
     dir.put("run/server.sock", "not a socket");
     refused("exists and is not a socket");

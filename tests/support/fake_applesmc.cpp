@@ -70,10 +70,6 @@ std::uint32_t speedKey(const FanFile &fan) {
     return csmc::fanKey(fan.index, fan.kind == "min" ? "Mn" : "Tg");
 }
 
-}  // namespace
-
-namespace {
-
 // The lock file held: one holder at a time, known by its thread.
 class Hold final : public platform::HeldLock {
   public:

@@ -11,10 +11,23 @@
 
 #include "csmc/smc.h"
 #include "csmc/transport.h"
+#include "ostrel/smc.h"
 #include "ostrel/vsmc/machine.h"
 #include "ostrel/vsmc/memory_transport.h"
 
 namespace ostrel::test {
+
+// The SMCError `operation` throws; when it throws none, a test failure and noService.
+template <typename Operation>
+SMCError errorOf(Operation operation) {
+    try {
+        operation();
+    } catch (const SMCError &error) {
+        return error;
+    }
+    ADD_FAILURE() << "no error";
+    return SMCError::noService();
+}
 
 // A machine from key rows (the model line is added).
 inline vsmc::Machine machineFromRows(const std::string &rows, const std::string &model = "Test,1") {
