@@ -273,8 +273,13 @@ const FakeFileAccess::Entry *FakeFileAccess::find(const std::string &path) const
     return it == files_.end() ? nullptr : &it->second;
 }
 
+const FakeFileAccess::Entry *FakeFileAccess::followed(const std::string &path) const {
+    TextResult real = realPath(path);
+    return real.error == 0 ? find(real.text) : nullptr;
+}
+
 OpenedFile FakeFileAccess::open(const std::string &path) const {
-    const Entry *entry = find(path);
+    const Entry *entry = followed(path);
     if (entry == nullptr) {
         return {ENOENT, nullptr};
     }
@@ -282,7 +287,7 @@ OpenedFile FakeFileAccess::open(const std::string &path) const {
 }
 
 StatusResult FakeFileAccess::stat(const std::string &path) const {
-    const Entry *entry = find(path);
+    const Entry *entry = followed(path);
     if (entry == nullptr) {
         return {ENOENT, {}};
     }
@@ -290,7 +295,7 @@ StatusResult FakeFileAccess::stat(const std::string &path) const {
 }
 
 TextResult FakeFileAccess::readText(const std::string &path, std::size_t maxBytes) const {
-    const Entry *entry = find(path);
+    const Entry *entry = followed(path);
     if (entry == nullptr) {
         return {ENOENT, {}};
     }

@@ -114,8 +114,9 @@ std::string errorText(int error);
 std::unique_ptr<ReadableFile> memoryFile(std::string bytes, FileStatus status = {});
 
 // Files held in memory by path, for tests. Symbolic links are only what link() declares:
-// readLink answers them, linkStatus sees a link and realPath follows it; open and stat do
-// not. Any operation can be made to fail on a path with fail(). Not thread-safe.
+// readLink answers them and linkStatus sees a link; realPath, open, stat and readText
+// follow them, as the kernel does. Any operation can be made to fail on a path with fail().
+// Not thread-safe.
 class FakeFileAccess final : public FileAccess {
   public:
     struct Entry {
@@ -153,6 +154,8 @@ class FakeFileAccess final : public FileAccess {
     }
 
   private:
+    // The file `path` names once links are followed, or nullptr.
+    const Entry *followed(const std::string &path) const;
     int failure(const std::string &operation, const std::string &path) const;
 
     mutable std::map<std::string, Entry> files_;
