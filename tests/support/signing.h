@@ -1,20 +1,13 @@
 // Signed files for tests: copies of a program or plain bytes with a signature block.
 #pragma once
 
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 
 #include "ostrel/code_signature.h"
+#include "support/temp_dir.h"
 
 namespace ostrel::test {
-
-// The bytes of the file at `path`.
-inline std::string fileBytes(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // `content` signed as `identifier` with `key`, or ad hoc when it is null.
 inline std::string signedBytes(const std::string &content, const std::string &identifier,

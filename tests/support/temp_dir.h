@@ -11,6 +11,12 @@
 
 namespace ostrel::test {
 
+// The bytes of the file at `path` ("" when it cannot be read).
+inline std::string fileBytes(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
 class TempDir {
   public:
     // A new directory inside `parent`. Throws std::runtime_error when none can be made.
@@ -41,8 +47,7 @@ class TempDir {
 
     // The contents of `relative` below the directory ("" when it cannot be read).
     std::string read(const std::string &relative) const {
-        std::ifstream in(std::filesystem::path(path_) / relative, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
+        return fileBytes(path_ + "/" + relative);
     }
 
   private:
