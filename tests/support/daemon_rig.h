@@ -107,22 +107,12 @@ class DaemonRig {
         return messages;
     }
 
-    // Sends each of `lines` (without its newline) from this process on one connection and
-    // returns the replies, one per line; fewer when the daemon closed the connection.
-    std::vector<std::string> client(const std::vector<std::string> &lines) {
+    // Sends `line` (without its newline) from this process on a connection of its own and
+    // returns the reply; nothing when the daemon closed the connection.
+    std::optional<std::string> client(const std::string &line) {
         LineClient connection(socket());
-        std::vector<std::string> replies;
-        for (const std::string &line : lines) {
-            connection.send(line + "\n");
-        }
-        while (replies.size() < lines.size()) {
-            std::optional<std::string> reply = connection.reply();
-            if (!reply) {
-                break;
-            }
-            replies.push_back(*reply);
-        }
-        return replies;
+        connection.send(line + "\n");
+        return connection.reply();
     }
 
     // `ostrel ARGS` in the sandbox, its standard output and error captured: the built
