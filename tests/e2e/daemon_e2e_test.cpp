@@ -12,7 +12,6 @@
 
 #include <filesystem>
 
-#include "ostrel/control_protocol.h"
 #include "support/daemon_abuse.h"
 #include "support/daemon_rig.h"
 
@@ -20,15 +19,11 @@ namespace {
 
 using namespace ostrel;
 
-// A request line without its newline: the client adds one.
-std::string setPolicy(int id, int fan, const std::string &policy) {
-    std::string line =
-        ControlProtocol::requestLine({id, ControlProtocol::Call::setPolicy, fan, policy});
-    line.pop_back();
-    return line;
-}
-const std::string kVersion = R"({"id":1,"call":"version"})";
-const std::string kPolicies = R"({"id":3,"call":"policies"})";
+constexpr auto setPolicy = test::setPolicyLine;
+const std::string kVersion = R"({"id":1,"call":"version"})"
+                             "\n";
+const std::string kPolicies = R"({"id":3,"call":"policies"})"
+                              "\n";
 const std::string kFixed2500 = R"({"fixed":{"rpm":2500}})";
 
 class DaemonE2E : public testing::Test {

@@ -22,9 +22,7 @@ using testing::ElementsAre;
 
 using Line = test::LineClient;
 
-std::string setPolicy(std::int64_t id, std::int64_t fan, const std::string &policy) {
-    return ControlProtocol::requestLine({id, ControlProtocol::Call::setPolicy, fan, policy});
-}
+constexpr auto setPolicy = test::setPolicyLine;
 std::string request(std::int64_t id, ControlProtocol::Call call) {
     return ControlProtocol::requestLine({id, call, 0, ""});
 }

@@ -25,7 +25,6 @@
 #include <string>
 #include <vector>
 
-#include "ostrel/control_protocol.h"
 #include "ostrel/json.h"
 #include "ostrel/platform/unique_fd.h"
 #include "support/daemon_rig.h"
@@ -135,9 +134,7 @@ inline std::vector<std::string> killDuringSaves(DaemonRig &rig, int kills, std::
         LineClient client(rig.socket());
         for (int i = 0; i < kBurst; ++i) {
             ++sent;
-            client.send(
-                ControlProtocol::requestLine({sent, ControlProtocol::Call::setPolicy, 0,
-                                              fmt::format(R"({{"fixed":{{"rpm":{}}}}})", sent)}));
+            client.send(setPolicyLine(sent, 0, fmt::format(R"({{"fixed":{{"rpm":{}}}}})", sent)));
         }
         for (auto replies = random() % kBurst; replies > 0; --replies) {
             if (std::optional<std::string> reply = client.reply()) {

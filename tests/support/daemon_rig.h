@@ -107,11 +107,11 @@ class DaemonRig {
         return messages;
     }
 
-    // Sends `line` (without its newline) from this process on a connection of its own and
+    // Sends `line` (with its newline) from this process on a connection of its own and
     // returns the reply; nothing when the daemon closed the connection.
     std::optional<std::string> client(const std::string &line) {
         LineClient connection(socket());
-        connection.send(line + "\n");
+        connection.send(line);
         return connection.reply();
     }
 
