@@ -96,7 +96,6 @@ class ControllerTest : public testing::TestWithParam<Profile>, protected test::S
         }
         return out;
     }
-    // Whether each fan is under manual control.
     std::vector<bool> manual() const {
         std::vector<bool> out;
         for (std::size_t i = 0; i < machine.fanCount(); ++i) {

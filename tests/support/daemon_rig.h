@@ -143,7 +143,6 @@ class DaemonRig {
     }
     // The virtual Mac's true state (docs/vsmc-protocol.md).
     Json status() { return Json::parse(ctl({"status", "--json"})); }
-    // Whether any fan is under manual control.
     bool anyFanManual() {
         return std::ranges::any_of(status()["fans"],
                                    [](const Json &fan) { return fan["mode"] == "manual"; });
