@@ -74,8 +74,8 @@ class DaemonRig {
     }
 
     // Starts the daemon with `args` and waits until it answers on its socket (or has
-    // exited). Returns the process.
-    BackgroundProcess &start(const std::vector<std::string> &args = {}) {
+    // exited).
+    void start(const std::vector<std::string> &args = {}) {
         helper_ = std::make_unique<BackgroundProcess>(helperPath(), args, environment(), logPath());
         // The socket file may be a stopped daemon's, and appears when the socket is bound, a
         // moment before the daemon listens: try at each change in the directory, and a while
@@ -91,7 +91,6 @@ class DaemonRig {
             }
             return !helper_->running();
         });
-        return *helper_;
     }
     BackgroundProcess &helper() { return *helper_; }
 
