@@ -29,7 +29,6 @@
 
 #include "ostrel/control_protocol.h"
 #include "support/daemon_abuse.h"
-#include "support/daemon_kills.h"
 #include "support/daemon_rig.h"
 #include "support/line_client.h"
 
@@ -274,7 +273,7 @@ void BM_SocketAbuse(benchmark::State &state) {
 }
 BENCHMARK(BM_SocketAbuse)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
-// A thousand SIGKILLs while the daemon saves policy changes (tests/support/daemon_kills.h);
+// A thousand SIGKILLs while the daemon saves policy changes (tests/support/daemon_abuse.h);
 // its own rig, since the daemon is killed and restarted each time.
 void BM_KillsDuringSaves(benchmark::State &state) {
     for (auto _ : state) {

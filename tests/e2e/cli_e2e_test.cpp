@@ -38,8 +38,6 @@ TEST_F(CliE2E, SetsPoliciesTheDaemonAcceptsAndReportsTheOnesItRefuses) {
     EXPECT_EQ(ostrel({"policies"}),
               " 0  Fan 1        curve 50:min,70:3000,85:max (cpu)\n"
               " 1  Fan 2        fixed 2500 rpm\n");
-    EXPECT_EQ(rig.log().back(), "fan 1: fixed 2500 rpm");
-    EXPECT_EQ(test::fileBytes(rig.policiesPath()).find("\"7\""), std::string::npos);
 
     Json listed = Json::parse(ostrel({"policies", "--json"}));
     EXPECT_EQ(listed[1], Json::parse(R"({"id":1,"name":"Fan 2","policy":{"fixed":{"rpm":2500}},

@@ -10,28 +10,20 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <filesystem>
 
-#include "ostrel/control_protocol.h"
 #include "support/daemon_abuse.h"
-#include "support/daemon_kills.h"
 #include "support/daemon_rig.h"
 
 namespace {
 
 using namespace ostrel;
-using testing::ElementsAre;
 
-// A request line without its newline: the client adds one.
-std::string setPolicy(int id, int fan, const std::string &policy) {
-    std::string line =
-        ControlProtocol::requestLine({id, ControlProtocol::Call::setPolicy, fan, policy});
-    line.pop_back();
-    return line;
-}
-const std::string kVersion = R"({"id":1,"call":"version"})";
-const std::string kPolicies = R"({"id":3,"call":"policies"})";
+constexpr auto setPolicy = test::setPolicyLine;
+const std::string kVersion = R"({"id":1,"call":"version"})"
+                             "\n";
+const std::string kPolicies = R"({"id":3,"call":"policies"})"
+                              "\n";
 const std::string kFixed2500 = R"({"fixed":{"rpm":2500}})";
 
 class DaemonE2E : public testing::Test {
@@ -42,51 +34,36 @@ class DaemonE2E : public testing::Test {
     // tick (the reply leaves before the tick is queued); a second one, sent after the first
     // is answered, cannot: by then the policy change, tick queued, has finished.
     void settle() {
-        rig.client({kPolicies});
-        rig.client({kPolicies});
+        rig.client(kPolicies);
+        rig.client(kPolicies);
     }
     Json fan(int index) { return rig.status()["fans"][index]; }
 
     test::DaemonRig rig;
 };
 
-TEST_F(DaemonE2E, ServesStoresRestoresAndEndsOnEachSignalWithEveryFanOnAuto) {
+// A SIGKILL during saves leaves one whole save no older than acknowledged. Each signal
+// hands every fan back, and a restart restores what was stored; a SIGKILL leaves the fans
+// where they were, for --release-fans to hand back. (What the daemon answers is the control
+// service's tests'.)
+TEST_F(DaemonE2E, SignalsHandTheFansBackRestartsRestoreAndASigkillLeavesThemToReleaseFans) {
+    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
     rig.start();
-    EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
-    EXPECT_THAT(rig.client({setPolicy(2, 0, kFixed2500), kPolicies}),
-                ElementsAre(R"({"id":2,"reply":null})",
-                            R"({"id":3,"reply":"{\"0\":{\"fixed\":{\"rpm\":2500}}}"})"));
-    EXPECT_EQ(rig.log().back(), "fan 0: fixed 2500 rpm");
-    settle();
-    EXPECT_EQ(fan(0)["mode"], "manual") << "the tick queued after the reply wrote it";
-    EXPECT_EQ(fan(0)["written"], 2500);
-    EXPECT_EQ(test::fileBytes(rig.policiesPath()), R"({"0":{"fixed":{"rpm":2500}}})");
-    for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        rig.client({setPolicy(1, -1, kFixed2500)});
+    for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGKILL}) {
+        rig.client(setPolicy(1, -1, kFixed2500));
         settle();
-        ASSERT_TRUE(rig.anyFanManual());
+        ASSERT_EQ(fan(1)["mode"], "manual") << "the tick queued after the reply wrote it";
+        EXPECT_EQ(fan(1)["written"], 2500);
         rig.helper().signal(signal);
-        EXPECT_EQ(rig.helper().wait(), 0);
+        EXPECT_EQ(rig.helper().wait(), signal == SIGKILL ? -SIGKILL : 0);
+        if (signal == SIGKILL) {
+            break;
+        }
         EXPECT_EQ(rig.log().back(), "signal " + std::to_string(signal) + "; fans returned to auto");
         EXPECT_FALSE(rig.anyFanManual());
         rig.start();
         EXPECT_THAT(rig.log(), testing::Contains("fan 1: restored fixed 2500 rpm")) << signal;
     }
-    EXPECT_THAT(rig.client({setPolicy(7, -1, R"({"auto":{}})"), kPolicies}),
-                ElementsAre(R"({"id":7,"reply":null})", R"({"id":3,"reply":"{}"})"));
-    EXPECT_FALSE(rig.anyFanManual());
-    EXPECT_EQ(test::fileBytes(rig.policiesPath()), "{}");
-}
-
-// After a SIGKILL (which leaves the fans where they were) the file holds one whole save no
-// older than acknowledged, and --release-fans hands the fans back.
-TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveAndReleaseFansHandsThemBack) {
-    EXPECT_THAT(test::killDuringSaves(rig, 20, 7), testing::IsEmpty());
-    rig.start();
-    rig.client({setPolicy(1, -1, kFixed2500)});
-    settle();
-    rig.helper().signal(SIGKILL);
-    rig.helper().wait();
     ASSERT_TRUE(rig.anyFanManual());
     test::BackgroundProcess release(rig.helperPath(), {"--release-fans"}, rig.environment(),
                                     rig.logPath());
@@ -101,7 +78,7 @@ TEST_F(DaemonE2E, SigkillDuringSavesLeavesOneWholeSaveAndReleaseFansHandsThemBac
 // signed client is still served; replacing the executable (an update) then stops it.
 TEST_F(DaemonE2E, AbuseAndASecondDaemonChangeNothingAndAReplacedExecutableStopsIt) {
     rig.start();
-    rig.client({setPolicy(1, 0, kFixed2500)});
+    rig.client(setPolicy(1, 0, kFixed2500));
     settle();
     auto state = [&] {
         return std::pair(rig.status()["fans"], test::fileBytes(rig.policiesPath()));
@@ -111,14 +88,12 @@ TEST_F(DaemonE2E, AbuseAndASecondDaemonChangeNothingAndAReplacedExecutableStopsI
     abuse.holdIdle(100);
     abuse.deafClients(5, 2000);
     abuse.malformed(450);
-    platform::ProcessResult refused = rig.ostrel({"set", "0", "auto"}, false);
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_THAT(refused.error, testing::HasSubstr("closed the connection without an answer"));
-    EXPECT_THAT(rig.log(), testing::Contains(testing::MatchesRegex("refused process [0-9]+ .*")));
+    EXPECT_THAT(rig.ostrel({"set", "0", "auto"}, false).error,
+                testing::HasSubstr("closed the connection without an answer"));
     test::BackgroundProcess second(rig.helperPath(), {}, rig.environment(), rig.logPath());
     EXPECT_EQ(second.wait(), 1);
     EXPECT_EQ(rig.log().back(), "another daemon is already serving " + rig.socket() + "; exiting");
-    EXPECT_THAT(rig.client({kVersion}), ElementsAre(R"({"id":1,"reply":"1/1.1.13"})"));
+    EXPECT_EQ(rig.client(kVersion), R"({"id":1,"reply":"1/1.1.13"})");
     EXPECT_EQ(state(), before);
     EXPECT_LT(abuse.peakFds, 300) << "a socket and a pidfd for each of 128 connections at most";
     EXPECT_LT(abuse.peakRssKib, 64 * 1024);
@@ -134,18 +109,18 @@ TEST_F(DaemonE2E, AbuseAndASecondDaemonChangeNothingAndAReplacedExecutableStopsI
 TEST_F(DaemonE2E, TheFailsafeHandsTheFansBackWhenTheMachineRunsTooHotAndResumes) {
     rig.start();
     const std::string slow = setPolicy(1, -1, R"({"fixed":{"rpm":0}})");
-    rig.client({slow});
+    rig.client(slow);
     rig.ctl({"load", "--cpu", "1", "--gpu", "1"});
     rig.ctl({"advance", "900"});
-    rig.client({slow});
-    rig.client({slow});
+    rig.client(slow);
+    rig.client(slow);
     settle();
     EXPECT_THAT(rig.log(), testing::Contains(testing::StartsWith("FAILSAFE: ")));
     EXPECT_FALSE(rig.anyFanManual());
     rig.ctl({"load", "--cpu", "0", "--gpu", "0"});
     rig.ctl({"advance", "1800"});
     for (int i = 0; i < 30; ++i) {
-        rig.client({slow});
+        rig.client(slow);
     }
     settle();
     EXPECT_THAT(rig.log(), testing::Contains(testing::StartsWith("cooled to ")));
@@ -153,7 +128,7 @@ TEST_F(DaemonE2E, TheFailsafeHandsTheFansBackWhenTheMachineRunsTooHotAndResumes)
 
 // The firmware takes a fan back, then the machine sleeps (on the Apple-silicon machine the
 // test key is cleared too): the next tick, provoked by a change to fan 1 alone, puts fan 0
-// back under control.
+// back under control (the line it logs once per event is the controller's tests').
 class HealingE2E : public DaemonE2E, public testing::WithParamInterface<const char *> {
   protected:
     HealingE2E() : DaemonE2E(GetParam()) {}
@@ -161,19 +136,16 @@ class HealingE2E : public DaemonE2E, public testing::WithParamInterface<const ch
 
 TEST_P(HealingE2E, TheNextTickTakesBackWhatTheFirmwareTook) {
     rig.start();
-    rig.client({setPolicy(1, -1, kFixed2500)});
+    rig.client(setPolicy(1, -1, kFixed2500));
     for (std::vector<std::string> event : {std::vector<std::string>{"takeover", "0"}, {"sleep"}}) {
         settle();
         rig.ctl(event);
         ASSERT_EQ(fan(0)["mode"], "auto") << event[0];
-        rig.client({setPolicy(2, 1, R"({"fixed":{"rpm":2600}})")});
+        rig.client(setPolicy(2, 1, R"({"fixed":{"rpm":2600}})"));
         settle();
         EXPECT_EQ(fan(0)["mode"], "manual") << event[0];
         EXPECT_EQ(fan(0)["written"], 2500) << event[0];
     }
-    std::vector<std::string> log = rig.log();
-    EXPECT_EQ(std::count(log.begin(), log.end(), "fan 0: firmware took control back; re-applying"),
-              2);
 }
 
 INSTANTIATE_TEST_SUITE_P(ModeKeysAndTestKey, HealingE2E,

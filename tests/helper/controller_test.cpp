@@ -11,7 +11,6 @@
 #include <algorithm>
 
 #include "controller.h"
-#include "ostrel/policy_store.h"
 #include "support/sandbox.h"
 #include "support/soak.h"
 #include "support/test_machine.h"
@@ -97,7 +96,6 @@ class ControllerTest : public testing::TestWithParam<Profile>, protected test::S
         }
         return out;
     }
-    // Whether each fan is under manual control.
     std::vector<bool> manual() const {
         std::vector<bool> out;
         for (std::size_t i = 0; i < machine.fanCount(); ++i) {
@@ -151,10 +149,6 @@ TEST_P(ControllerTest, RaisesAtOnceLowersBy400PerTickFromTheLastSuccessfulWrite)
     EXPECT_NEAR(targetsOverTicks(1).at(0), 3060, 1);
     setPolicy(FanPolicy::fixed(1200), 0);
     EXPECT_THAT(targetsOverTicks(1), ElementsAre(1200)) << "a new policy is not ramped";
-    // Limits that fail to read are the last ones seen, not 0 and 0, which would resolve
-    // every speed to the minimum.
-    machine.injectFault({smc_fourcc("F0Mx"), SMC_CMD_READ, 1, 0, 0x86});
-    EXPECT_THAT(targetsOverTicks(8), Each(0.0));
 }
 
 TEST_P(ControllerTest, FailsafeHandsEveryFanBackResumesAfterThirtyCoolTicksAndShutdownEnds) {
@@ -166,14 +160,11 @@ TEST_P(ControllerTest, FailsafeHandsEveryFanBackResumesAfterThirtyCoolTicksAndSh
     EXPECT_THAT(manual(), Each(false));
     heat(GetParam().cool);
     lines.clear();
-    std::vector<double> resumed(29, 0.0);
-    resumed.push_back(2000);
-    EXPECT_EQ(targetsOverTicks(30), resumed);
+    EXPECT_EQ(targetsOverTicks(30).back(), 2000) << "the engine's tests count the cool ticks";
     EXPECT_THAT(lines, ElementsAre(GetParam().resumeLine));
 
+    // The soak checks the fans after a shutdown; the end-to-end tests its line.
     queue.sync([this] { controller->shutdown("signal 15"); });
-    EXPECT_EQ(lines.back(), "signal 15; fans returned to auto");
-    EXPECT_THAT(manual(), Each(false));
     queue.async([this] { controller->tick(); });  // a request's tick queued behind the stop
     expectNoExchangesOver(10s, "after shutdown");
     EXPECT_THROW(controller->tick(), std::logic_error) << "off the queue";
@@ -196,7 +187,6 @@ TEST_P(ControllerTest, PolicyChangesAreValidatedLoggedAndSavedAndFailedSavesLogg
     expected.push_back("fan 1: auto");
     EXPECT_EQ(lines, expected);
     EXPECT_FALSE(machine.fanManual(1));
-    EXPECT_EQ(PolicyStore::load(path, files), controller->policies());
     files.setReadOnly(true);
     setPolicy(FanPolicy::fixed(3000), 0);
     EXPECT_EQ(lines.back(),
@@ -215,6 +205,7 @@ TEST_P(ControllerTest, PolicyChangesAreValidatedLoggedAndSavedAndFailedSavesLogg
     queue.advance(2s);
     setPolicy(FanPolicy(), -1);
     EXPECT_EQ(machine.number(smc_fourcc("Ftst")).value_or(0), 0) << "handed back with the fans";
+    EXPECT_THAT(manual(), Each(false));
 }
 
 TEST_P(ControllerTest, WritesAgainWhatTheFirmwareTookBackOrASleepReset) {
@@ -227,9 +218,8 @@ TEST_P(ControllerTest, WritesAgainWhatTheFirmwareTookBackOrASleepReset) {
     machine.injectFault({smc_fourcc(machine.keys().find(smc_fourcc("F0Md")) ? "F0Md" : "FS! "),
                          SMC_CMD_READ, 1, 0, 0x86});
     EXPECT_THAT(targetsOverTicks(1), ElementsAre(0));
-    machine.takeOverFan(0);
+    machine.takeOverFan(0);  // the fan's mode after it is the end-to-end healing's
     EXPECT_THAT(targetsOverTicks(2), ElementsAre(2500, 0));
-    EXPECT_TRUE(machine.fanManual(0));
     test::setNumber(machine, "F0Tg", 2560);
     EXPECT_THAT(targetsOverTicks(1), ElementsAre(2500));
     EXPECT_THAT(lines, ElementsAre(taken, taken)) << "once per event";
@@ -261,7 +251,8 @@ INSTANTIATE_TEST_SUITE_P(BuiltinMachines, ControllerTest, testing::ValuesIn(kPro
                          testing::PrintToStringParamName());
 
 // Thousands of ticks under faults, random policy changes and load, every invariant checked
-// after every tick (the long run with its counts is bench/soak_bench.cpp).
+// after every tick (the long run with its counts is bench/soak_bench.cpp). Among what no test
+// above catches: fan limits that fail to read taken as 0 and 0 (every speed the minimum).
 TEST(SoakTest, EveryInvariantHoldsUnderFaultsOnEveryBuiltinMachine) {
     ostrel::soak::Counts total;
     for (const char *profile :
@@ -273,11 +264,10 @@ TEST(SoakTest, EveryInvariantHoldsUnderFaultsOnEveryBuiltinMachine) {
             total[name] += count;
         }
     }
-    // The runs went where it matters: every kind of fault met, the failsafe left again.
-    for (const char *met : {"refused_writes", "firmware_errors", "kernel_errors", "vanished_keys",
-                            "bogus_limits", "failed_saves", "resumes"}) {
-        EXPECT_GT(total[met], 0u) << met;
-    }
+    // The runs went where it matters: every kind of fault met, every count of Counts above 0
+    // (the failsafe left again, refused changes and failed saves among them).
+    EXPECT_EQ(total.size(), 13u);
+    EXPECT_THAT(total, Each(testing::Pair(testing::_, testing::Gt(0u))));
 }
 
 }  // namespace

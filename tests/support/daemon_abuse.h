@@ -1,20 +1,33 @@
-// The daemon's socket under abuse, from the test or benchmark process itself (signed as the
-// command-line program): malformed frames of every kind over many connections, connections
-// held open and silent, and clients that never read their replies. While it goes on, the
-// daemon's resident memory and open descriptors are sampled. Shared by the end-to-end test
-// (a short run) and the benchmark (the long one, with a signed client's round trips).
+// The daemon under abuse, from the test or benchmark process itself (signed as the
+// command-line program, since it is the daemon's client). Shared by the end-to-end test (a
+// short run) and the benchmark (the long one).
+//
+// SocketAbuse: malformed frames of every kind over many connections, connections held open
+// and silent, and clients that never read their replies, while the daemon's resident memory
+// and open descriptors are sampled.
+//
+// killDuringSaves: a client sends a burst of policy changes, each saving the policies, and
+// the daemon is killed after a random number of replies, while it works through the rest.
+// Whatever the moment, the policies file must hold one whole save, no older than the last
+// change acknowledged.
 #pragma once
 
 #include <dirent.h>
 #include <sys/socket.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "ostrel/json.h"
 #include "ostrel/platform/unique_fd.h"
+#include "support/daemon_rig.h"
 #include "support/io_thread.h"
 
 namespace ostrel::test {
@@ -106,5 +119,43 @@ class SocketAbuse {
     std::mt19937_64 random_;
     std::vector<platform::UniqueFd> held_;
 };
+
+// Kills the daemon `kills` times (restarting it each time) and returns what was wrong with
+// the policies file after each kill, if anything.
+inline std::vector<std::string> killDuringSaves(DaemonRig &rig, int kills, std::uint64_t seed) {
+    constexpr int kBurst = 8;
+    const std::regex whole(R"(\{"0":\{"fixed":\{"rpm":([0-9]+)\}\}\})");
+    std::mt19937_64 random(seed);
+    std::vector<std::string> problems;
+    long sent = 0, acknowledged = -1;
+    for (int kill = 0; kill < kills; ++kill) {
+        std::filesystem::remove(rig.socket());  // as a fresh runtime directory would be
+        rig.start();
+        LineClient client(rig.socket());
+        for (int i = 0; i < kBurst; ++i) {
+            ++sent;
+            client.send(setPolicyLine(sent, 0, fmt::format(R"({{"fixed":{{"rpm":{}}}}})", sent)));
+        }
+        for (auto replies = random() % kBurst; replies > 0; --replies) {
+            if (std::optional<std::string> reply = client.reply()) {
+                acknowledged = std::max(acknowledged, Json::parse(*reply)["id"].get<long>());
+            }
+        }
+        rig.helper().signal(SIGKILL);
+        rig.helper().wait();
+        std::string text =
+            std::filesystem::exists(rig.policiesPath()) ? fileBytes(rig.policiesPath()) : "";
+        std::smatch rpm;
+        if (!std::regex_match(text, rpm, whole)) {
+            if (acknowledged >= 0 || !text.empty()) {
+                problems.push_back(fmt::format("kill {}: the file holds '{}'", kill, text));
+            }
+        } else if (std::stol(rpm[1]) < acknowledged || std::stol(rpm[1]) > sent) {
+            problems.push_back(fmt::format("kill {}: the file holds {} rpm, acknowledged {}", kill,
+                                           std::stol(rpm[1]), acknowledged));
+        }
+    }
+    return problems;
+}
 
 }  // namespace ostrel::test

@@ -74,8 +74,8 @@ class DaemonRig {
     }
 
     // Starts the daemon with `args` and waits until it answers on its socket (or has
-    // exited). Returns the process.
-    BackgroundProcess &start(const std::vector<std::string> &args = {}) {
+    // exited).
+    void start(const std::vector<std::string> &args = {}) {
         helper_ = std::make_unique<BackgroundProcess>(helperPath(), args, environment(), logPath());
         // The socket file may be a stopped daemon's, and appears when the socket is bound, a
         // moment before the daemon listens: try at each change in the directory, and a while
@@ -91,7 +91,6 @@ class DaemonRig {
             }
             return !helper_->running();
         });
-        return *helper_;
     }
     BackgroundProcess &helper() { return *helper_; }
 
@@ -107,22 +106,12 @@ class DaemonRig {
         return messages;
     }
 
-    // Sends each of `lines` (without its newline) from this process on one connection and
-    // returns the replies, one per line; fewer when the daemon closed the connection.
-    std::vector<std::string> client(const std::vector<std::string> &lines) {
+    // Sends `line` (with its newline) from this process on a connection of its own and
+    // returns the reply; nothing when the daemon closed the connection.
+    std::optional<std::string> client(const std::string &line) {
         LineClient connection(socket());
-        std::vector<std::string> replies;
-        for (const std::string &line : lines) {
-            connection.send(line + "\n");
-        }
-        while (replies.size() < lines.size()) {
-            std::optional<std::string> reply = connection.reply();
-            if (!reply) {
-                break;
-            }
-            replies.push_back(*reply);
-        }
-        return replies;
+        connection.send(line);
+        return connection.reply();
     }
 
     // `ostrel ARGS` in the sandbox, its standard output and error captured: the built
@@ -153,7 +142,6 @@ class DaemonRig {
     }
     // The virtual Mac's true state (docs/vsmc-protocol.md).
     Json status() { return Json::parse(ctl({"status", "--json"})); }
-    // Whether any fan is under manual control.
     bool anyFanManual() {
         return std::ranges::any_of(status()["fans"],
                                    [](const Json &fan) { return fan["mode"] == "manual"; });

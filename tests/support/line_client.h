@@ -5,10 +5,16 @@
 #include <optional>
 #include <string>
 
+#include "ostrel/control_protocol.h"
 #include "ostrel/platform/unique_fd.h"
 #include "support/unix_socket.h"
 
 namespace ostrel::test {
+
+// The request line, newline included, that sets `policy` (its JSON text) on `fan`.
+inline std::string setPolicyLine(std::int64_t id, std::int64_t fan, const std::string &policy) {
+    return ControlProtocol::requestLine({id, ControlProtocol::Call::setPolicy, fan, policy});
+}
 
 class LineClient {
   public:
