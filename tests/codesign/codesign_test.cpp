@@ -34,7 +34,8 @@ class CodesignTest : public testing::Test {
     }
 };
 
-TEST_F(CodesignTest, KeygenMakesAPrivateKeyAndNeverReplacesOne) {
+// Keygen never replaces a key; signing again replaces the block and keeps the file's mode.
+TEST_F(CodesignTest, KeygenSignVerifyAndShow) {
     std::string key = dir.path() + "/team.key";
     ASSERT_EQ(run({"keygen", "--out", key}), 0) << err.str();
     std::string team = out.str();
@@ -49,10 +50,7 @@ TEST_F(CodesignTest, KeygenMakesAPrivateKeyAndNeverReplacesOne) {
     ::chmod(key.c_str(), 0640);
     EXPECT_EQ(run({"sign", "--key", key, "--identifier", "dev.ostrel.helper", file}), 1);
     EXPECT_THAT(err.str(), HasSubstr("may be accessed by others (mode 0640)"));
-}
 
-TEST_F(CodesignTest, SigningReplacesTheBlockAndKeepsTheMode) {
-    std::string file = dir.put("prog", "program bytes");
     ::chmod(file.c_str(), 0751);
     ASSERT_EQ(run({"sign", "--adhoc", "--identifier", "dev.ostrel.cli", file}), 0) << err.str();
     std::string once = dir.read("prog");
@@ -74,9 +72,7 @@ TEST_F(CodesignTest, SigningReplacesTheBlockAndKeepsTheMode) {
     std::ofstream(file, std::ios::app) << "appended";
     ASSERT_EQ(run({"show", file}), 0);
     EXPECT_THAT(out.str(), HasSubstr("signature   not signed"));
-}
 
-TEST_F(CodesignTest, UsageAndFileErrors) {
     EXPECT_EQ(run({"sign", "--identifier", "dev.ostrel.cli", dir.put("f", "x")}), 2);
     EXPECT_THAT(err.str(), HasSubstr("needs --key KEY or --adhoc"));
     EXPECT_EQ(run({"show", dir.path() + "/missing"}), 1);

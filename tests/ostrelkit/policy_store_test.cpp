@@ -57,15 +57,13 @@ TEST(PolicyStoreTest, LoadDropsBadMembersOneByOneAndBadFilesWholeSaveRefusesThem
     EXPECT_EQ(files.read(kPath), "old");
 }
 
-class PolicyStoreFilesTest : public testing::Test {
-  protected:
+// A save creates the directory and gives exact modes whatever the umask; a save killed
+// while writing leaves the old file.
+TEST(PolicyStoreFilesTest, SavesAreAtomicAndGiveExactModes) {
     test::TempDir root;
     std::string path = root.path() + kPath;
     const platform::Files &files = platform::realFiles();
     PolicyMap policies{{0, FanPolicy::fixed(2500)}, {1, FanPolicy::fixed(INFINITY)}};
-};
-
-TEST_F(PolicyStoreFilesTest, SaveCreatesTheDirectoryAndGivesExactModesWhateverTheUmask) {
     mode_t old = umask(077);
     PolicyStore::save(policies, path, files);
     umask(old);
@@ -74,10 +72,7 @@ TEST_F(PolicyStoreFilesTest, SaveCreatesTheDirectoryAndGivesExactModesWhateverTh
     EXPECT_EQ(std::filesystem::status(root.path() + "/var/lib/dev.ostrel").permissions(),
               std::filesystem::perms(0755));
     EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0644));
-}
 
-TEST_F(PolicyStoreFilesTest, ASaveKilledWhileWritingLeavesTheOldFile) {
-    PolicyStore::save(policies, path, files);
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
