@@ -33,7 +33,6 @@ TEST(PolicyStoreTest, LoadDropsBadMembersOneByOneAndBadFilesWholeSaveRefusesThem
             "3":{"curve":{"_0":{"points":[{"temperature":70,"rpm":1},{"temperature":50,"rpm":2}],
             "sensor":"cpu"}}}})",
          {{1, f2500}}},
-        {R"({"4":{"fixed":{"rpm":"inf"}}})", {{4, FanPolicy::fixed(INFINITY)}}},
         {"hello", {}},
         {R"({"0":{"fixed":{"rpm":2500}},"1":{"fan":{}}})", {}},  // one undecodable value
         {std::nullopt, {}},
