@@ -83,7 +83,7 @@ TEST_F(HelperClientTest, AnswersArriveRefusalsKeepTheDaemonsWordsARestartIsReach
     EXPECT_EQ(fake->connections(), 2);
 }
 
-TEST_F(HelperClientTest, EachWayOfNotReachingTheDaemonSaysWhatHappened) {
+TEST_F(HelperClientTest, EachWayOfNotReachingTheDaemonOrNotHearingFromItSaysWhatHappened) {
     const std::string status = " (is it installed and running? see: ostrel helper status)";
     EXPECT_EQ(failure(HelperClient(socket(), deadlines).version()),
               "no daemon is listening on " + socket() + status);
@@ -95,9 +95,8 @@ TEST_F(HelperClientTest, EachWayOfNotReachingTheDaemonSaysWhatHappened) {
     EXPECT_EQ(failure(HelperClient(socket(), deadlines).policies()),
               "the daemon closed the connection without an answer (this program's signature "
               "was not accepted; see docs/security.md)");
-}
 
-TEST_F(HelperClientTest, ASilentDaemonCostsEachRequestItsLimitAndTheConnection) {
+    // A silent daemon costs each request its limit and the connection.
     auto fake = daemon(FakeDaemon::Mode::silent);
     HelperClient client(socket(), deadlines);
     auto version = client.version();
