@@ -112,7 +112,7 @@ TEST_F(CodeSignatureTest, NoSignedByteCanChangeAndTruncatedOrMisleadingBlocksAre
     }
 }
 
-TEST_F(CodeSignatureTest, HelperCandidatesMustBeTheDaemonOfTheTeam) {
+TEST_F(CodeSignatureTest, RequirementsSayWhatIsMissingAndHelperCandidatesMustBeTheTeamsDaemon) {
     const platform::FileAccess &realFiles = platform::realFileAccess();
     std::string good = dir.path() + "/helper";
     test::writeExecutable(good, test::signedBytes(kContent, "dev.ostrel.helper", &teamA));
@@ -137,9 +137,7 @@ TEST_F(CodeSignatureTest, HelperCandidatesMustBeTheDaemonOfTheTeam) {
     EXPECT_FALSE(satisfies(good, "", realFiles));
     Signer pinned{teamA.team(), teamB.publicKey()};
     EXPECT_FALSE(satisfies(good, requirement(pinned), realFiles));
-}
 
-TEST_F(CodeSignatureTest, RequirementsExplainWhatIsMissing) {
     CodeRequirement client = clientRequirement(teamA.team());
     EXPECT_EQ(client.text(), "team \"" + teamA.team() +
                                  "\" and (identifier \"dev.ostrel.cli\" or identifier "
