@@ -84,9 +84,8 @@ TEST(ProfileText, ParsesEveryKindOfLineAndKeysFollowTheirNamesUnlessALineSaysOth
                                                 {smc_fourcc("FS! "), Source::none, 0, 1}}));
     EXPECT_EQ(p.sensors, (std::vector<SensorService>{{"PMU tdie1", Source::board, 6},
                                                      {"gauge", Source::battery, 0}}));
-    EXPECT_TRUE(p.battery.present);
-    EXPECT_EQ(p.battery.cells, 4);
-    EXPECT_FALSE(p.battery.remaining.has_value());
+    EXPECT_EQ(std::tuple(p.battery.present, p.battery.cells, p.battery.remaining),
+              std::tuple(true, 4, std::nullopt));
 
     auto bound = [](const char *key, const char *type) {
         return defaultBinding(smc_fourcc(key), smc_fourcc(type));
