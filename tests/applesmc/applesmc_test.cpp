@@ -196,43 +196,34 @@ class ApplesmcSelectorTest : public testing::Test {
     std::unique_ptr<SMC> &smc = rig.smc;
 };
 
-TEST_F(ApplesmcSelectorTest, KnownKeysAreReadWithoutSearching) {
-    smc->info("TC0P");
-    std::size_t before = rig.driver.accesses();
-    smc->read("TC0P");
-    EXPECT_EQ(rig.driver.accesses() - before, 3u);  // select, data, name
-
-    // Listing the keys tells the transport their indexes: describing one is then four
-    // accesses (select, type, length, name) instead of a search.
-    smc->allKeys();
-    before = rig.driver.accesses();
-    smc->info("TB0T");
-    EXPECT_EQ(rig.driver.accesses() - before, 4u);
-}
-
-TEST_F(ApplesmcSelectorTest, SearchesDescriptionsAndReadsSpoiltByAMovedSelectorAreDoneAgain) {
-    moveSelectorAfterSelects(2);
-    EXPECT_EQ(smc->info("TC0P").size, 2u);
-    EXPECT_EQ(rig.driver.selectorMoves(), 2) << "a search";
-    smc->allKeys();  // every index known, TB0T not described yet
-    moveSelectorAfterSelects(1);
-    EXPECT_EQ(smc->info("TB0T"), (ostrel::SMCKeyInfo{"TB0T", "sp78", 2, 0x80}));
-    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a description";
-    moveSelectorAfterSelects(1);
-    EXPECT_EQ(smc->read("TB0T").bytes, machineBytes(rig.machine, "TB0T"));
-    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a read";
-}
-
-TEST_F(ApplesmcSelectorTest, ASelectorThatNeverStaysPutMakesTheDeviceBusyNotWrong) {
+TEST_F(ApplesmcSelectorTest, UsesSpoiltByAMovedSelectorAreDoneAgainOrBusyAndKnownKeysNotSought) {
     smc->info("TC0P");
     smc->info("FS! ");
     moveSelectorAfterSelects(1000);
     EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_BUSY));
     EXPECT_EQ(errorOf([&] { smc->write("FS! ", 1.0); }), kernelError(SMC_KERN_BUSY));
     EXPECT_EQ(errorOf([&] { smc->info("TB0T"); }), kernelError(SMC_KERN_BUSY));
-    moveSelectorAfterSelects(0);
-    EXPECT_EQ(smc->info("TB0T").size, 2u);
     EXPECT_EQ(rig.driver.fanStores(), "");
+
+    moveSelectorAfterSelects(2);
+    EXPECT_EQ(smc->info("F0Mx").size, 2u);
+    EXPECT_EQ(rig.driver.selectorMoves(), 2) << "a search";
+    std::size_t before = rig.driver.accesses();
+    smc->read("F0Mx");
+    EXPECT_EQ(rig.driver.accesses() - before, 3u);  // select, data, name
+
+    // Listing the keys tells the transport their indexes: describing one is then four
+    // accesses (select, type, length, name) instead of a search.
+    smc->allKeys();
+    before = rig.driver.accesses();
+    smc->info("F0Mn");
+    EXPECT_EQ(rig.driver.accesses() - before, 4u);
+    moveSelectorAfterSelects(1);
+    EXPECT_EQ(smc->info("TB0T"), (ostrel::SMCKeyInfo{"TB0T", "sp78", 2, 0x80}));
+    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a description";
+    moveSelectorAfterSelects(1);
+    EXPECT_EQ(smc->read("TB0T").bytes, machineBytes(rig.machine, "TB0T"));
+    EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a read";
 }
 
 TEST_F(ApplesmcSelectorTest, ConcurrentReadersHoldTheLockForEverySelectorUse) {
