@@ -94,10 +94,9 @@ class FakeApplesmc::Opener final : public platform::Sysfs {
         return driver.use(path, text, unused, *this);
     }
     platform::LockResult lockExclusive(const std::string &) override {
-        if (uid != 0) {
-            return {EACCES, nullptr};
-        }
-        return {0, std::make_unique<Hold>(driver.fileLock_, driver.holder_)};
+        return uid != 0 ? platform::LockResult{EACCES, nullptr}
+                        : platform::LockResult{
+                              0, std::make_unique<Hold>(driver.fileLock_, driver.holder_)};
     }
 
     FakeApplesmc &driver;

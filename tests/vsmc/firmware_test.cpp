@@ -70,8 +70,7 @@ TEST(MachineTest, AnswersLikeTheFirmwareUnlessAFaultSaysOtherwiseAndJournalsEver
     // Reads are journalled with the value they gave. (Writes refused to a peer that is not
     // root: the server tests, with a real one.)
     EXPECT_EQ(exchange(request(SMC_CMD_READ, "F0Tg", 2), Caller{false}), 0u);
-    EXPECT_EQ(machine.journal().back().bytes, (Bytes{0x10, 0}));
-    EXPECT_EQ(machine.count(SMC_CMD_WRITE), 3u);
+    EXPECT_EQ(machine.journal().back().bytes, (Bytes{0x10, 0}));  // count(): the channel tests
     machine.clearJournal();
     EXPECT_EQ(machine.totalExchanges(), 0u);
 }
