@@ -81,8 +81,7 @@ TEST(ForceMask, EachBitTakesItsFanClearingItHandsBackToTheCurveOfTheHottestCpuAn
     ASSERT_EQ(machine.fanControl(), FanControlKind::forceMask);
     ASSERT_EQ(writeNumber(conn.get(), "F1Tg", 4000), SMC_OK);
     ASSERT_EQ(writeNumber(conn.get(), "FS! ", 2), SMC_OK);
-    EXPECT_FALSE(machine.fanManual(0));
-    EXPECT_TRUE(machine.fanManual(1));
+    EXPECT_EQ(std::pair(machine.fanManual(0), machine.fanManual(1)), std::pair(false, true));
     machine.advance(30);
     EXPECT_NEAR(machine.simulation().state().fans[1].actual, 4000, 5);
     EXPECT_EQ(readNumber(conn.get(), "F1Tg"), 4000) << "a manual fan keeps its written target";
@@ -131,8 +130,7 @@ TEST(ModeKeys, OneIsManualOtherValuesAutomaticAndBogusLimitsOrStallsDoNotMoveThe
     Connection conn(machine);
     ASSERT_EQ(machine.fanControl(), FanControlKind::modeKeys);
     ASSERT_EQ(writeNumber(conn.get(), "F0Md", 1), SMC_OK);
-    EXPECT_TRUE(machine.fanManual(0));
-    EXPECT_FALSE(machine.fanManual(1));
+    EXPECT_EQ(std::pair(machine.fanManual(0), machine.fanManual(1)), std::pair(true, false));
     ASSERT_EQ(writeNumber(conn.get(), "F0Md", 3), SMC_OK);
     EXPECT_FALSE(machine.fanManual(0)) << "the 'system' mode behaves as automatic";
     EXPECT_EQ(readNumber(conn.get(), "F0Md"), 3) << "the written mode is kept";
