@@ -190,8 +190,7 @@ TEST(Scenario, RampsHoldLoopKeepUnnamedSettingsErrorsNameTheLineAndPlayingStopsB
     EXPECT_EQ(scenarioAt(s, 5, start), (ScenarioValues{0.25, 0.25, 20, true}));
     EXPECT_EQ(scenarioAt(s, 15, start), (ScenarioValues{0.625, 0.375, 30, false}));
     EXPECT_EQ(scenarioAt(s, 1000, start), (ScenarioValues{1, 0.5, 30, false}));
-    EXPECT_FALSE(scenarioFinished(s, 19));
-    EXPECT_TRUE(scenarioFinished(s, 20));
+    EXPECT_EQ(std::pair(scenarioFinished(s, 19), scenarioFinished(s, 20)), std::pair(false, true));
 
     // A ramp retargeted halfway starts from where it got; a loop starts again from the top.
     Scenario ramps = parseScenario("at 0 cpu 1 over 10\nat 5 cpu 0 over 5\n", "x");
