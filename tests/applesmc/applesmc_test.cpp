@@ -20,7 +20,6 @@
 
 namespace {
 
-using csmc::ApplesmcTransport;
 using ostrel::FourCC;
 using ostrel::SMC;
 using ostrel::SMCError;
@@ -41,18 +40,23 @@ SMCError kernelError(std::uint32_t code) {
     return SMCError::kernel(static_cast<std::int32_t>(code));
 }
 
-// A machine behind the fake driver, and one root (or other) process's SMC connection.
+// A machine behind the fake driver, and one root (or other) process's SMC connection,
+// opened as the default transport opens it: the device is found at the variant's place.
 struct Rig {
     Rig(const std::string &profile, Variant variant, unsigned uid = 0)
         : machine(ostrel::test::builtinMachine(profile)),
           driver(machine, variant),
           files(driver.opener(uid)),
-          smc(std::make_unique<SMC>(
-              std::make_unique<ApplesmcTransport>(driver.device(), kLock, *files))) {}
+          smc(std::make_unique<SMC>(open(*files))) {}
+    std::unique_ptr<csmc::Transport> open(ostrel::platform::Sysfs &sysfs) {
+        return csmc::openApplesmc("", sysfs, paths).transport;
+    }
 
     Machine machine;
     FakeApplesmc driver;
     std::unique_ptr<ostrel::platform::Sysfs> files;
+    ostrel::platform::FakeEnvironment env;
+    ostrel::platform::Paths paths{env};
     std::unique_ptr<SMC> smc;
 };
 
@@ -146,7 +150,6 @@ TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNo
     EXPECT_THAT(error.explanation(),
                 testing::AllOf(HasSubstr("reading SMC keys through the applesmc driver needs root"),
                                HasSubstr("sudo"), HasSubstr("ostrel helper install")));
-    EXPECT_EQ(rig.driver.fanStores(), "");  // the driver writes the SMC only for these
 
     // Where the administrator lets the user select keys, the root-only lock is no obstacle.
     rig.driver.grantSelector(1000);
@@ -157,20 +160,21 @@ TEST(ApplesmcPrivilegeTest, AProcessThatIsNotRootIsToldWhatNeedsRootAndChangesNo
 TEST(ApplesmcErrorsTest, DriverErrorsReachTheCallerAsKernelCodes) {
     Rig rig("macbookpro10-1", Variant::mainline);
     auto &smc = rig.smc;
-    // A failed handshake inside the driver, and the same failure injected at the SMC.
+    // A failed handshake inside the driver (a failed SMC transaction is the same EIO).
     rig.driver.failNext("key_at_index_data", EIO);
     SMCError error = errorOf([&] { smc->read("TC0P"); });
     EXPECT_EQ(error, kernelError(SMC_KERN_IO_ERROR));
     EXPECT_EQ(error.explanation(), "IOKit error 0xe00002ca (applesmc: reading " +
                                        rig.driver.device() +
                                        "/key_at_index_data: Input/output error)");
-    rig.machine.injectFault({smc_fourcc("TC0P"), SMC_CMD_READ, 1, SMC_KERN_IO_ERROR, 0});
-    EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_IO_ERROR));
     EXPECT_NO_THROW(smc->read("TC0P"));  // nothing sticks
 
     // A value the driver refuses.
     rig.driver.failNext("fan1_output", EINVAL);
     EXPECT_EQ(errorOf([&] { smc->write("F0Tg", 3000.0); }), SMCError::firmware("F0Tg"));
+
+    EXPECT_EQ(csmc::findApplesmcDevice(rig.driver.device() + "/", *rig.files, rig.paths),
+              rig.driver.device());
 
     // The module goes away.
     rig.driver.detach();
@@ -192,25 +196,28 @@ class ApplesmcSelectorTest : public testing::Test {
     std::unique_ptr<SMC> &smc = rig.smc;
 };
 
-TEST_F(ApplesmcSelectorTest, KnownKeysAreReadWithoutSearching) {
+TEST_F(ApplesmcSelectorTest, UsesSpoiltByAMovedSelectorAreDoneAgainOrBusyAndKnownKeysNotSought) {
     smc->info("TC0P");
+    smc->info("FS! ");
+    moveSelectorAfterSelects(1000);
+    EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_BUSY));
+    EXPECT_EQ(errorOf([&] { smc->write("FS! ", 1.0); }), kernelError(SMC_KERN_BUSY));
+    EXPECT_EQ(errorOf([&] { smc->info("TB0T"); }), kernelError(SMC_KERN_BUSY));
+    EXPECT_EQ(rig.driver.fanStores(), "");
+
+    moveSelectorAfterSelects(2);
+    EXPECT_EQ(smc->info("F0Mx").size, 2u);
+    EXPECT_EQ(rig.driver.selectorMoves(), 2) << "a search";
     std::size_t before = rig.driver.accesses();
-    smc->read("TC0P");
+    smc->read("F0Mx");
     EXPECT_EQ(rig.driver.accesses() - before, 3u);  // select, data, name
 
     // Listing the keys tells the transport their indexes: describing one is then four
     // accesses (select, type, length, name) instead of a search.
     smc->allKeys();
     before = rig.driver.accesses();
-    smc->info("TB0T");
+    smc->info("F0Mn");
     EXPECT_EQ(rig.driver.accesses() - before, 4u);
-}
-
-TEST_F(ApplesmcSelectorTest, SearchesDescriptionsAndReadsSpoiltByAMovedSelectorAreDoneAgain) {
-    moveSelectorAfterSelects(2);
-    EXPECT_EQ(smc->info("TC0P").size, 2u);
-    EXPECT_EQ(rig.driver.selectorMoves(), 2) << "a search";
-    smc->allKeys();  // every index known, TB0T not described yet
     moveSelectorAfterSelects(1);
     EXPECT_EQ(smc->info("TB0T"), (ostrel::SMCKeyInfo{"TB0T", "sp78", 2, 0x80}));
     EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a description";
@@ -219,22 +226,10 @@ TEST_F(ApplesmcSelectorTest, SearchesDescriptionsAndReadsSpoiltByAMovedSelectorA
     EXPECT_EQ(rig.driver.selectorMoves(), 1) << "a read";
 }
 
-TEST_F(ApplesmcSelectorTest, ASelectorThatNeverStaysPutMakesTheDeviceBusyNotWrong) {
-    smc->info("TC0P");
-    smc->info("FS! ");
-    moveSelectorAfterSelects(1000);
-    EXPECT_EQ(errorOf([&] { smc->read("TC0P"); }), kernelError(SMC_KERN_BUSY));
-    EXPECT_EQ(errorOf([&] { smc->write("FS! ", 1.0); }), kernelError(SMC_KERN_BUSY));
-    EXPECT_EQ(errorOf([&] { smc->info("TB0T"); }), kernelError(SMC_KERN_BUSY));
-    moveSelectorAfterSelects(0);
-    EXPECT_EQ(smc->info("TB0T").size, 2u);
-    EXPECT_EQ(rig.driver.fanStores(), "");
-}
-
 TEST_F(ApplesmcSelectorTest, ConcurrentReadersHoldTheLockForEverySelectorUse) {
     // Two threads on one connection and a third process of its own.
     auto other = rig.driver.opener();
-    SMC second(std::make_unique<ApplesmcTransport>(rig.driver.device(), kLock, *other));
+    SMC second(rig.open(*other));
     std::vector<std::thread> readers;
     for (auto [connection, key] :
          {std::pair{smc.get(), "TC0P"}, {smc.get(), "F0Mx"}, {&second, "TB0T"}}) {
@@ -248,18 +243,6 @@ TEST_F(ApplesmcSelectorTest, ConcurrentReadersHoldTheLockForEverySelectorUse) {
         reader.join();
     }
     EXPECT_EQ(rig.driver.unlockedSelectorUses(), 0u);
-}
-
-// The mainline device, and a directory that is none: ApplesmcPlainFilesTest.
-TEST(ApplesmcDeviceTest, FindsTheT2DeviceUnderTheRootAndTakesADirectoryWithATrailingSlash) {
-    ostrel::platform::FakeEnvironment env{{{"OSTREL_ROOT", "/sandbox"}}};
-    Machine machine = ostrel::test::builtinMachine("macbookpro16-1");
-    FakeApplesmc t2(machine, Variant::t2, "/sandbox/sys");
-    auto files = t2.opener();
-    ostrel::platform::Paths paths(env);
-    EXPECT_EQ(csmc::findApplesmcDevice("", *files, paths),
-              "/sandbox/sys/bus/acpi/devices/APP0001:00");
-    EXPECT_EQ(csmc::findApplesmcDevice(t2.device() + "/", *files, paths), t2.device());
 }
 
 // Plain files cannot act as a selector, so the tree holds one key only.

@@ -17,16 +17,8 @@ namespace {
 constexpr unsigned kMaxFans = 10;
 constexpr unsigned long kSpeedLimit = 0x4000;
 
-// Whole decimal digits, nothing else, without overflow.
-std::optional<unsigned long> digits(std::string_view text) {
-    unsigned long value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return ec == std::errc{} && end == text.data() + text.size() ? std::optional(value)
-                                                                 : std::nullopt;
-}
-
 // The kernel's kstrtoul(text, 10): an optional '+', decimal digits, at most one trailing
-// newline; anything else, and overflow, is refused.
+// newline; anything else, and overflow, is refused. (Fan file numbers are read with it too.)
 std::optional<unsigned long> kernelUnsigned(std::string_view text) {
     if (text.ends_with('\n')) {
         text.remove_suffix(1);
@@ -34,7 +26,10 @@ std::optional<unsigned long> kernelUnsigned(std::string_view text) {
     if (text.starts_with('+')) {
         text.remove_prefix(1);
     }
-    return digits(text);
+    unsigned long value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return ec == std::errc{} && end == text.data() + text.size() ? std::optional(value)
+                                                                 : std::nullopt;
 }
 
 // "%s" of a four-character code: it stops at a NUL byte.
@@ -57,7 +52,7 @@ std::optional<FanFile> fanFile(std::string_view name) {
     if (!name.starts_with("fan") || underscore == std::string_view::npos) {
         return std::nullopt;
     }
-    std::optional<unsigned long> number = digits(name.substr(3, underscore - 3));
+    std::optional<unsigned long> number = kernelUnsigned(name.substr(3, underscore - 3));
     std::string_view kind = name.substr(underscore + 1);
     if (!number || *number == 0 || (kind != "min" && kind != "output" && kind != "manual")) {
         return std::nullopt;
@@ -99,10 +94,9 @@ class FakeApplesmc::Opener final : public platform::Sysfs {
         return driver.use(path, text, unused, *this);
     }
     platform::LockResult lockExclusive(const std::string &) override {
-        if (uid != 0) {
-            return {EACCES, nullptr};
-        }
-        return {0, std::make_unique<Hold>(driver.fileLock_, driver.holder_)};
+        return uid != 0 ? platform::LockResult{EACCES, nullptr}
+                        : platform::LockResult{
+                              0, std::make_unique<Hold>(driver.fileLock_, driver.holder_)};
     }
 
     FakeApplesmc &driver;
@@ -202,12 +196,6 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         out = "applesmc\n";
         return 0;
     }
-    if (attribute == "key_count") {
-        unsigned long count = 0;
-        int error = readUnsigned(smc_fourcc("#KEY"), 4, count);
-        out = error == 0 ? std::to_string(count) + "\n" : "";
-        return error;
-    }
     if (attribute == "key_at_index") {
         out = std::to_string(selector_) + "\n";
         return 0;
@@ -232,11 +220,15 @@ int FakeApplesmc::show(const std::string &attribute, std::string &out) {
         }
         return 0;
     }
-    FanFile fan = *fanFile(attribute);
+    // key_count, or a fan file.
+    std::optional<FanFile> file = fanFile(attribute);
+    FanFile fan = file.value_or(FanFile{});
     std::vector<std::uint8_t> bytes;
     unsigned long number = 0;
     int error = 0;
-    if (fan.kind == "manual" && variant_ == Variant::mainline) {
+    if (!file) {
+        error = readUnsigned(smc_fourcc("#KEY"), 4, number);
+    } else if (fan.kind == "manual" && variant_ == Variant::mainline) {
         error = readUnsigned(csmc::kForceMaskKey, 2, number);
         number = (number >> fan.index) & 1;
     } else if (fan.kind == "manual") {

@@ -39,7 +39,6 @@ class FakeApplesmc {
     // variant's place: devices/platform/applesmc.768 or bus/acpi/devices/APP0001:00.
     FakeApplesmc(vsmc::Machine &machine, Variant variant, std::string sysRoot = "/sys");
 
-    // The attribute directory.
     const std::string &device() const { return device_; }
 
     // A process using the driver's files as `uid` (0 is root). The lock it offers is

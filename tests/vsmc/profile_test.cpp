@@ -84,9 +84,8 @@ TEST(ProfileText, ParsesEveryKindOfLineAndKeysFollowTheirNamesUnlessALineSaysOth
                                                 {smc_fourcc("FS! "), Source::none, 0, 1}}));
     EXPECT_EQ(p.sensors, (std::vector<SensorService>{{"PMU tdie1", Source::board, 6},
                                                      {"gauge", Source::battery, 0}}));
-    EXPECT_TRUE(p.battery.present);
-    EXPECT_EQ(p.battery.cells, 4);
-    EXPECT_FALSE(p.battery.remaining.has_value());
+    EXPECT_EQ(std::tuple(p.battery.present, p.battery.cells, p.battery.remaining),
+              std::tuple(true, 4, std::nullopt));
 
     auto bound = [](const char *key, const char *type) {
         return defaultBinding(smc_fourcc(key), smc_fourcc(type));
@@ -191,8 +190,7 @@ TEST(Scenario, RampsHoldLoopKeepUnnamedSettingsErrorsNameTheLineAndPlayingStopsB
     EXPECT_EQ(scenarioAt(s, 5, start), (ScenarioValues{0.25, 0.25, 20, true}));
     EXPECT_EQ(scenarioAt(s, 15, start), (ScenarioValues{0.625, 0.375, 30, false}));
     EXPECT_EQ(scenarioAt(s, 1000, start), (ScenarioValues{1, 0.5, 30, false}));
-    EXPECT_FALSE(scenarioFinished(s, 19));
-    EXPECT_TRUE(scenarioFinished(s, 20));
+    EXPECT_EQ(std::pair(scenarioFinished(s, 19), scenarioFinished(s, 20)), std::pair(false, true));
 
     // A ramp retargeted halfway starts from where it got; a loop starts again from the top.
     Scenario ramps = parseScenario("at 0 cpu 1 over 10\nat 5 cpu 0 over 5\n", "x");

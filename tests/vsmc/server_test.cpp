@@ -31,6 +31,7 @@ using ostrel::test::writeNumber;
 using ostrel::vsmc::Server;
 using ostrel::vsmc::VirtualMac;
 using testing::HasSubstr;
+using testing::Pair;
 
 // A connection on the vsmc transport, closed with the object; `opened` tells how opening
 // went.
@@ -221,12 +222,11 @@ TEST_F(VsmcServer, InjectedFaultsReachTheChannelAndBadCallsOrArgumentsSayWhy) {
         {{"scenario", dir.put("bad.scenario", "at 0 cpu 7\n")}, 1, "bad.scenario:1: cpu load '7'"}};
     for (const auto &[args, status, message] : cases) {
         Ran ran = ctl(args);
-        EXPECT_EQ(ran.status, status) << args[0];
-        EXPECT_THAT(ran.err, HasSubstr(message)) << args[0];
+        EXPECT_THAT(std::pair(ran.status, ran.err), Pair(status, HasSubstr(message))) << args[0];
     }
     Ran missing = ctl({"status"}, dir.path() + "/none.sock");
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_THAT(missing.err, HasSubstr("no virtual Mac answers at"));
+    EXPECT_THAT(std::pair(missing.status, missing.err),
+                Pair(1, HasSubstr("no virtual Mac answers")));
 
     // Calls that cannot be carried out are answered with why.
     const std::vector<std::pair<nlohmann::json, std::string>> refused = {
@@ -314,12 +314,9 @@ TEST_F(VsmcServer, CtlStatusJsonListsTheDocumentedMembersInOrderAndTheClockRunsA
                                     "scenario", "temperatures", "hottestCpu", "power", "fanControl",
                                     "testKey", "unlockRefusalsLeft", "fans", "battery", "writes",
                                     "exchanges", "faults", "vanished", "speed", "profile"));
-    EXPECT_EQ(status["time"], 60.0);
-    EXPECT_EQ(status["fans"].size(), 4u);
-
-    Ran human = ctl({"status"});
-    EXPECT_THAT(human.out, HasSubstr("MacPro7,1  t=60.0 s"));
-    EXPECT_THAT(human.out, HasSubstr("fan 3"));
+    EXPECT_EQ(status["fans"].size(), 4u);  // its time: the status calls below
+    EXPECT_THAT(ctl({"status"}).out,
+                testing::AllOf(HasSubstr("MacPro7,1  t=60.0 s"), HasSubstr("fan 3")));
 
     // The clock runs at the given speed and sleeps when paused.
     Client client(socket, clock);
