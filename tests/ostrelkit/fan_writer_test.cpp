@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 
 #include "ostrel/fan_writer.h"
 #include "ostrel/sampler.h"
