@@ -64,12 +64,12 @@ TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
         {{temp(G::gpu, 55), temp(G::gpu, NAN), temp(G::ambient, 30)}, 55, 55, 55, 55},
     };
     for (const Case &c : cases) {
-        Snapshot snapshot = withTemperatures(c.readings);
-        EXPECT_EQ(snapshot.hottest(), c.hottest);
-        EXPECT_EQ(snapshot.maximumKnownTemperature(), c.maximumKnown);
-        EXPECT_EQ(snapshot.temperature(CurveSensor::cpu), c.cpu);
-        EXPECT_EQ(snapshot.temperature(CurveSensor::gpu), c.gpu);
-        EXPECT_EQ(snapshot.temperature(CurveSensor::max), c.hottest);
+        Snapshot s = withTemperatures(c.readings);
+        EXPECT_EQ(
+            std::vector({s.hottest(), s.maximumKnownTemperature(), s.temperature(CurveSensor::cpu),
+                         s.temperature(CurveSensor::gpu), s.temperature(CurveSensor::max)}),
+            std::vector<std::optional<double>>(
+                {c.hottest, c.maximumKnown, c.cpu, c.gpu, c.hottest}));
     }
 }
 

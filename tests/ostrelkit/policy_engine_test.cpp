@@ -96,20 +96,19 @@ TEST_F(EngineTest, AllFullSpeedPoliciesAreNeverSuspended) {
     play({{120, 2, {F{120}, M{0, 6000}, M{1, 6000}}, true}});
 }
 
-TEST_F(EngineTest, CurvesFollowTheirSensorOrHandTheFanBack) {
+TEST_F(EngineTest, CurvesFollowTheirSensorOrHandTheFanBackAndActionsFollowTheFanOrder) {
     engine.set(FanPolicy::curve(FanCurve("50:min,70:3000,85:max", CurveSensor::gpu)), 1);
     // No GPU reading: the hottest (CPU) temperature drives it.
     EXPECT_EQ(engine.tick(snapshot(60)), (Actions{M{1, 2100}}));
     // The board is consulted only when there is neither CPU nor GPU.
     EXPECT_EQ(engine.tick(snapshot(std::nullopt, 2, 90)), (Actions{M{1, 6000}}));
     EXPECT_EQ(engine.tick(snapshot(std::nullopt)), Actions{Engine::Auto{1}});
-}
 
-TEST_F(EngineTest, ActionsFollowTheSnapshotsFanOrderAndSpeedsAreResolved) {
+    // Actions follow the snapshot's fan order, whatever order the policies were set in.
     engine.set(FanPolicy::fixed(kInf), 2);
     engine.set(FanPolicy::fixed(0), 0);
     engine.set(FanPolicy::fixed(9000), 5);  // not in the snapshot: nothing
-    EXPECT_EQ(engine.tick(snapshot(40, 3)), (Actions{M{0, 1200}, M{2, 6000}}));
+    EXPECT_EQ(engine.tick(snapshot(40, 3)), (Actions{M{0, 1200}, M{1, 1200}, M{2, 6000}}));
 }
 
 TEST_F(EngineTest, SettingTheLastPolicyToAutoOrClearingResetsTheFailsafe) {

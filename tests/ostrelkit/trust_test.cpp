@@ -59,8 +59,7 @@ TEST_F(CodeSignatureTest, SignedBlocksVerifyAndNameTheTeamOfTheKeyAsTheRunningPr
         << keyed.problem;
 
     SignatureInfo adhoc = verifyBytes(test::signedBytes(kContent, "dev.ostrel.cli", nullptr));
-    EXPECT_TRUE(adhoc.valid() && adhoc.adhoc());
-    EXPECT_FALSE(adhoc.team);
+    EXPECT_TRUE(adhoc.valid() && adhoc.adhoc() && !adhoc.team);
     EXPECT_THROW(signatureBlock(kContent, "has space", nullptr), CodeSigningError);
 
     // The team is a fixed function of the key, worked out independently (BLAKE2b-256 of the
