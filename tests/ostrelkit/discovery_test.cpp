@@ -176,7 +176,7 @@ TEST(DiscoveryCacheFormat, WritesTheDocumentedLinesAndReadsThemBack) {
     EXPECT_EQ(Discovery::fromCache(text), d);
 }
 
-TEST(DiscoveryCacheFormat, InvalidFilesAreRejected) {
+TEST(DiscoveryCacheFormat, InvalidFilesAreRejectedAndTheRestReadLeniently) {
     const std::string good = "ostrel-discovery 2 10 0 0 0\nmodel M\n";
     ASSERT_TRUE(Discovery::fromCache(good));
     for (const std::string &bad : {
@@ -193,9 +193,8 @@ TEST(DiscoveryCacheFormat, InvalidFilesAreRejected) {
          }) {
         EXPECT_FALSE(Discovery::fromCache(bad)) << bad;
     }
-}
 
-TEST(DiscoveryCacheFormat, LenientWhereTheFormatIsLenient) {
+    // Lenient where the format is lenient.
     EXPECT_EQ(
         Discovery::fromCache(
             "\n\noops-not-magic 2 4294967297 1x 0 \n"  // magic not compared; count wraps

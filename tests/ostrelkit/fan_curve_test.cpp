@@ -98,7 +98,7 @@ TEST(FanCurveTest, ValidateChecksOrderFinitenessAndSpeed) {
     EXPECT_EQ(validateFailure(curve({{-1e300, 0}, {1e300, 1e300}})), "(valid)");
 }
 
-TEST(FanCurveTest, EvaluationInterpolatesBetweenResolvedSpeeds) {
+TEST(FanCurveTest, EvaluationInterpolatesBetweenResolvedSpeedsRaisedThenCappedByTheLimits) {
     FanCurve curve("50:min,70:3000,85:max", CurveSensor::cpu);
     struct Case {
         double at, expected;
@@ -109,25 +109,20 @@ TEST(FanCurveTest, EvaluationInterpolatesBetweenResolvedSpeeds) {
     for (const Case &c : cases) {
         EXPECT_DOUBLE_EQ(curve.rpm(c.at, 1200, 6000), c.expected) << c.at;
     }
-}
 
-TEST(FanCurveTest, LimitsResolveRaiseFirstThenCap) {
+    // Limits resolve by raising first, then capping.
     EXPECT_EQ(FanCurve({{50, 500}}, CurveSensor::cpu).rpm(50, 1200, 6000), 1200);
     EXPECT_EQ(FanCurve({{50, 9000}}, CurveSensor::cpu).rpm(50, 1200, 6000), 6000);
-    FanCurve curve("50:min,70:3000,85:max", CurveSensor::cpu);
     for (double at : {0.0, 55.0, 60.0, 75.0, 100.0}) {
         EXPECT_EQ(curve.rpm(at, 3000, 2000), 2000) << at;
     }
-    FanCurve nanSpeed;
-    nanSpeed.points = {{50, NAN}};
-    EXPECT_EQ(nanSpeed.rpm(50, 1200, 6000), 1200);
+    curve.points = {{50, NAN}};
+    EXPECT_EQ(curve.rpm(50, 1200, 6000), 1200);
     EXPECT_EQ(FanCurve().rpm(50, 1200, 6000), 1200);
-}
 
-TEST(FanCurveTest, SpansNarrowerThanATenThousandthOfADegreeAreWidened) {
-    FanCurve curve;
+    // Spans narrower than a ten-thousandth of a degree are widened: 0.000005 over a span
+    // widened to 0.0001 is 5% of the way, not half.
     curve.points = {{50, 1000}, {50.00001, 2000}};
-    // 0.000005 over a span widened to 0.0001 is 5% of the way, not half.
     EXPECT_NEAR(curve.rpm(50.000005, 0, 6000), 1050, 1e-6);
     curve.points = {{50, 1000}, {50, 2000}, {60, 3000}};  // a decoded, invalid curve
     EXPECT_EQ(curve.rpm(50, 0, 6000), 1000);

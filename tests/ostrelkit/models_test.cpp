@@ -35,7 +35,7 @@ Snapshot withPower(std::vector<std::pair<const char *, double>> readings) {
     return Snapshot({}, {}, {}, std::move(power), {}, {}, std::nullopt);
 }
 
-TEST(SnapshotTest, NoUsableTemperatureMeansNoDerivedTemperature) {
+TEST(SnapshotTest, DerivedTemperaturesNeedAUsableOneAndCpuAndGpuOutrankOtherGroups) {
     const std::vector<Reading> unusable[] = {
         {},
         {temp(G::cpu, 60, false), temp(G::gpu, 50, false)},
@@ -48,9 +48,8 @@ TEST(SnapshotTest, NoUsableTemperatureMeansNoDerivedTemperature) {
                                s.temperature(CurveSensor::gpu), s.temperature(CurveSensor::max)}),
                   std::vector<std::optional<double>>(8));
     }
-}
 
-TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
+    // CPU and GPU outrank the other groups for the curves' sensors.
     struct Case {
         std::vector<Reading> readings;
         double hottest, maximumKnown, cpu, gpu;  // the max sensor is the hottest
@@ -64,12 +63,12 @@ TEST(SnapshotTest, CpuAndGpuOutrankOtherGroupsForHottest) {
         {{temp(G::gpu, 55), temp(G::gpu, NAN), temp(G::ambient, 30)}, 55, 55, 55, 55},
     };
     for (const Case &c : cases) {
-        Snapshot s = withTemperatures(c.readings);
-        EXPECT_EQ(
-            std::vector({s.hottest(), s.maximumKnownTemperature(), s.temperature(CurveSensor::cpu),
-                         s.temperature(CurveSensor::gpu), s.temperature(CurveSensor::max)}),
-            std::vector<std::optional<double>>(
-                {c.hottest, c.maximumKnown, c.cpu, c.gpu, c.hottest}));
+        Snapshot snapshot = withTemperatures(c.readings);
+        EXPECT_EQ(snapshot.hottest(), c.hottest);
+        EXPECT_EQ(snapshot.maximumKnownTemperature(), c.maximumKnown);
+        EXPECT_EQ(snapshot.temperature(CurveSensor::cpu), c.cpu);
+        EXPECT_EQ(snapshot.temperature(CurveSensor::gpu), c.gpu);
+        EXPECT_EQ(snapshot.temperature(CurveSensor::max), c.hottest);
     }
 }
 

@@ -111,9 +111,8 @@ TEST_F(UnixServerTest, OwnsItsSocketFileFromDirectoryToRemoval) {
     server = listen();
     int fd = connect();
     EXPECT_EQ(ask(fd, "hello"), "hello");
-    EXPECT_TRUE(echo.peer.known);
-    EXPECT_EQ(echo.peer.pid, ::getpid());
-    EXPECT_EQ(echo.peer.uid, ::getuid());
+    EXPECT_EQ(std::tuple(echo.peer.known, echo.peer.pid, echo.peer.uid),
+              std::tuple(true, ::getpid(), ::getuid()));
     sendAll(fd, "bad\n");
     settle();
     EXPECT_TRUE(closedByPeer(fd)) << "what the protocol does not allow closes the connection";
