@@ -64,9 +64,8 @@ TEST_F(CodesignTest, KeygenSignVerifyAndShow) {
 
     ASSERT_EQ(run({"show", file, "--json"}), 0);
     nlohmann::json shown = nlohmann::json::parse(out.str());
-    EXPECT_EQ(shown["identifier"], "dev.ostrel.cli");
-    EXPECT_EQ(shown["adhoc"], true);
-    EXPECT_EQ(shown["valid"], true);
+    EXPECT_EQ(std::tuple(shown["identifier"], shown["adhoc"], shown["valid"]),
+              std::tuple("dev.ostrel.cli", true, true));
 
     std::ofstream(file, std::ios::app) << "appended";
     ASSERT_EQ(run({"show", file}), 0);

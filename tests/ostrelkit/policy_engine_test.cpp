@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <limits>
 
 #include "ostrel/policy_engine.h"
@@ -112,16 +113,14 @@ TEST_F(EngineTest, CurvesFollowTheirSensorOrHandTheFanBackAndActionsFollowTheFan
 }
 
 TEST_F(EngineTest, SettingTheLastPolicyToAutoOrClearingResetsTheFailsafe) {
-    engine.set(FanPolicy::fixed(2000), 0);
-    play({{100, 2, {F{100}}, true}});
-    engine.set(FanPolicy(), 0);
-    EXPECT_FALSE(engine.suspended());
-    EXPECT_TRUE(engine.policies().empty());
-    engine.set(FanPolicy::fixed(2000), 0);
-    play({{100, 2, {F{100}}, true}});
-    engine.clear();
-    EXPECT_FALSE(engine.suspended());
-    EXPECT_FALSE(engine.isActive());
+    for (const auto &reset : std::vector<std::function<void()>>{[&] { engine.set(FanPolicy(), 0); },
+                                                                [&] { engine.clear(); }}) {
+        engine.set(FanPolicy::fixed(2000), 0);
+        play({{100, 2, {F{100}}, true}});
+        reset();
+        EXPECT_EQ(std::tuple(engine.suspended(), engine.isActive(), engine.policies().empty()),
+                  std::tuple(false, false, true));
+    }
 }
 
 }  // namespace

@@ -17,8 +17,7 @@ TEST(PathsTest, SystemPathsMoveInsideTheRoot) {
     FakeEnvironment env;
     EXPECT_EQ(Paths(env).helperSocket(), "/run/dev.ostrel.helper.sock");
     env.set("OSTREL_ROOT", "/tmp/sandbox//");
-    Paths paths(env);
-    EXPECT_EQ(paths.helperSocket(), "/tmp/sandbox/run/dev.ostrel.helper.sock");
+    EXPECT_EQ(Paths(env).helperSocket(), "/tmp/sandbox/run/dev.ostrel.helper.sock");
     // The other system paths are joined the same way; the applesmc, installer and policy
     // tests use them under a root.
 }
