@@ -57,12 +57,10 @@ TEST(Channel, ExchangesStatusesAndTheTableWalkAsTheChannelPromisesThem) {
 
     smc_key_info seeded{smc_fourcc("F0Mx"), smc_fourcc("fpe2"), 2, 0x80};
     smc_key_info_seed(conn.get(), &seeded);
-    double number = -1;
-    ASSERT_EQ(smc_read_double(conn.get(), seeded.key, &number), SMC_OK);
-    EXPECT_EQ(number, 6000);
+    EXPECT_EQ(ostrel::test::readNumber(conn.get(), "F0Mx"), 6000);
     EXPECT_EQ(exchanges(), (Counts{2, 3, 0}));
 
-    number = -1;
+    double number = -1;
     EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("RPlt"), &number), SMC_ETYPE);
     EXPECT_EQ(number, -1) << "an undecodable type leaves the output alone";
 
