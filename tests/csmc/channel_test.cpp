@@ -19,6 +19,7 @@ using ostrel::vsmc::KeyEntry;
 using ostrel::vsmc::Machine;
 using testing::HasSubstr;
 using Counts = std::vector<std::uint64_t>;
+using Statuses = std::vector<std::int32_t>;
 
 const std::uint32_t kTC0P = smc_fourcc("TC0P");
 const std::uint32_t kF0Tg = smc_fourcc("F0Tg");
@@ -56,12 +57,10 @@ TEST(Channel, ExchangesStatusesAndTheTableWalkAsTheChannelPromisesThem) {
 
     smc_key_info seeded{smc_fourcc("F0Mx"), smc_fourcc("fpe2"), 2, 0x80};
     smc_key_info_seed(conn.get(), &seeded);
-    double number = -1;
-    ASSERT_EQ(smc_read_double(conn.get(), seeded.key, &number), SMC_OK);
-    EXPECT_EQ(number, 6000);
+    EXPECT_EQ(ostrel::test::readNumber(conn.get(), "F0Mx"), 6000);
     EXPECT_EQ(exchanges(), (Counts{2, 3, 0}));
 
-    number = -1;
+    double number = -1;
     EXPECT_EQ(smc_read_double(conn.get(), smc_fourcc("RPlt"), &number), SMC_ETYPE);
     EXPECT_EQ(number, -1) << "an undecodable type leaves the output alone";
 
@@ -81,14 +80,11 @@ TEST(Channel, ExchangesStatusesAndTheTableWalkAsTheChannelPromisesThem) {
     }
 
     // The table is walked in key order, and its count needs a four-byte value.
-    std::uint32_t count = 0;
-    ASSERT_EQ(smc_key_count(conn.get(), &count), SMC_OK);
-    EXPECT_EQ(count, 5u);  // four rows and #KEY
-    std::uint32_t key = 0;
-    ASSERT_EQ(smc_key_at_index(conn.get(), 0, &key), SMC_OK);
-    EXPECT_EQ(key, smc_fourcc("#KEY"));
-    ASSERT_EQ(smc_key_at_index(conn.get(), 4, &key), SMC_OK);
-    EXPECT_EQ(key, kTC0P);
+    std::uint32_t count = 0, first = 0, key = 0;  // count: four rows and #KEY
+    EXPECT_EQ((Statuses{smc_key_count(conn.get(), &count), smc_key_at_index(conn.get(), 0, &first),
+                        smc_key_at_index(conn.get(), 4, &key)}),
+              Statuses(3, SMC_OK));
+    EXPECT_EQ(std::tuple(count, first, key), std::tuple(5u, smc_fourcc("#KEY"), kTC0P));
     key = 42;
     EXPECT_EQ(smc_key_at_index(conn.get(), 5, &key), SMC_EFIRMWARE);
     EXPECT_EQ(key, 42u) << "output left alone on failure";
@@ -104,14 +100,13 @@ TEST(Channel, ExchangesStatusesAndTheTableWalkAsTheChannelPromisesThem) {
     EXPECT_EQ(smc_key_info_get(conn.get(), kF0Tg, &info),
               static_cast<std::int32_t>(SMC_KERN_IO_ERROR));
     std::uint8_t bytes[33] = {0x1F, 0x40, 0};
-    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 3), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), kF0Tg, bytes, 1), SMC_ESIZE);
-
     KeyEntry big{smc_fourcc("BIG!"), smc_fourcc("hex_"), 33, 0xC0, {}};
     machine.keys().put(big);
-    EXPECT_EQ(smc_read(conn.get(), big.key, &value), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 33), SMC_ESIZE);
-    EXPECT_EQ(smc_write(conn.get(), big.key, bytes, 32), SMC_ESIZE);
+    EXPECT_EQ(
+        (Statuses{smc_write(conn.get(), kF0Tg, bytes, 3), smc_write(conn.get(), kF0Tg, bytes, 1),
+                  smc_read(conn.get(), big.key, &value), smc_write(conn.get(), big.key, bytes, 33),
+                  smc_write(conn.get(), big.key, bytes, 32)}),
+        Statuses(5, SMC_ESIZE));
     EXPECT_EQ(exchanges(), (Counts{before[0] + 3, before[1], before[2]}));
 
     ASSERT_EQ(smc_write(conn.get(), kF0Tg, bytes, 2), SMC_OK);

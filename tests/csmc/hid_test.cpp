@@ -19,11 +19,10 @@ struct Handle {
     ~Handle() { smc_hid_close(hid); }
     Readings read(std::int32_t capacity) {
         std::vector<smc_hid_reading> out(static_cast<std::size_t>(std::max(capacity, 1)));
-        std::int32_t n = smc_hid_read(hid, out.data(), capacity);
+        out.resize(static_cast<std::size_t>(smc_hid_read(hid, out.data(), capacity)));
         Readings result;
-        for (std::int32_t i = 0; i < n; ++i) {
-            result.emplace_back(out[static_cast<std::size_t>(i)].name,
-                                out[static_cast<std::size_t>(i)].celsius);
+        for (const smc_hid_reading &r : out) {
+            result.emplace_back(r.name, r.celsius);
         }
         return result;
     }

@@ -20,10 +20,8 @@ namespace {
 using namespace ostrel;
 
 constexpr auto setPolicy = test::setPolicyLine;
-const std::string kVersion = R"({"id":1,"call":"version"})"
-                             "\n";
-const std::string kPolicies = R"({"id":3,"call":"policies"})"
-                              "\n";
+const std::string kVersion = test::requestLine(1, ControlProtocol::Call::version);
+const std::string kPolicies = test::requestLine(3, ControlProtocol::Call::policies);
 const std::string kFixed2500 = R"({"fixed":{"rpm":2500}})";
 
 class DaemonE2E : public testing::Test {

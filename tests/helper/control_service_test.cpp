@@ -23,9 +23,7 @@ using testing::ElementsAre;
 using Line = test::LineClient;
 
 constexpr auto setPolicy = test::setPolicyLine;
-std::string request(std::int64_t id, ControlProtocol::Call call) {
-    return ControlProtocol::requestLine({id, call, 0, ""});
-}
+constexpr auto request = test::requestLine;
 
 struct ServiceRig : test::Sandbox {
     explicit ServiceRig(CodeRequirement requirement = clientRequirement(std::nullopt))

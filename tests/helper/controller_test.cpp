@@ -255,11 +255,10 @@ INSTANTIATE_TEST_SUITE_P(BuiltinMachines, ControllerTest, testing::ValuesIn(kPro
 // above catches: fan limits that fail to read taken as 0 and 0 (every speed the minimum).
 TEST(SoakTest, EveryInvariantHoldsUnderFaultsOnEveryBuiltinMachine) {
     ostrel::soak::Counts total;
-    for (const char *profile :
-         {"macbookpro10-1", "macbookpro16-1", "macbookpro18-2", "macpro7-1"}) {
-        ostrel::soak::Run run(profile, 16);
+    for (const Profile &profile : kProfiles) {
+        ostrel::soak::Run run(profile.name, 16);
         run.run(5000);
-        EXPECT_THAT(run.violations, testing::IsEmpty()) << profile;
+        EXPECT_THAT(run.violations, testing::IsEmpty()) << profile.name;
         for (const auto &[name, count] : run.counts) {
             total[name] += count;
         }

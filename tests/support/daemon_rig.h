@@ -83,8 +83,7 @@ class DaemonRig {
         waitInDirectory(root_.path() + "/run", [&] {
             for (int i = 0; i < 1000 && helper_->running(); ++i) {
                 if (LineClient ping(socket()); ping.connected()) {
-                    ping.send(R"({"id":0,"call":"version"})"
-                              "\n");
+                    ping.send(requestLine(0, ControlProtocol::Call::version));
                     ping.reply();
                     return true;
                 }

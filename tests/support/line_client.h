@@ -15,16 +15,16 @@ namespace ostrel::test {
 inline std::string setPolicyLine(std::int64_t id, std::int64_t fan, const std::string &policy) {
     return ControlProtocol::requestLine({id, ControlProtocol::Call::setPolicy, fan, policy});
 }
+// The request line, newline included, of a `call` without arguments.
+inline std::string requestLine(std::int64_t id, ControlProtocol::Call call) {
+    return ControlProtocol::requestLine({id, call, 0, ""});
+}
 
 class LineClient {
   public:
     explicit LineClient(const std::string &path) : fd_(rawSocket(path)) {}
     bool connected() const { return fd_.get() >= 0; }
-    bool send(const std::string &bytes) {
-        // A daemon that closed the connection makes this false, not a SIGPIPE.
-        return ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
-    }
+    bool send(const std::string &bytes) { return sendAll(fd_.get(), bytes); }
     // The next line without its newline; nothing once the daemon closed the connection
     // (or after 20 s without one), or when it never connected.
     std::optional<std::string> reply() {

@@ -20,10 +20,7 @@ inline Signer teamSigner() {
 }
 
 inline platform::ProcessResult printed(std::string output, int exitCode = 0) {
-    platform::ProcessResult result;
-    result.exitCode = exitCode;
-    result.output = std::move(output);
-    return result;
+    return {0, false, exitCode, std::nullopt, std::move(output), ""};
 }
 
 struct SelfUpdateRig {

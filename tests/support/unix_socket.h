@@ -25,6 +25,7 @@ inline int rawSocket(const std::string &path, bool bound = false) {
     return fd;
 }
 
+// False when not all of `bytes` went, as when the peer closed the connection: no SIGPIPE.
 inline bool sendAll(int fd, const std::string &bytes) {
     return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(bytes.size());

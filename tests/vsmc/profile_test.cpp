@@ -90,15 +90,13 @@ TEST(ProfileText, ParsesEveryKindOfLineAndKeysFollowTheirNamesUnlessALineSaysOth
     auto bound = [](const char *key, const char *type) {
         return defaultBinding(smc_fourcc(key), smc_fourcc(type));
     };
-    EXPECT_EQ(bound("TC0P", "sp78")->source, Source::proximity);
-    EXPECT_EQ(bound("TC3C", "sp78")->source, Source::cpu);
-    EXPECT_EQ(bound("Tp09", "flt ")->source, Source::cpu);
-    EXPECT_EQ(bound("TB0T", "sp78")->source, Source::battery);
-    EXPECT_EQ(bound("PSTR", "flt ")->source, Source::systemPower);
-    EXPECT_EQ(bound("B0AV", "ui16")->source, Source::batteryMillivolts);
-    EXPECT_FALSE(bound("TCFP", "ui8 ")) << "a T key that is not a measurement";
-    EXPECT_FALSE(bound("VBAT", "flag"));
-    EXPECT_FALSE(bound("RPlt", "ch8*"));
+    EXPECT_EQ((std::vector{bound("TC0P", "sp78")->source, bound("TC3C", "sp78")->source,
+                           bound("Tp09", "flt ")->source, bound("TB0T", "sp78")->source,
+                           bound("PSTR", "flt ")->source, bound("B0AV", "ui16")->source}),
+              (std::vector{Source::proximity, Source::cpu, Source::cpu, Source::battery,
+                           Source::systemPower, Source::batteryMillivolts}));
+    // TCFP: a T key that is not a measurement.
+    EXPECT_FALSE(bound("TCFP", "ui8 ") || bound("VBAT", "flag") || bound("RPlt", "ch8*"));
     EXPECT_NE(bound("TC1C", "sp78")->offset, bound("TC2C", "sp78")->offset)
         << "cores do not read alike";
 
