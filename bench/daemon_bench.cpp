@@ -75,10 +75,10 @@ test::DaemonRig &rig() {
     return rig;
 }
 
-std::string setPolicyLine(int fan, double rpm) {
-    return ControlProtocol::requestLine(
-        {1, ControlProtocol::Call::setPolicy, fan,
-         "{\"fixed\":{\"rpm\":" + std::to_string(static_cast<int>(rpm)) + "}}"});
+// The request that holds `fan` (-1: every fan) at `rpm`.
+std::string fixedLine(int fan, double rpm) {
+    return test::setPolicyLine(
+        1, fan, "{\"fixed\":{\"rpm\":" + std::to_string(static_cast<int>(rpm)) + "}}");
 }
 
 // On the four-fan machine: idle, then with a policy on every fan after twenty ticks' worth of
@@ -94,11 +94,11 @@ void BM_Memory(benchmark::State &state) {
         state.counters["anon_idle_kib"] = static_cast<double>(statusValue(status, "RssAnon"));
         roundTrip(
             client,
-            ControlProtocol::requestLine(
-                {1, ControlProtocol::Call::setPolicy, -1,
-                 R"({"curve":{"_0":{"points":[{"temperature":40,"rpm":0},{"temperature":80,"rpm":"inf"}],"sensor":"cpu"}}})"}));
+            test::setPolicyLine(
+                1, -1,
+                R"({"curve":{"_0":{"points":[{"temperature":40,"rpm":0},{"temperature":80,"rpm":"inf"}],"sensor":"cpu"}}})"));
         for (int i = 0; i < 20; ++i) {
-            roundTrip(client, setPolicyLine(0, 2500 + i * 100));
+            roundTrip(client, fixedLine(0, 2500 + i * 100));
         }
         state.counters["rss_active_kib"] = static_cast<double>(statusValue(status, "VmRSS"));
         state.counters["anon_active_kib"] = static_cast<double>(statusValue(status, "RssAnon"));
@@ -124,8 +124,7 @@ void BM_RoundTrip(benchmark::State &state) {
     const bool setPolicy = state.range(0) == 1;
     const auto clients = static_cast<std::size_t>(state.range(1));
     const int perClient = clients == 1 ? 2000 : 50;
-    const std::string version =
-        ControlProtocol::requestLine({1, ControlProtocol::Call::version, 0, ""});
+    const std::string version = test::requestLine(1, ControlProtocol::Call::version);
     for (auto _ : state) {
         std::vector<std::vector<double>> latencies(clients);
         std::vector<std::thread> threads;
@@ -134,8 +133,8 @@ void BM_RoundTrip(benchmark::State &state) {
             threads.emplace_back([&, c] {
                 test::LineClient client(rig().socket());
                 for (int i = 0; i < perClient; ++i) {
-                    auto t = roundTrip(client,
-                                       setPolicy ? setPolicyLine(0, 2000 + i % 2 * 100) : version);
+                    auto t =
+                        roundTrip(client, setPolicy ? fixedLine(0, 2000 + i % 2 * 100) : version);
                     if (t.count() < 0) {
                         ++refused;
                         return;
@@ -199,7 +198,7 @@ void BM_SocketAbuse(benchmark::State &state) {
         test::DaemonRig rig("macbookpro16-1");
         rig.start();
         test::LineClient setter(rig.socket());
-        roundTrip(setter, setPolicyLine(-1, 2500));
+        roundTrip(setter, fixedLine(-1, 2500));
         std::string policies = test::fileBytes(rig.policiesPath());
         Json fans = rig.status()["fans"];
 
@@ -208,8 +207,7 @@ void BM_SocketAbuse(benchmark::State &state) {
         double worstGap = 0;
         std::thread client([&] {
             test::LineClient good(rig.socket());
-            const std::string version =
-                ControlProtocol::requestLine({1, ControlProtocol::Call::version, 0, ""});
+            const std::string version = test::requestLine(1, ControlProtocol::Call::version);
             while (!done) {
                 auto t = roundTrip(good, version);
                 if (t.count() < 0) {

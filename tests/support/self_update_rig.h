@@ -20,7 +20,7 @@ inline Signer teamSigner() {
 }
 
 inline platform::ProcessResult printed(std::string output, int exitCode = 0) {
-    return {0, false, exitCode, std::nullopt, std::move(output), ""};
+    return {.exitCode = exitCode, .signal = {}, .output = std::move(output), .error = {}};
 }
 
 struct SelfUpdateRig {
@@ -33,7 +33,7 @@ struct SelfUpdateRig {
         put(source, &teamKey());
         processes.respond = [this](const platform::ProcessLaunch &) { return answer; };
     }
-    // A copy of the daemon at `path`, signed with `key`.
+    // A copy of the daemon at `path`, signed with `key` (ad hoc when null).
     void put(const std::string &path, const SigningKey *key) {
         files.put(path, signedBytes("new daemon", "dev.ostrel.helper", key));
     }
